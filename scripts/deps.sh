@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, quietly and only when missing.
+#   scripts/deps.sh native   compilers, test and tool libraries, reference tools
+#   scripts/deps.sh cross    also the armel and s390x cross toolchains and qemu
+set -euo pipefail
+what=${1:-native}
+
+native=(cmake ninja-build g++ clang pkg-config ccache libgtest-dev libgmock-dev librapidcheck-dev
+        libbenchmark-dev libclang-rt-14-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev libtins-dev
+        tshark python3-scapy binutils file)
+cross=(g++-arm-linux-gnueabi g++-s390x-linux-gnu qemu-user
+       libgtest-dev:armel libstdc++6:armel librapidcheck-dev:armel
+       libgtest-dev:s390x libstdc++6:s390x librapidcheck-dev:s390x)
+
+wanted=("${native[@]}")
+if [ "$what" = cross ]; then
+  for arch in armel s390x; do
+    dpkg --print-foreign-architectures | grep -qx "$arch" || { dpkg --add-architecture "$arch"; need_update=1; }
+  done
+  wanted+=("${cross[@]}")
+fi
+
+missing=()
+for pkg in "${wanted[@]}"; do
+  dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || missing+=("$pkg")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+SUDO=; [ "$(id -u)" -eq 0 ] || SUDO=sudo
+export DEBIAN_FRONTEND=noninteractive
+echo "installing: ${missing[*]}"
+echo 'wireshark-common wireshark-common/install-setuid boolean false' | $SUDO debconf-set-selections 2>/dev/null || true
+$SUDO apt-get update -qq >/dev/null
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

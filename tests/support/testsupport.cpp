@@ -1,0 +1,210 @@
+#include "testsupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <sstream>
+
+#include "nuvcsock_test.h"
+
+namespace testsupport {
+
+std::string shared_path(std::string_view relative) {
+  return std::string(NIKERKIOG_SHARED_DIR) + "/" + std::string(relative);
+}
+
+std::string source_path(std::string_view relative) {
+  return std::string(NIKERKIOG_SOURCE_DIR) + "/" + std::string(relative);
+}
+
+std::string read_text_file(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(in.good()) << "cannot read " << path;
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+static int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+Bytes hex_bytes(std::string_view hex) {
+  Bytes out;
+  int high = -1;
+  for (char c : hex) {
+    int v = hex_value(c);
+    if (v < 0) {
+      EXPECT_TRUE(c == ' ' || c == ':' || c == '\n' || c == '\t') << "bad hex character '" << c << "'";
+      continue;
+    }
+    if (high < 0) {
+      high = v;
+    } else {
+      out.push_back(static_cast<std::uint8_t>(high << 4 | v));
+      high = -1;
+    }
+  }
+  EXPECT_EQ(high, -1) << "odd number of hex digits";
+  return out;
+}
+
+std::string to_hex(const std::uint8_t *data, std::size_t len) {
+  std::string s;
+  char b[4];
+  for (std::size_t i = 0; i < len; ++i) {
+    std::snprintf(b, sizeof b, i ? " %02x" : "%02x", data[i]);
+    s += b;
+  }
+  return s;
+}
+
+static std::uint32_t read_u32(const std::uint8_t *p, bool swapped) {
+  return swapped ? (std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3])
+                 : (std::uint32_t{p[3]} << 24 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[1]} << 8 | p[0]);
+}
+
+Capture read_pcap(const std::string &path) {
+  Capture capture;
+  std::string raw = read_text_file(path);
+  const auto *p = reinterpret_cast<const std::uint8_t *>(raw.data());
+  if (raw.size() < 24) {
+    ADD_FAILURE() << path << ": too short for a pcap header";
+    return capture;
+  }
+  std::uint32_t magic_le = read_u32(p, false);
+  bool swapped;
+  if (magic_le == 0xa1b2c3d4u || magic_le == 0xa1b23c4du) {
+    swapped = false;
+  } else if (magic_le == 0xd4c3b2a1u || magic_le == 0x4d3cb2a1u) {
+    swapped = true;
+  } else {
+    ADD_FAILURE() << path << ": not a pcap file";
+    return capture;
+  }
+  capture.link_type = read_u32(p + 20, swapped) & 0x0FFFFFFFu;
+  std::size_t pos = 24;
+  std::size_t number = 0;
+  while (pos + 16 <= raw.size()) {
+    std::uint32_t caplen = read_u32(p + pos + 8, swapped);
+    std::uint32_t wirelen = read_u32(p + pos + 12, swapped);
+    pos += 16;
+    if (caplen > raw.size() - pos) {
+      ADD_FAILURE() << path << ": record " << number + 1 << " runs past the end";
+      break;
+    }
+    capture.packets.push_back({++number, Bytes(p + pos, p + pos + caplen), wirelen});
+    pos += caplen;
+  }
+  return capture;
+}
+
+static std::uint16_t be16(const Bytes &b, std::size_t at) {
+  return static_cast<std::uint16_t>(b[at] << 8 | b[at + 1]);
+}
+
+NetworkLayer find_network_layer(const Capture &capture, const CapturedPacket &packet) {
+  NetworkLayer layer;
+  const Bytes &d = packet.data;
+  std::size_t at;
+  std::uint16_t type;
+  switch (capture.link_type) {
+    case kLinkEthernet:
+      if (d.size() < 14) return layer;
+      at = 12;
+      break;
+    case kLinkLinuxCooked:
+      if (d.size() < 16) return layer;
+      at = 14;
+      break;
+    case kLinkRaw:
+      if (d.empty()) return layer;
+      layer.offset = 0;
+      layer.ethertype = (d[0] >> 4) == 6 ? 0x86DD : 0x0800;
+      layer.found = true;
+      return layer;
+    default:
+      return layer;
+  }
+  type = be16(d, at);
+  at += 2;
+  while ((type == 0x8100 || type == 0x88A8 || type == 0x9100) && d.size() >= at + 4) {
+    layer.vlan_ids.push_back(be16(d, at) & 0x0FFF);
+    type = be16(d, at + 2);
+    at += 4;
+  }
+  layer.offset = at;
+  layer.ethertype = type;
+  layer.found = at <= d.size();
+  return layer;
+}
+
+std::vector<std::string> capture_names() {
+  std::vector<std::string> names;
+  std::string dir = shared_path("captures");
+  if (DIR *dp = opendir(dir.c_str())) {
+    while (dirent *e = readdir(dp)) {
+      std::string n = e->d_name;
+      if (n.size() > 5 && n.compare(n.size() - 5, 5, ".pcap") == 0) names.push_back(n);
+    }
+    closedir(dp);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::vector<IpPacket> all_captured_ip_packets() {
+  std::vector<IpPacket> out;
+  for (const auto &name : capture_names()) {
+    Capture c = read_pcap(shared_path("captures/" + name));
+    for (const auto &pkt : c.packets) {
+      NetworkLayer l = find_network_layer(c, pkt);
+      if (!l.found || (l.ethertype != 0x0800 && l.ethertype != 0x86DD)) continue;
+      out.push_back({name, pkt.number, l.ethertype, Bytes(pkt.data.begin() + l.offset, pkt.data.end())});
+    }
+  }
+  return out;
+}
+
+LiveBlocks live_blocks() {
+  return {nuvcsock_slab_live_blocks(), nuvcsock_cmemstack_live_blocks(), nuvcsock_memblock_live_blocks()};
+}
+
+NoLeakGuard::NoLeakGuard() : before_(live_blocks()) {}
+
+NoLeakGuard::~NoLeakGuard() {
+  nuvcsock_fail_nth_allocation(0);
+  LiveBlocks after = live_blocks();
+  EXPECT_EQ(after.slab, before_.slab) << "slab blocks leaked";
+  EXPECT_EQ(after.cmemstack, before_.cmemstack) << "scratch blocks leaked";
+  EXPECT_EQ(after.memblock, before_.memblock) << "memory blocks leaked";
+}
+
+bool have_program(const char *name) {
+  std::string cmd = std::string("command -v ") + name + " >/dev/null 2>&1";
+  return std::system(cmd.c_str()) == 0;
+}
+
+std::string run_command(const std::string &command, int *exit_status) {
+  std::string out;
+  FILE *f = popen(command.c_str(), "r");
+  if (!f) {
+    if (exit_status) *exit_status = -1;
+    return out;
+  }
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+  int status = pclose(f);
+  if (exit_status) *exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return out;
+}
+
+}  // namespace testsupport
