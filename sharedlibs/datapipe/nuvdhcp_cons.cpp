@@ -257,15 +257,13 @@ const ValueCodec *find_codec(const CodecByNumber (&table)[N], int number) {
   return nullptr;
 }
 
-// The codec of a record, or null when its option cannot be written at all
-// (no member, or a member type that has no wire form).
-const ValueCodec *codec_of(const Record &record) {
+// The codec of a record.  Options without a member (or with a member type
+// that has no wire form) have no value.
+const ValueCodec &codec_of(const Record &record) {
   const int type = DHCPOPTIONS_dhcpoptions_memberbymagic(&record);
-  if (type == DHCPCFG_TYPE_STRUCT) {
-    const ValueCodec *codec = find_codec(kStructuredCodecs, record.optionnr);
-    return codec ? codec : &kNoValue;
-  }
-  return find_codec(kCodecsByMemberType, type);
+  const ValueCodec *codec = type == DHCPCFG_TYPE_STRUCT ? find_codec(kStructuredCodecs, record.optionnr)
+                                                        : find_codec(kCodecsByMemberType, type);
+  return codec ? *codec : kNoValue;
 }
 
 // ---- the option buffer ----
@@ -350,16 +348,15 @@ void emit_configured(Construction &c, uint8_t code) {
   const Record *record = find_record(c.optlist, code);
   if (!record || c.done[code]) return;
   c.done[code] = true;
-  const ValueCodec *codec = codec_of(*record);
-  if (!codec) return;
+  const ValueCodec &codec = codec_of(*record);
   const bool text = c.textnul && option_is_text(code);
-  const bool has_value = codec->present(*record);
+  const bool has_value = codec.present(*record);
   // A text option without a value still goes out, as a lone NUL, when text
   // options are to be terminated.
   if (!has_value && !text) return;
-  uint32_t length = has_value ? codec->length(*record) : 0;
+  uint32_t length = has_value ? codec.length(*record) : 0;
   if (text) ++length;
-  emit_option(c, code, *record, *codec, length, has_value, text);
+  emit_option(c, code, *record, codec, length, has_value, text);
 }
 
 // Fills `order` and returns how many codes it holds.
