@@ -11,6 +11,22 @@ NIKERKIOG_BEGIN_DECLS
 
 /* ---- Memory operations and option store ---- */
 
+typedef struct dhcp_memops {
+  void *context;
+  void *(*alloc)(uint32_t size);
+  void (*free)(void *block);
+} dhcp_memops;
+
+typedef struct dhcp_option {
+  uint32_t len;
+  uint8_t *data;
+} dhcp_option;
+
+typedef dhcp_option dhcp_options[256];
+
+NIKERKIOG_API int dhcp_parse_option_buffer(const dhcp_memops *memops, const uint8_t *buf, int32_t len, dhcp_option *store);
+NIKERKIOG_API void dhcp_free_options(const dhcp_memops *memops, dhcp_option *store);
+
 
 
 /* ---- Option construction ---- */
