@@ -10,6 +10,8 @@
 NIKERKIOG_BEGIN_DECLS
 
 /* ---- Value parsers (rule text values) ---- */
+NIKERKIOG_API int parse_u8(const char *text, char **end, uint8_t *out8);
+NIKERKIOG_API int parse_ulong(const char *text, char **end, uint32_t *out32);
 
 
 
