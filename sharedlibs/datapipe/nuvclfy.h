@@ -10,8 +10,6 @@
 NIKERKIOG_BEGIN_DECLS
 
 /* ---- Value parsers (rule text values) ---- */
-NIKERKIOG_API int parse_u8(const char *text, char **end, uint8_t *out8);
-NIKERKIOG_API int parse_ulong(const char *text, char **end, uint32_t *out32);
 
 /* Each parser reads one value at text and, on success, stores in *end the
  * first character it did not consume.  On failure *end is left alone, but
