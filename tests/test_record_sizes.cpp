@@ -99,3 +99,12 @@ TEST(RecordSizes, ClassifierRuleFieldWidths) {
     EXPECT_EQ(offsetof(nuv_clfy, dev), 24u);
   }
 }
+
+TEST(RecordSizes, DhcpConfigurationRecords) {
+  EXPECT_EQ(sizeof(onlinecheckcfg_record), 32u);
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(option_6rd), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_value), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_record), 32u);
+  }
+}

@@ -28,11 +28,93 @@ static int check_dhcp_store(void) {
   return failures;
 }
 
+/* Address texts and rule value parsers from C. */
+static int check_address_text(void) {
+  int failures = 0;
+  struct in6_addr a6;
+  uint32_t a4 = 0;
+  char text[] = "fe80::1/64";
+  char *end = NULL;
+  uint8_t addr16[16];
+  uint8_t plen = 128;
+  uint8_t mac[6];
+  if (str2in6_addr("::1", &a6) != 0 || strcmp(ip6addr2str(&a6), "::1") != 0) {
+    fprintf(stderr, "str2in6_addr/ip6addr2str\n");
+    ++failures;
+  }
+  if (str2ipaddr("10.1.2.3", &a4) != 0 || strcmp(ipaddr2str(a4), "10.1.2.3") != 0) {
+    fprintf(stderr, "str2ipaddr/ipaddr2str\n");
+    ++failures;
+  }
+  if (dphelper_mask2prefixlen(dphelper_prefixlen2mask(20)) != 20) {
+    fprintf(stderr, "dphelper masks\n");
+    ++failures;
+  }
+  if (parse_prefix6(text, &end, addr16, &plen) != 0 || plen != 64 || addr16[0] != 0xfe) {
+    fprintf(stderr, "parse_prefix6\n");
+    ++failures;
+  }
+  if (parse_mac("00:11:22:33:44:55", &end, mac) != 0 || strcmp(ethaddr2str(mac), "00:11:22:33:44:55") != 0) {
+    fprintf(stderr, "parse_mac/ethaddr2str\n");
+    ++failures;
+  }
+  return failures;
+}
+
+/* Classifier rules, tables, compare and clone from C. */
+static int check_classifier(void) {
+  int failures = 0;
+  nuv_clfy_set set;
+  nuv_clfy *rule = nuv_clfy_alloc();
+  nuv_clfy *copy = NULL;
+  const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+  memset(&set, 0, sizeof set);
+  if (!rule || rule->ip_proto != 255 || rule->flags != 0) {
+    fprintf(stderr, "nuv_clfy_alloc\n");
+    ++failures;
+  }
+  if (rule) {
+    nuv_clfy_add_ip_dport(rule, NUV_CLFY_OP_EQ, 0x5050, 0);
+    if (rule->dports.count != 1 || !(rule->flags & NUV_CLFY_F_DPORTS)) {
+      fprintf(stderr, "nuv_clfy_add_ip_dport\n");
+      ++failures;
+    }
+    copy = nuv_clfy_clone(rule);
+    if (!copy || nuv_clfy_cmp(rule, copy, 0xffffffffu) != 0) {
+      fprintf(stderr, "nuv_clfy_clone/nuv_clfy_cmp\n");
+      ++failures;
+    }
+    nuv_clfy_free(copy);
+    nuv_clfy_add_tail(&set, rule);
+    if (nuv_clfy_del_and_free(&set, rule) != 0 || set.head) {
+      fprintf(stderr, "nuv_clfy_del_and_free\n");
+      ++failures;
+    }
+  }
+  if (nuv_clfy_ethersrctab_add("c", mac) != 0 || !nuv_clfy_ethersrctab_is_in(nuv_clfy_ethersrctab_find("c"), mac)) {
+    fprintf(stderr, "nuv_clfy_ethersrctab\n");
+    ++failures;
+  }
+  nuv_clfy_ethersrctab_freeall();
+  if (nuv_clfy_ipdsttab_add4("c", 0x0100007fu) != 0 ||
+      nuv_clfy_ipdsttab_is_in(nuv_clfy_ipdsttab_find("c"), 0x0100007fu) != 1) {
+    fprintf(stderr, "nuv_clfy_ipdsttab\n");
+    ++failures;
+  }
+  nuv_clfy_ipdsttab_freeall();
+  if (nuv_clfy_register_action("c-action", NULL, NULL) < 1 || nuv_clfy_find_action("c-action") < 1) {
+    fprintf(stderr, "nuv_clfy_register_action\n");
+    ++failures;
+  }
+  return failures;
+}
+
 int main(void) {
-  /* Filled in as modules arrive: each check prints what failed. */
   int failures = 0;
   failures += check_dhcp_store();
   failures += check_dhcp_store();
+  failures += check_address_text();
+  failures += check_classifier();
   if (failures) fprintf(stderr, "%d C-linkage checks failed\n", failures);
   return failures ? 1 : 0;
 }
