@@ -47,3 +47,12 @@ TEST(RecordSizes, Ip6ForwardRuleBlockHeader) {
   EXPECT_EQ(offsetof(ip6_forwardrule, capacity), 46u);
   EXPECT_EQ(offsetof(ip6_forwardrule, entries), 48u);
 }
+
+TEST(RecordSizes, DhcpConfigurationRecords) {
+  EXPECT_EQ(sizeof(onlinecheckcfg_record), 32u);
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(option_6rd), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_value), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_record), 32u);
+  }
+}
