@@ -61,6 +61,11 @@ static int check_forward_rules(void) {
   }
   if (pcphandling_parse("internet", &pcp) != 0 || strcmp(pcphandling2str(pcp), "internet") != 0) {
     fprintf(stderr, "pcphandling_*\n");
+    ++failures;
+  }
+  return failures;
+}
+
 /* Address texts and rule value parsers from C. */
 static int check_address_text(void) {
   int failures = 0;
