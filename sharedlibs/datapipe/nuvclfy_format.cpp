@@ -79,13 +79,16 @@ void print_link_layer(TextWriter &out, const nuv_clfy &rule) {
   if (rule.flags & NUV_CLFY_F_VLAN_PRIO) out.printf(" vlan.prio %u", rule.vlan_prio);
 }
 
+// Address fields are 16-byte unions aligned for 32-bit words.
+const in6_addr *as_in6(const std::uint8_t *bytes) { return reinterpret_cast<const in6_addr *>(bytes); }
+
 // IPv4 conditions print address and mask as two dotted quads.
 void print_address(TextWriter &out, const char *keyword, const std::uint8_t *addr, std::uint8_t prefixlen,
                    std::uint8_t family) {
   if (family == 4)
     out.printf(" %s %s %s", keyword, ipaddr2str(dp::load_net32(addr)), ipaddr2str(dp::load_net32(addr + 4)));
   else if (family == 6)
-    out.printf(" %s %s/%u", keyword, ip6addr2str(addr), prefixlen);
+    out.printf(" %s %s/%u", keyword, ip6addr2str(as_in6(addr)), prefixlen);
 }
 
 void print_ipdsttab(TextWriter &out, const ipdsttab &table) {
@@ -93,29 +96,29 @@ void print_ipdsttab(TextWriter &out, const ipdsttab &table) {
   for (std::uint32_t i = 0; i < table.count; ++i) {
     const ipdsttab_entry &entry = table.entries[i];
     if (entry.family == 6)
-      out.printf(" %s", ip6addr2str(entry.addr));
+      out.printf(" %s", ip6addr2str(as_in6(entry.addr.v6)));
     else
-      out.printf(" %s", ipaddr2str(dp::load_net32(entry.addr)));
+      out.printf(" %s", ipaddr2str(dp::load_net32(entry.addr.v6)));
   }
 }
 
 // " tcp", " udp", or a lone space for ports under any other protocol.
 const char *port_prefix(std::uint8_t proto) {
-  if (proto == NUV_CLFY_PROTO_TCP) return " tcp";
-  if (proto == NUV_CLFY_PROTO_UDP) return " udp";
+  if (proto == dp::clfy::kProtoTcp) return " tcp";
+  if (proto == dp::clfy::kProtoUdp) return " udp";
   return " ";
 }
 
 void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp) {
   const char *table = dhcp.ethsrctab ? dhcp.ethsrctab->name : "";
-  const char *pattern = dhcp.match.pattern ? dhcp.match.pattern : "";
-  if (dhcp.match.code == 0)
-    out.printf(" dhcpheader %s %s %s", dhcp_hfield2str(dhcp.match.sub), pattern, table);
-  else if (dhcp.match.code == 124 || dhcp.match.code == 125)
-    out.printf(" dhcpoption %d/0x%lx/%d %s %s", dhcp.match.code, static_cast<unsigned long>(dhcp.match.enterprise),
-               dhcp.match.sub, pattern, table);
+  const char *pattern = dhcp.pattern ? dhcp.pattern : "";
+  if (dhcp.code == 0)
+    out.printf(" dhcpheader %s %s %s", dhcp_hfield2str(dhcp.sub), pattern, table);
+  else if (dhcp.code == 124 || dhcp.code == 125)
+    out.printf(" dhcpoption %d/0x%lx/%d %s %s", dhcp.code, static_cast<unsigned long>(dhcp.enterprise),
+               dhcp.sub, pattern, table);
   else
-    out.printf(" dhcpoption %d %s %s", dhcp.match.code, pattern, table);
+    out.printf(" dhcpoption %d %s %s", dhcp.code, pattern, table);
 }
 
 void print_transport(TextWriter &out, const nuv_clfy &rule) {
@@ -132,7 +135,7 @@ void print_transport(TextWriter &out, const nuv_clfy &rule) {
 }
 
 void print_ip(TextWriter &out, const nuv_clfy &rule) {
-  if (!(rule.flags & NUV_CLFY_GROUP_IP_PRINTED)) return;
+  if (!(rule.flags & NUV_CLFY_GROUP_IP_NO_ICMP)) return;
   if (rule.flags & NUV_CLFY_F_IP_VERSION) out.printf(" ip.version %u", rule.ip_version);
   if (rule.flags & NUV_CLFY_F_IP_PROTO) out.printf(" ip.proto %u", rule.ip_proto);
   if (rule.flags & NUV_CLFY_F_IP_TOS) out.printf(" ip.tos 0x%x/0x%x", rule.ip_tos, rule.ip_tos_mask);
@@ -141,16 +144,16 @@ void print_ip(TextWriter &out, const nuv_clfy &rule) {
     print_comparison(out, rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2);
   }
   if (rule.flags & NUV_CLFY_F_IP_SADDR)
-    print_address(out, "ip.saddr", rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family);
+    print_address(out, "ip.saddr", rule.ip_saddr.v6, rule.ip_saddr_prefixlen, rule.ip_saddr_family);
   if (rule.flags & NUV_CLFY_F_IP_DADDR)
-    print_address(out, "ip.daddr", rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family);
+    print_address(out, "ip.daddr", rule.ip_daddr.v6, rule.ip_daddr_prefixlen, rule.ip_daddr_family);
   if ((rule.flags & NUV_CLFY_F_IPDSTTAB) && rule.ipdsttab) print_ipdsttab(out, *rule.ipdsttab);
   print_transport(out, rule);
 }
 
 void print_action(TextWriter &out, const nuv_clfy &rule) {
   if (!rule.owner) return;
-  const nuv_clfy_action *action = clfy_action(rule.action);
+  const nuv_clfy_action *action = dp::clfy::action_at(rule.action);
   if (action) out.printf(" (%s)", action->name);
 }
 

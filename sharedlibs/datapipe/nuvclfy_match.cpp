@@ -79,7 +79,7 @@ bool addresses_hold(const nuv_clfy &rule, const std::uint8_t *eth) {
 }
 
 bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet) {
-  if (rule.flags & NUV_CLFY_GROUP_LINK_ADDRESS) {
+  if (rule.flags & dp::clfy::kLinkAddressConditions) {
     if (!packet.eth_header || !addresses_hold(rule, packet.eth_header)) return false;
   }
   const bool tagged = packet.vlan_tci & NUV_CLFY_VLAN_TAG_PRESENT;
@@ -108,7 +108,7 @@ bool ports_hold(const nuv_clfy &rule, const Transport &t) {
 
 bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
-  if (rule.ip_proto != NUV_CLFY_PROTO_TCP || !t.has(14)) return false;
+  if (rule.ip_proto != dp::clfy::kProtoTcp || !t.has(14)) return false;
   const std::uint16_t word = load_be16(t.at(12));
   return (word & dp::net_to_host16(rule.tcp_flags_mask)) == dp::net_to_host16(rule.tcp_flags);
 }
@@ -117,9 +117,9 @@ bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
 // transport part), at most `declared` bytes and never past the packet.
 bool payload_matches(const nuv_clfy &rule, const Transport &t, std::uint8_t proto, std::int64_t declared) {
   std::uint32_t header = 0;
-  if (proto == NUV_CLFY_PROTO_UDP) {
+  if (proto == dp::clfy::kProtoUdp) {
     header = kUdpHeaderLength;
-  } else if (proto == NUV_CLFY_PROTO_TCP) {
+  } else if (proto == dp::clfy::kProtoTcp) {
     if (!t.has(13)) return false;
     header = (*t.at(12) >> 4) * 4u;
   }
@@ -164,11 +164,12 @@ void forget_client(ethersrctab *table, const std::uint8_t *mac) {
 // learned into the rule's table, releases are forgotten and never match.
 bool dhcp_message_holds(nuv_clfy_dhcp &condition, const std::uint8_t *msg) {
   const dhcp_option &type = g_dhcp_store[kDhcpOptionMessageType];
+  const dhcp_match match{condition.code, condition.sub, condition.enterprise, condition.pattern};
   if (!type.data) return true;
   switch (type.data[0]) {
     case 1:  // DISCOVER
     case 3:  // REQUEST
-      if (!dhcp_packet_matches(&g_dhcp_memops, msg, g_dhcp_store, &condition.match)) return false;
+      if (!dhcp_packet_matches(&g_dhcp_memops, msg, g_dhcp_store, &match)) return false;
       _nuv_clfy_ethersrctab_add(condition.ethsrctab, msg + kDhcpChaddrOffset);
       return true;
     case 7:  // RELEASE
@@ -211,9 +212,9 @@ bool ipv4_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   if ((flags & NUV_CLFY_F_IP_LEN) &&
       !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, load_be16(ip + 2)))
     return false;
-  if ((flags & NUV_CLFY_F_IP_SADDR) && !ipv4_address_holds(rule.ip_saddr, rule.ip_saddr_family, ip + 12))
+  if ((flags & NUV_CLFY_F_IP_SADDR) && !ipv4_address_holds(rule.ip_saddr.v6, rule.ip_saddr_family, ip + 12))
     return false;
-  if ((flags & NUV_CLFY_F_IP_DADDR) && !ipv4_address_holds(rule.ip_daddr, rule.ip_daddr_family, ip + 16))
+  if ((flags & NUV_CLFY_F_IP_DADDR) && !ipv4_address_holds(rule.ip_daddr.v6, rule.ip_daddr_family, ip + 16))
     return false;
   if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ipdsttab_is_in(rule.ipdsttab, dp::load_net32(ip + 16)))
     return false;
@@ -288,10 +289,10 @@ bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
       !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, payload_length + kIpv6HeaderLength))
     return false;
   if ((flags & NUV_CLFY_F_IP_SADDR) &&
-      !ipv6_prefix_holds(rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + 8))
+      !ipv6_prefix_holds(rule.ip_saddr.v6, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + 8))
     return false;
   if ((flags & NUV_CLFY_F_IP_DADDR) &&
-      !ipv6_prefix_holds(rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + 24))
+      !ipv6_prefix_holds(rule.ip_daddr.v6, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + 24))
     return false;
   if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + 24)) return false;
   if (flags & NUV_CLFY_GROUP_TRANSPORT) {
@@ -318,7 +319,7 @@ bool rule_holds(nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mar
   if (rule.flags & NUV_CLFY_GROUP_IP) return ip_holds(rule, packet);
   // Without IP conditions a rule needs at least one condition it could test;
   // bits that name no condition do not make a rule match.
-  return (rule.flags & NUV_CLFY_PRE_IP_CONDITIONS) != 0;
+  return (rule.flags & dp::clfy::kConditionsBeforeIp) != 0;
 }
 
 }  // namespace

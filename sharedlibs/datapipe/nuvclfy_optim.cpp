@@ -119,7 +119,7 @@ void drop_superfluous(nuv_clfy_valuelist &list) {
     }
   }
   if (survivors == n) return;
-  auto *kept = static_cast<nuv_clfy_value *>(CLFY_ALLOC(survivors * sizeof(nuv_clfy_value)));
+  auto *kept = static_cast<nuv_clfy_value *>(CLFY_ZALLOC(survivors * sizeof(nuv_clfy_value)));
   if (!kept) return;
   std::uint32_t k = 0;
   for (std::uint32_t i = 0; i < n; ++i)
@@ -145,7 +145,7 @@ void fold_ipv4_mask(nuv_clfy &rule, std::uint8_t *addr, std::uint8_t family, std
 }
 
 void derive_eth_proto(nuv_clfy &rule) {
-  if (!(rule.flags & NUV_CLFY_GROUP_IP_PRINTED)) return;
+  if (!(rule.flags & NUV_CLFY_GROUP_IP_NO_ICMP)) return;
   // The family fields count even when the address condition itself went away.
   if (rule.ip_saddr_family == 4 || rule.ip_daddr_family == 4) {
     rule.eth_proto = host_to_net16(0x0800);
@@ -160,8 +160,8 @@ void derive_eth_proto(nuv_clfy &rule) {
 }  // namespace
 
 extern "C" void nuv_clfy_optim(nuv_clfy *rule) {
-  fold_ipv4_mask(*rule, rule->ip_saddr, rule->ip_saddr_family, NUV_CLFY_F_IP_SADDR);
-  fold_ipv4_mask(*rule, rule->ip_daddr, rule->ip_daddr_family, NUV_CLFY_F_IP_DADDR);
+  fold_ipv4_mask(*rule, rule->ip_saddr.v6, rule->ip_saddr_family, NUV_CLFY_F_IP_SADDR);
+  fold_ipv4_mask(*rule, rule->ip_daddr.v6, rule->ip_daddr_family, NUV_CLFY_F_IP_DADDR);
   optimise_list(rule->vlan_ids);
   optimise_list(rule->sports);
   optimise_list(rule->dports);
@@ -213,7 +213,7 @@ BestGroup best_group(nuv_clfy *const *rules, std::size_t n) {
 struct PendingList {
   nuv_clfy_set set;
   PendingList() { std::memset(&set, 0, sizeof set); }
-  nuv_clfy *head() const { return set.rules; }
+  nuv_clfy *head() const { return set.head; }
 };
 
 void free_subtree_list(nuv_clfy *head) {
@@ -293,14 +293,14 @@ void free_clones(nuv_clfy **clones, std::size_t n) {
 }  // namespace
 
 extern "C" int nuv_clfy_set_optim(nuv_clfy_set *src, nuv_clfy_set *dst) {
-  if (!src->rules) return 0;
-  const std::size_t n = count_rules(src->rules);
-  auto **clones = static_cast<nuv_clfy **>(CLFY_ALLOC(n * sizeof(nuv_clfy *)));
+  if (!src->head) return 0;
+  const std::size_t n = count_rules(src->head);
+  auto **clones = static_cast<nuv_clfy **>(CLFY_ZALLOC(n * sizeof(nuv_clfy *)));
   if (!clones) return -1;
   std::memset(clones, 0, n * sizeof(nuv_clfy *));
   bool complete = true;
   std::size_t i = 0;
-  for (nuv_clfy *rule = src->rules; rule; rule = rule->next, ++i) {
+  for (nuv_clfy *rule = src->head; rule; rule = rule->next, ++i) {
     clones[i] = nuv_clfy_clone(rule);
     // A missing clone would silently drop a rule and change verdicts.
     if (!clones[i]) complete = false;
@@ -310,7 +310,7 @@ extern "C" int nuv_clfy_set_optim(nuv_clfy_set *src, nuv_clfy_set *dst) {
   free_clones(clones, n);
   CLFY_FREE(clones);
   if (result < 0) return -1;
-  dst->rules = tree;
+  dst->head = tree;
   nuv_clfy_set_walk(dst, set_owner, dst);
   return 0;
 }

@@ -122,14 +122,14 @@ int set_name(char *text, char **end, char *name, std::size_t size) {
 }
 
 int handle_dev(char *text, char **end, nuv_clfy *rule) {
-  set_name(text, end, rule->dev, NUV_CLFY_IFNAME_LIMIT);
+  set_name(text, end, rule->dev, dp::clfy::kIfNameLimit);
   rule->dev_ifindex = -1;
   rule->flags |= NUV_CLFY_F_DEV;
   return 0;
 }
 
 int handle_brdev(char *text, char **end, nuv_clfy *rule) {
-  set_name(text, end, rule->brdev, NUV_CLFY_IFNAME_LIMIT);
+  set_name(text, end, rule->brdev, dp::clfy::kIfNameLimit);
   rule->brdev_ifindex = -1;
   rule->flags |= NUV_CLFY_F_BRDEV;
   return 0;
@@ -142,7 +142,7 @@ int handle_ethport(char *text, char **end, nuv_clfy *) {
 }
 
 int handle_localmark(char *text, char **end, nuv_clfy *rule) {
-  unsigned char map[NUV_CLFY_LOCALMARK_SIZE];
+  unsigned char map[dp::clfy::kClassMapSize];
   std::memset(map, 0, sizeof map);
   char *name = skip_equals(text);
   for (;;) {
@@ -264,7 +264,7 @@ int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_ma
 }
 
 int handle_ip_tos(char *text, char **end, nuv_clfy *rule) {
-  if (parse_value_and_mask<std::uint8_t>(text, end, &rule->ip_tos, &rule->ip_tos_mask, NUV_CLFY_TOS_MASK_DEFAULT,
+  if (parse_value_and_mask<std::uint8_t>(text, end, &rule->ip_tos, &rule->ip_tos_mask, dp::clfy::kTosMaskDefault,
                                          parse_u8) < 0)
     return -1;
   rule->flags |= NUV_CLFY_F_IP_TOS;
@@ -272,7 +272,7 @@ int handle_ip_tos(char *text, char **end, nuv_clfy *rule) {
 }
 
 int handle_tcp_flags(char *text, char **end, nuv_clfy *rule) {
-  rule->ip_proto = NUV_CLFY_PROTO_TCP;
+  rule->ip_proto = dp::clfy::kProtoTcp;
   rule->flags |= NUV_CLFY_F_IP_PROTO;
   const std::uint16_t twelve_bits = dp::host_to_net16(0x0fff);
   if (parse_value_and_mask<std::uint16_t>(text, end, &rule->tcp_flags, &rule->tcp_flags_mask, twelve_bits,
@@ -311,13 +311,13 @@ int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *pref
 }
 
 int handle_ip_saddr(char *text, char **end, nuv_clfy *rule) {
-  if (parse_address(text, end, rule->ip_saddr, &rule->ip_saddr_prefixlen, &rule->ip_saddr_family) < 0) return -1;
+  if (parse_address(text, end, rule->ip_saddr.v6, &rule->ip_saddr_prefixlen, &rule->ip_saddr_family) < 0) return -1;
   rule->flags |= NUV_CLFY_F_IP_SADDR;
   return 0;
 }
 
 int handle_ip_daddr(char *text, char **end, nuv_clfy *rule) {
-  if (parse_address(text, end, rule->ip_daddr, &rule->ip_daddr_prefixlen, &rule->ip_daddr_family) < 0) return -1;
+  if (parse_address(text, end, rule->ip_daddr.v6, &rule->ip_daddr_prefixlen, &rule->ip_daddr_family) < 0) return -1;
   rule->flags |= NUV_CLFY_F_IP_DADDR;
   return 0;
 }
@@ -431,14 +431,14 @@ const nuv_clfy_keyword parsetab[] = {
     {"ipdsttab", handle_ipdsttab},
     {"ip.dest", handle_ip_daddr},
     {"ip.len", handle_ip_len},
-    {"udp.source", handle_ports<NUV_CLFY_PROTO_UDP, nuv_clfy_add_ip_sport>},
-    {"udp.sport", handle_ports<NUV_CLFY_PROTO_UDP, nuv_clfy_add_ip_sport>},
-    {"udp.dest", handle_ports<NUV_CLFY_PROTO_UDP, nuv_clfy_add_ip_dport>},
-    {"udp.dport", handle_ports<NUV_CLFY_PROTO_UDP, nuv_clfy_add_ip_dport>},
-    {"tcp.source", handle_ports<NUV_CLFY_PROTO_TCP, nuv_clfy_add_ip_sport>},
-    {"tcp.sport", handle_ports<NUV_CLFY_PROTO_TCP, nuv_clfy_add_ip_sport>},
-    {"tcp.dest", handle_ports<NUV_CLFY_PROTO_TCP, nuv_clfy_add_ip_dport>},
-    {"tcp.dport", handle_ports<NUV_CLFY_PROTO_TCP, nuv_clfy_add_ip_dport>},
+    {"udp.source", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>},
+    {"udp.sport", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>},
+    {"udp.dest", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>},
+    {"udp.dport", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>},
+    {"tcp.source", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>},
+    {"tcp.sport", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>},
+    {"tcp.dest", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>},
+    {"tcp.dport", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>},
     {"tcp.flags", handle_tcp_flags},
     {"icmp.type", handle_icmp_type},
     {"dhcpoption", handle_dhcpoption},

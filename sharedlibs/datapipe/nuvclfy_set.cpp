@@ -36,23 +36,23 @@ int show_rule(nuv_clfy *rule, int depth, void *) {
 extern "C" {
 
 nuv_clfy *nuv_clfy_get_clfy_from_set(nuv_clfy_set *set, uint8_t, const nuv_clfy_packet *packet) {
-  return first_applying(set->rules, *packet);
+  return first_applying(set->head, *packet);
 }
 
 int nuv_clfy_set_execute(nuv_clfy_set *set, void *arg, const nuv_clfy_packet *packet) {
-  nuv_clfy *rule = first_applying(set->rules, *packet);
+  nuv_clfy *rule = first_applying(set->head, *packet);
   if (!rule || !rule->owner) return 0;
-  const nuv_clfy_action *action = clfy_action(rule->action);
+  const nuv_clfy_action *action = dp::clfy::action_at(rule->action);
   if (!action || !action->execute) return 0;
   return action->execute(rule, arg, packet->eth_header, packet->eth_proto, packet->ip_header);
 }
 
 int nuv_clfy_set_walk(nuv_clfy_set *set, nuv_clfy_walk_callback callback, void *arg) {
-  return walk(set->rules, 0, callback, arg);
+  return walk(set->head, 0, callback, arg);
 }
 
 int nuv_clfy_set_show(nuv_clfy_set *set) {
-  walk(set->rules, 0, show_rule, nullptr);
+  walk(set->head, 0, show_rule, nullptr);
   return 0;
 }
 
