@@ -29,3 +29,12 @@ TEST(RecordSizes, DhcpOptionStore) {
     EXPECT_EQ(sizeof(dhcp_memops), 12u);
   }
 }
+
+TEST(RecordSizes, DhcpConfigurationRecords) {
+  EXPECT_EQ(sizeof(onlinecheckcfg_record), 32u);
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(option_6rd), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_value), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_record), 32u);
+  }
+}
