@@ -58,6 +58,14 @@ struct Set {
   }
 };
 
+// A host-order 16-bit value in network byte order (as parse_u16 delivers it).
+inline std::uint16_t net16(std::uint16_t host) {
+  const std::uint8_t b[2] = {static_cast<std::uint8_t>(host >> 8), static_cast<std::uint8_t>(host)};
+  std::uint16_t v;
+  std::memcpy(&v, b, 2);
+  return v;
+}
+
 inline std::uint32_t ipv4(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d) {
   std::uint32_t v;
   const std::uint8_t bytes[4] = {a, b, c, d};

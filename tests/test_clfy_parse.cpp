@@ -13,12 +13,7 @@ using clfytest::parse_result;
 
 namespace {
 
-std::uint16_t net16(std::uint16_t host) {
-  const std::uint8_t b[2] = {static_cast<std::uint8_t>(host >> 8), static_cast<std::uint8_t>(host)};
-  std::uint16_t v;
-  std::memcpy(&v, b, 2);
-  return v;
-}
+using clfytest::net16;
 
 void expect_entry(const nuv_clfy_valuelist &list, std::uint32_t i, std::uint32_t op, std::uint16_t v1,
                   std::uint16_t v2 = 0) {
