@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "nikerkiog.h"
 
 namespace clfytest {
@@ -157,6 +159,10 @@ struct Packet {
 };
 
 inline bool matches(nuv_clfy *rule, const Packet &p, std::uint32_t mark = 0) {
+  if (!rule) {
+    ADD_FAILURE() << "no rule to match (refused by the parser?)";
+    return false;
+  }
   return nuv_clfy_matches(rule, &p.desc, 0, mark) == 1;
 }
 
