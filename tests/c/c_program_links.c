@@ -61,11 +61,34 @@ static int check_address_text(void) {
   return failures;
 }
 
+/* Access rules from C: parse, normalise, print. */
+static int check_access_rules(void) {
+  int failures = 0;
+  ipaccess_rule rule;
+  int32_t policy = 0;
+  if (ipaccess_parse(&rule, "permit tcp any host 10.0.0.1 range 1024 65535 log") != 0) {
+    fprintf(stderr, "ipaccess_parse failed\n");
+    ++failures;
+  }
+  ipaccess_optim_rulestruct(&rule);
+  if (strcmp(ipaccess_string_use_flags(&rule), "permit tcp any host 10.0.0.1 ge 1024 log short") != 0) {
+    fprintf(stderr, "ipaccess_string_use_flags gave '%s'\n", ipaccess_string_use_flags(&rule));
+    ++failures;
+  }
+  if (ipaccesspolicy_parse(&policy, "reject") != 0 || policy != 3 ||
+      strcmp(ipaccesspolicy_string(9), "illegal-policy") != 0) {
+    fprintf(stderr, "access rule policy words wrong\n");
+    ++failures;
+  }
+  return failures;
+}
+
 int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
   failures += check_dhcp_store();
   failures += check_address_text();
+  failures += check_access_rules();
   if (failures) fprintf(stderr, "%d C-linkage checks failed\n", failures);
   return failures ? 1 : 0;
 }
