@@ -98,6 +98,9 @@ static int check_dhcp_match(void) {
   if (dhcp_packet_matches(&ops, msg, store, &m) != 1) { fprintf(stderr, "dhcp_packet_matches (header)\n"); ++failures; }
   if (strcmp(dhcp_hfield2str(11), "chaddr") != 0) { fprintf(stderr, "dhcp_hfield2str\n"); ++failures; }
   dhcp_free_options(&ops, store);
+  return failures;
+}
+
 /* Classifier rules, tables, compare and clone from C. */
 static int check_classifier(void) {
   int failures = 0;
