@@ -28,6 +28,44 @@ static int check_dhcp_store(void) {
   return failures;
 }
 
+/* Masquerade forward rules, IPv6 forward rules and port ranges, PCP handling. */
+static int check_forward_rules(void) {
+  int failures = 0;
+  ipmasqfwrule masq;
+  ipmasqfwruleex masqex;
+  ip6_portrange range;
+  uint64_t block_words[(48 + 4 * sizeof(ip6_portrange)) / 8 + 1];
+  ip6_forwardrule *block;
+  int32_t pcp = 0;
+  if (ipmasqfwrule_parse(&masq, "tcp 0.0.0.0:80 192.168.1.20:8080 0") != 0 ||
+      strcmp(ipmasqfwrule_string(&masq), "tcp 0.0.0.0:80 192.168.1.20:8080 0") != 0) {
+    fprintf(stderr, "ipmasqfwrule_parse/_string\n");
+    ++failures;
+  }
+  if (ipmasqfwruleex_parse(&masqex, "# udp :53 10.0.0.1:53 0 local # dns") != 0 || masqex.enabled != 0 ||
+      strcmp(ipmasqfwruleex_string(&masqex), "# udp 0.0.0.0:53 10.0.0.1:53 0 local # dns") != 0) {
+    fprintf(stderr, "ipmasqfwruleex_parse/_string\n");
+    ++failures;
+  }
+  block = ip6_forwardrule_init(block_words, 48 + 4 * sizeof(ip6_portrange));
+  if (!block || ip6_forwardrule_parse(block, "tcp 443,80") != 0 || ip6_forwardrule_parse(block, "gre") != 0 ||
+      ip6_forwardrule_finish(block) != 48 + 2 * sizeof(ip6_portrange) ||
+      strcmp(ip6_forwardrule2str(block), "TCP 80,443 GRE") != 0) {
+    fprintf(stderr, "ip6_forwardrule_*\n");
+    ++failures;
+  }
+  if (ip6_portrange_parse("udp 53 local", &range) != 0 || strcmp(ip6_portrange2str(&range), "UDP 53 local") != 0 ||
+      strcmp(ip6_portrange2simplestr(&range), "UDP 53") != 0) {
+    fprintf(stderr, "ip6_portrange_*\n");
+    ++failures;
+  }
+  if (pcphandling_parse("internet", &pcp) != 0 || strcmp(pcphandling2str(pcp), "internet") != 0) {
+    fprintf(stderr, "pcphandling_*\n");
+    ++failures;
+  }
+  return failures;
+}
+
 /* Address texts and rule value parsers from C. */
 static int check_address_text(void) {
   int failures = 0;
@@ -175,6 +213,7 @@ int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
   failures += check_dhcp_store();
+  failures += check_forward_rules();
   failures += check_address_text();
   failures += check_dhcp_match();
   failures += check_classifier();
