@@ -128,6 +128,20 @@ std::string flags_from_tshark(const std::string &hex) {
   return s;
 }
 
+// "<protocol> <source> -> <destination> <rest...>" as words, where the
+// protocol name may itself hold a blank ("Mobility Header"): {protocol,
+// source, "->", destination, rest...}.
+std::vector<std::string> line_words(const std::string &line) {
+  std::size_t arrow = line.find(" -> ");
+  if (arrow == std::string::npos) return {};
+  std::string left = line.substr(0, arrow);
+  std::size_t blank = left.rfind(' ');
+  if (blank == std::string::npos) return {};
+  std::vector<std::string> words{left.substr(0, blank), left.substr(blank + 1), "->"};
+  for (const auto &w : split(line.substr(arrow + 4), ' ')) words.push_back(w);
+  return words;
+}
+
 struct Described {
   std::string capture;
   std::size_t number;
@@ -183,7 +197,7 @@ TEST_F(DescriptionAgainstTshark, ProtocolAddressesPortsAndFlagsAgree) {
     SCOPED_TRACE(d.capture + " frame " + std::to_string(d.number) + ": " + d.line);
     ASSERT_TRUE(tshark[d.capture].count(d.number));
     Row &t = tshark[d.capture][d.number];
-    auto words = split(d.line, ' ');
+    auto words = line_words(d.line);
     ASSERT_GE(words.size(), 4u);
     EXPECT_EQ(words[2], "->");
     int proto = std::stoi(t[d.v6 ? "ipv6.nxt" : "ip.proto"]);
@@ -236,7 +250,7 @@ TEST(DescriptionAgainstLibtins, AddressesAgree) {
   std::size_t checked = 0;
   for (const auto &d : describe_all_captured(&skipped)) {
     SCOPED_TRACE(d.capture + " frame " + std::to_string(d.number) + ": " + d.line);
-    auto words = split(d.line, ' ');
+    auto words = line_words(d.line);
     ASSERT_GE(words.size(), 4u);
     std::string src = words[1], dst = words[3];
     if (words[0] == "TCP" || words[0] == "UDP") {

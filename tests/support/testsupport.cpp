@@ -130,6 +130,13 @@ NetworkLayer find_network_layer(const Capture &capture, const CapturedPacket &pa
       layer.ethertype = (d[0] >> 4) == 6 ? 0x86DD : 0x0800;
       layer.found = true;
       return layer;
+    case kLinkIpv4:
+    case kLinkIpv6:
+      if (d.empty()) return layer;
+      layer.offset = 0;
+      layer.ethertype = capture.link_type == kLinkIpv6 ? 0x86DD : 0x0800;
+      layer.found = true;
+      return layer;
     default:
       return layer;
   }

@@ -29,6 +29,8 @@ std::string to_hex(const std::uint8_t *data, std::size_t len);
 inline constexpr std::uint32_t kLinkEthernet = 1;
 inline constexpr std::uint32_t kLinkRaw = 101;
 inline constexpr std::uint32_t kLinkLinuxCooked = 113;
+inline constexpr std::uint32_t kLinkIpv4 = 228;  // bare IPv4 packets
+inline constexpr std::uint32_t kLinkIpv6 = 229;  // bare IPv6 packets
 
 struct CapturedPacket {
   std::size_t number;  // 1-based, as tshark numbers frames
