@@ -26,6 +26,7 @@ Bytes hex_bytes(std::string_view hex);
 std::string to_hex(const std::uint8_t *data, std::size_t len);
 
 // Link types of the captures.
+inline constexpr std::uint32_t kLinkNull = 0;  // BSD loopback: 4-byte address family
 inline constexpr std::uint32_t kLinkEthernet = 1;
 inline constexpr std::uint32_t kLinkRaw = 101;
 inline constexpr std::uint32_t kLinkLinuxCooked = 113;
