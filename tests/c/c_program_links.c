@@ -61,11 +61,83 @@ static int check_address_text(void) {
   return failures;
 }
 
+/* Classifier rules, tables, compare and clone from C. */
+static int check_classifier(void) {
+  int failures = 0;
+  nuv_clfy_set set;
+  nuv_clfy *rule = nuv_clfy_alloc();
+  nuv_clfy *copy = NULL;
+  const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+  memset(&set, 0, sizeof set);
+  if (!rule || rule->ip_proto != 255 || rule->flags != 0) {
+    fprintf(stderr, "nuv_clfy_alloc\n");
+    ++failures;
+  }
+  if (rule) {
+    nuv_clfy_add_ip_dport(rule, NUV_CLFY_OP_EQ, 0x5050, 0);
+    if (rule->dports.count != 1 || !(rule->flags & NUV_CLFY_F_DPORTS)) {
+      fprintf(stderr, "nuv_clfy_add_ip_dport\n");
+      ++failures;
+    }
+    copy = nuv_clfy_clone(rule);
+    if (!copy || nuv_clfy_cmp(rule, copy, 0xffffffffu) != 0) {
+      fprintf(stderr, "nuv_clfy_clone/nuv_clfy_cmp\n");
+      ++failures;
+    }
+    nuv_clfy_free(copy);
+    nuv_clfy_add_tail(&set, rule);
+    if (nuv_clfy_del_and_free(&set, rule) != 0 || set.head) {
+      fprintf(stderr, "nuv_clfy_del_and_free\n");
+      ++failures;
+    }
+  }
+  if (nuv_clfy_ethersrctab_add("c", mac) != 0 || !nuv_clfy_ethersrctab_is_in(nuv_clfy_ethersrctab_find("c"), mac)) {
+    fprintf(stderr, "nuv_clfy_ethersrctab\n");
+    ++failures;
+  }
+  nuv_clfy_ethersrctab_freeall();
+  if (nuv_clfy_ipdsttab_add4("c", 0x0100007fu) != 0 ||
+      nuv_clfy_ipdsttab_is_in(nuv_clfy_ipdsttab_find("c"), 0x0100007fu) != 1) {
+    fprintf(stderr, "nuv_clfy_ipdsttab\n");
+    ++failures;
+  }
+  nuv_clfy_ipdsttab_freeall();
+  if (nuv_clfy_register_action("c-action", NULL, NULL) < 1 || nuv_clfy_find_action("c-action") < 1) {
+    fprintf(stderr, "nuv_clfy_register_action\n");
+    ++failures;
+  }
+  return failures;
+}
+
+/* Access rules from C: parse, normalise, print. */
+static int check_access_rules(void) {
+  int failures = 0;
+  ipaccess_rule rule;
+  int32_t policy = 0;
+  if (ipaccess_parse(&rule, "permit tcp any host 10.0.0.1 range 1024 65535 log") != 0) {
+    fprintf(stderr, "ipaccess_parse failed\n");
+    ++failures;
+  }
+  ipaccess_optim_rulestruct(&rule);
+  if (strcmp(ipaccess_string_use_flags(&rule), "permit tcp any host 10.0.0.1 ge 1024 log short") != 0) {
+    fprintf(stderr, "ipaccess_string_use_flags gave '%s'\n", ipaccess_string_use_flags(&rule));
+    ++failures;
+  }
+  if (ipaccesspolicy_parse(&policy, "reject") != 0 || policy != 3 ||
+      strcmp(ipaccesspolicy_string(9), "illegal-policy") != 0) {
+    fprintf(stderr, "access rule policy words wrong\n");
+    ++failures;
+  }
+  return failures;
+}
+
 int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
   failures += check_dhcp_store();
   failures += check_address_text();
+  failures += check_classifier();
+  failures += check_access_rules();
   if (failures) fprintf(stderr, "%d C-linkage checks failed\n", failures);
   return failures ? 1 : 0;
 }
