@@ -408,7 +408,7 @@ TEST(DhcpConsOptions, EmptyStoreSlotIsNotCopied) {
   DhcpTestMemops mem;
   DhcpConfigBuilder cfg(mem.ops());
   PeerStore peer(mem.ops());
-  Bytes area = hex_bytes("50 00");
+  Bytes area = hex_bytes("50 00 ff");  // the area and the byte after it
   ASSERT_EQ(dhcp_parse_option_buffer(mem.ops(), area.data(), 2, peer.slots), 0);
   Built b = build(mem.ops(), cfg, peer.slots, 0);
   EXPECT_EQ(b.options(), hex_bytes("ff"));
