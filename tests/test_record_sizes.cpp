@@ -30,6 +30,24 @@ TEST(RecordSizes, DhcpOptionStore) {
   }
 }
 
+TEST(RecordSizes, Ip6PortRange) {
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(ip6_portrange), 20u);
+  }
+  EXPECT_EQ(offsetof(ip6_portrange, port_lo), 2u);
+  EXPECT_EQ(offsetof(ip6_portrange, port_hi), 4u);
+}
+
+TEST(RecordSizes, Ip6ForwardRuleBlockHeader) {
+  EXPECT_EQ(sizeof(ip6_forwardrule), 48u);
+  EXPECT_EQ(offsetof(ip6_forwardrule, all_protocols), 4u);
+  EXPECT_EQ(offsetof(ip6_forwardrule, ping), 8u);
+  EXPECT_EQ(offsetof(ip6_forwardrule, proto_bits), 12u);
+  EXPECT_EQ(offsetof(ip6_forwardrule, count), 44u);
+  EXPECT_EQ(offsetof(ip6_forwardrule, capacity), 46u);
+  EXPECT_EQ(offsetof(ip6_forwardrule, entries), 48u);
+}
+
 // ---- Classifier: tables, value lists, rule sets, actions ----
 
 TEST(RecordSizes, EtherSrcTabIs36Bytes) {
