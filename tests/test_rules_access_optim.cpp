@@ -341,7 +341,9 @@ TEST(AccessOptimProperty, ReducedRangesAdmitWhatTheReferenceAdmits) {
       } else {
         EXPECT_EQ(interval_of(s.op, s.port, ceiling), expected);
         EXPECT_EQ(s.port2, 0);
-        if (s.op == 0) EXPECT_EQ(s.port, 0);
+        if (s.op == 0) {
+          EXPECT_EQ(s.port, 0);
+        }
       }
     }
     if (HasFailure()) break;
