@@ -20,3 +20,21 @@ TEST(RecordSizes, TargetWidthIsKnown) {
     EXPECT_EQ(sizeof(long), 4u);
   }
 }
+
+TEST(RecordSizes, DhcpOptionStore) {
+  EXPECT_EQ(sizeof(dhcp_options) / sizeof(dhcp_option), 256u);
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(dhcp_option), 8u);
+    EXPECT_EQ(sizeof(dhcp_options), 2048u);
+    EXPECT_EQ(sizeof(dhcp_memops), 12u);
+  }
+}
+
+TEST(RecordSizes, DhcpConfigurationRecords) {
+  EXPECT_EQ(sizeof(onlinecheckcfg_record), 32u);
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(option_6rd), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_value), 24u);
+    EXPECT_EQ(sizeof(dhcpoptions_record), 32u);
+  }
+}

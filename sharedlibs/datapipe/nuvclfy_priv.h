@@ -1,0 +1,80 @@
+/* Classifier internals shared by the classifier's source files (private). */
+#ifndef NUVCLFY_PRIV_H
+#define NUVCLFY_PRIV_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "nuvclfy.h"
+#include "nuvcsock.h"
+
+namespace dp::clfy {
+
+// Every classifier allocation is tagged with this source path and the line of
+// the allocating call, so the platform allocator can trace leaks to us.
+inline constexpr char kSourceTag[] = "sharedlibs/datapipe/nuvclfy";
+
+// Zero-filled block of `size` bytes, or null.  The platform allocator is not
+// relied upon to zero memory.
+inline void *zalloc(std::size_t size, int line) {
+  void *block = slab_dmalloc(size, kSourceTag, line);
+  if (block) std::memset(block, 0, size);
+  return block;
+}
+
+inline char *strdup_tagged(const char *text, int line) { return slab_dstrdup(text, kSourceTag, line); }
+
+inline void release(void *block, int line) { slab_cbcontext_free(block, kSourceTag, line); }
+
+}  // namespace dp::clfy
+
+// Allocation macros: they pass the caller's line to the tagged allocator.
+#define CLFY_ZALLOC(size) ::dp::clfy::zalloc((size), __LINE__)
+#define CLFY_STRDUP(text) ::dp::clfy::strdup_tagged((text), __LINE__)
+#define CLFY_FREE(block) ::dp::clfy::release((block), __LINE__)
+
+namespace dp::clfy {
+
+// ---- Rules ----
+
+// Size of a localmark class map: one byte per traffic class 0..127.
+inline constexpr std::size_t kClassMapSize = 128;
+
+// The next rule serial number (advances the process-wide counter).
+std::uint32_t next_rule_id();
+
+// Frees what the rule owns and the record, without calling any action's
+// release callback.  Null is ignored.
+void release_rule(nuv_clfy *rule);
+
+// Frees every rule of the list at *head with all sub-rules (depth first, each
+// rule's children before the rule, siblings in list order) and leaves *head
+// null.
+void free_rule_list(nuv_clfy **head);
+
+// The registered action at the 1-based `index`, or null when `index` names
+// no registered action.
+const nuv_clfy_action *action_at(std::int32_t index);
+
+// ---- Value lists ----
+
+// Appends one entry (values already in host order).  Returns false when
+// memory is exhausted; the list is then unchanged.
+bool valuelist_append(nuv_clfy_valuelist &list, std::uint32_t op, std::uint16_t value1, std::uint16_t value2);
+
+// Makes `copy` an owned copy of `original` (same count, same entries).
+// `copy` must not own an array.  Returns false when memory is exhausted,
+// leaving `copy` empty.
+bool valuelist_copy(nuv_clfy_valuelist &copy, const nuv_clfy_valuelist &original);
+
+// Frees the list's array and leaves it empty.
+void valuelist_clear(nuv_clfy_valuelist &list);
+
+// True when both lists have the same count and, entry by entry, equal
+// operators, equal first values and, for ranges, equal second values.
+bool valuelist_identical(const nuv_clfy_valuelist &a, const nuv_clfy_valuelist &b);
+
+}  // namespace dp::clfy
+
+#endif

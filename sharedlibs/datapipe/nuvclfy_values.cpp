@@ -1,0 +1,250 @@
+// Value parsers for rule texts: numbers, IPv4/IPv6 prefixes, MAC addresses,
+// quoted strings, hex byte strings and words.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "dp_bytes.h"
+#include "nuvaddr.h"
+#include "nuvaddr_priv.h"
+#include "nuvclfy.h"
+
+namespace {
+
+constexpr int kMacBytes = 6;
+constexpr int kOuiBytes = 3;
+
+// ---------------------------------------------------------------------------
+// Numbers
+
+bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+struct Number {
+  std::uint32_t value;
+  const char *end;  // == the text when nothing was consumed
+};
+
+// strtoul(text, end, 0) as it behaves with a 32-bit unsigned long, which is
+// what the router's processor has: magnitudes beyond 32 bits saturate to
+// 0xffffffff (for either sign) and "-n" gives the 32-bit negation.  Doing it
+// the same way on 64-bit hosts keeps rule texts meaning the same everywhere.
+Number read_number(const char *text) {
+  const char *p = text;
+  while (is_c_space(*p)) ++p;
+  bool negative = false;
+  if (*p == '+' || *p == '-') negative = *p++ == '-';
+  // strtoull would skip blanks or take a second sign here; strtoul does not.
+  if (is_c_space(*p) || *p == '+' || *p == '-') return Number{0, text};
+  char *after;
+  const int saved_errno = errno;
+  const unsigned long long magnitude = std::strtoull(p, &after, 0);
+  errno = saved_errno;
+  if (after == p) return Number{0, text};
+  std::uint32_t value;
+  if (magnitude > 0xffffffffull)
+    value = 0xffffffffu;
+  else
+    value = negative ? 0u - static_cast<std::uint32_t>(magnitude) : static_cast<std::uint32_t>(magnitude);
+  return Number{value, after};
+}
+
+// The common rule of the number parsers: a value cut to `mask` fails only
+// when it is 0 and nothing was consumed.
+int parse_number(const char *text, char **end, std::uint32_t mask, std::uint32_t *out) {
+  const Number n = read_number(text);
+  const std::uint32_t value = n.value & mask;
+  if (value == 0 && n.end == text) return -1;
+  *out = value;
+  *end = const_cast<char *>(n.end);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// IPv4
+
+const char *skip_spaces(const char *p) {
+  while (*p == ' ') ++p;
+  return p;
+}
+
+// Spaces, then an optional "=" or "==", then spaces.
+const char *skip_equals(const char *p) {
+  p = skip_spaces(p);
+  if (*p == '=') {
+    ++p;
+    if (*p == '=') ++p;
+  }
+  return skip_spaces(p);
+}
+
+// One component of a dotted address: -1 without a leading digit, -2 above 255.
+int read_ip_component(const char *&p, std::uint32_t *value) {
+  if (!dp::is_decimal_digit(*p)) return -1;
+  std::uint32_t v = 0;
+  bool too_big = false;
+  for (; dp::is_decimal_digit(*p); ++p) {
+    v = v * 10 + static_cast<std::uint32_t>(*p - '0');
+    if (v > 255) {
+      too_big = true;
+      v = 256;  // keeps the sum bounded while the digits are passed over
+    }
+  }
+  if (too_big) return -2;
+  *value = v;
+  return 0;
+}
+
+// The mask part of a prefix at p (after the address and spaces).
+int read_prefix_mask(const char *p, char **end, std::uint32_t *mask) {
+  if (*p == '/') {
+    std::uint8_t length;
+    if (parse_u8(p + 1, end, &length) < 0) return -1;
+    *mask = dphelper_prefixlen2mask(length);
+    return 0;
+  }
+  if (dp::is_decimal_digit(*p)) {
+    std::uint32_t host_mask;
+    if (parse_ipaddr(p, end, &host_mask) != 0) return -1;
+    *mask = dp::host_to_net32(host_mask);
+    return 0;
+  }
+  *mask = 0xffffffffu;
+  *end = const_cast<char *>(p);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// MAC addresses
+
+// Reads up to `count` groups of one or two hex digits.  The two-character
+// conversion buffer keeps its second digit from group to group, so a
+// one-digit group borrows the previous group's low digit; before any
+// two-digit group that slot holds no digit and a one-digit group fails.
+int parse_hex_groups(const char *text, char **end, std::uint8_t *out, int count) {
+  const char *p = text;
+  char pair[3] = {'\0', '\0', '\0'};
+  for (int i = 0; i < count; ++i) {
+    if (!dp::is_hex_digit(*p)) break;
+    pair[0] = *p++;
+    if (dp::is_hex_digit(*p)) pair[1] = *p++;
+    if (!dp::is_hex_digit(pair[1])) return -1;
+    out[i] = static_cast<std::uint8_t>(dp::hex_digit_value(pair[0]) << 4 | dp::hex_digit_value(pair[1]));
+    if (*p == ':') ++p;
+  }
+  *end = const_cast<char *>(p);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int parse_u8(const char *text, char **end, uint8_t *out) {
+  std::uint32_t v;
+  if (parse_number(text, end, 0xffu, &v) < 0) return -1;
+  *out = static_cast<std::uint8_t>(v);
+  return 0;
+}
+
+int parse_u16(const char *text, char **end, uint16_t *out) {
+  std::uint32_t v;
+  if (parse_number(text, end, 0xffffu, &v) < 0) return -1;
+  *out = dp::host_to_net16(static_cast<std::uint16_t>(v));
+  return 0;
+}
+
+int parse_ushort(const char *text, char **end, uint16_t *out) {
+  std::uint32_t v;
+  if (parse_number(text, end, 0xffffu, &v) < 0) return -1;
+  *out = static_cast<std::uint16_t>(v);
+  return 0;
+}
+
+int parse_ulong(const char *text, char **end, uint32_t *out) {
+  return parse_number(text, end, 0xffffffffu, out);
+}
+
+int parse_ipaddr(const char *text, char **end, uint32_t *out) {
+  const char *p = text;
+  std::uint32_t addr = 0;
+  for (int i = 0; i < 4; ++i) {
+    std::uint32_t component;
+    const int rc = read_ip_component(p, &component);
+    if (rc < 0) return rc;
+    addr = addr << 8 | component;
+    if (i < 3) {
+      if (*p != '.') return -3;
+      ++p;
+    }
+  }
+  *out = addr;
+  *end = const_cast<char *>(p);
+  return 0;
+}
+
+int parse_prefix(const char *text, char **end, uint32_t *addr, uint32_t *mask) {
+  const char *p = skip_equals(text);
+  char *after;
+  std::uint32_t host_addr;
+  if (parse_ipaddr(p, &after, &host_addr) != 0) return -1;
+  *addr = dp::host_to_net32(host_addr);
+  return read_prefix_mask(skip_spaces(after), end, mask);
+}
+
+int parse_prefix6(char *text, char **end, uint8_t *addr16, uint8_t *prefixlen) {
+  char *p = const_cast<char *>(skip_equals(text));
+  auto *addr = reinterpret_cast<struct in6_addr *>(addr16);
+  char *slash = std::strchr(p, '/');
+  if (slash != nullptr) {
+    *slash = '\0';  // stays: callers see the address alone from here on
+    if (str2in6_addr(p, addr) < 0) return -1;
+    return parse_u8(slash + 1, end, prefixlen) < 0 ? -1 : 0;
+  }
+  if (str2in6_addr(p, addr) < 0) return -1;
+  char *stop = p;
+  while (*stop != ' ' && *stop != '\0') ++stop;
+  *end = stop;
+  return 0;
+}
+
+int parse_mac(const char *text, char **end, uint8_t *out) { return parse_hex_groups(text, end, out, kMacBytes); }
+
+int parse_oui(const char *text, char **end, uint8_t *out) { return parse_hex_groups(text, end, out, kOuiBytes); }
+
+int parse_string(const char *text, char **end, char *buf, size_t size) {
+  if (*text != '"') return -1;
+  const char *start = text + 1;
+  const char *close = std::strchr(start, '"');
+  if (close == nullptr) return -1;
+  const std::size_t length = static_cast<std::size_t>(close - start);
+  if (length >= size) return -1;
+  std::memcpy(buf, start, length);
+  buf[length] = '\0';
+  *end = const_cast<char *>(close + 1);
+  return 0;
+}
+
+int parse_hex(const char *text, char **end, uint8_t *buf, size_t max) {
+  std::size_t digits = 0;
+  while (dp::is_hex_digit(text[digits])) ++digits;
+  if (digits % 2 != 0) return -1;
+  const std::size_t bytes = digits / 2;
+  if (bytes > max) return -1;
+  if (bytes == 0) return 0;
+  for (std::size_t i = 0; i < bytes; ++i)
+    buf[i] = static_cast<std::uint8_t>(dp::hex_digit_value(text[2 * i]) << 4 | dp::hex_digit_value(text[2 * i + 1]));
+  *end = const_cast<char *>(text + digits);
+  return static_cast<int>(bytes);
+}
+
+int parse_nonblank(const char *text, char **end, char *buf, size_t size) {
+  std::size_t length = 0;
+  while (text[length] != ' ' && text[length] != '\0') ++length;
+  if (length >= size) return -1;
+  std::memcpy(buf, text, length);
+  buf[length] = '\0';
+  *end = const_cast<char *>(text[length] == ' ' ? text + length + 1 : text + length);
+  return 0;
+}
+
+}  // extern "C"

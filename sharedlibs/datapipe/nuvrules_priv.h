@@ -1,0 +1,68 @@
+/* Helpers shared by the firewall rule text parsers and printers (private). */
+#ifndef NUVRULES_PRIV_H
+#define NUVRULES_PRIV_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "dp_scratch.h"
+#include "dp_textwriter.h"
+
+namespace nuvrules {
+
+// Rule lines are copied into a scratch block of this size before they are
+// split, so a line may hold at most kRuleTextMax characters.
+inline constexpr std::size_t kRuleScratchSize = 1024;
+inline constexpr std::size_t kRuleTextMax = kRuleScratchSize - 1;
+
+// Whether `text` holds more than kRuleTextMax characters.  Reads at most
+// kRuleTextMax + 1 characters, so a huge or unterminated-looking text is
+// never walked to its end.
+bool rule_text_too_long(const char *text);
+
+// Copies a text that is not too long (see above) into `scratch`, which must
+// hold kRuleScratchSize bytes.  Returns the copy.
+char *copy_rule_text(const dp::ScratchBuffer &scratch, const char *text);
+
+// Splits `text` in place into words separated by runs of blanks and tabs
+// (only those two; other characters belong to the words).  Stores at most
+// `max_words` word pointers into `words` and returns how many; whatever
+// follows the last stored word is dropped.
+std::size_t split_rule_words(char *text, const char **words, std::size_t max_words);
+
+// The words of a split rule line, read front to back.
+class WordCursor {
+ public:
+  WordCursor(const char *const *words, std::size_t count) : words_(words), count_(count), next_(0) {}
+
+  bool done() const { return next_ >= count_; }
+  // The next word, or null when none is left.
+  const char *peek() const { return done() ? nullptr : words_[next_]; }
+  // The next word (or null), and moves past it.
+  const char *take() {
+    const char *word = peek();
+    if (word) ++next_;
+    return word;
+  }
+  // Index of the next word in the split line.
+  std::size_t position() const { return next_; }
+
+ private:
+  const char *const *words_;
+  std::size_t count_;
+  std::size_t next_;
+};
+
+// Reads the protocol word of a rule line: "ip" in any case is any protocol
+// (255), anything else goes through ipproto_parse.  Returns 0 and stores the
+// number, or -1 and leaves `*proto` alone.
+int parse_rule_protocol(std::uint8_t *proto, const char *word);
+
+// Appends the protocol's name in lower case as rule lines print it: "ip" for
+// 255, otherwise the ipproto2str name with every letter lowered ("TCP" ->
+// "tcp", "P200" -> "p200").
+void append_protocol_lower(dp::TextWriter &out, std::uint8_t proto);
+
+}  // namespace nuvrules
+
+#endif
