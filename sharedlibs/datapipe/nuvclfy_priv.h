@@ -77,4 +77,26 @@ bool valuelist_identical(const nuv_clfy_valuelist &a, const nuv_clfy_valuelist &
 
 }  // namespace dp::clfy
 
+namespace dp::clfy {
+
+// ---- Rule text, matching and optimisation ----
+
+// Interface names keep at most 16 characters and the NUL.
+inline constexpr std::size_t kIfNameLimit = 17;
+// Mask of an ip.tos condition written without one: the ECN bits are ignored.
+inline constexpr std::uint8_t kTosMaskDefault = 0xfc;
+inline constexpr std::uint8_t kProtoTcp = 6;
+inline constexpr std::uint8_t kProtoUdp = 17;
+
+// Link-layer conditions that read the Ethernet header.
+inline constexpr std::uint32_t kLinkAddressConditions = NUV_CLFY_F_ETH_SOURCE | NUV_CLFY_F_ETH_DEST |
+                                                        NUV_CLFY_F_ETH_SOURCEOUI | NUV_CLFY_F_ETH_DESTOUI |
+                                                        NUV_CLFY_F_ETHSRCTAB;
+// Every condition tested before the IP layer.
+inline constexpr std::uint32_t kConditionsBeforeIp = NUV_CLFY_F_DEV | NUV_CLFY_F_BRDEV | NUV_CLFY_F_LOCALMARK |
+                                                     NUV_CLFY_F_ETH_PROTO | kLinkAddressConditions |
+                                                     NUV_CLFY_F_VLAN_ID | NUV_CLFY_F_VLAN_PRIO;
+
+}  // namespace dp::clfy
+
 #endif

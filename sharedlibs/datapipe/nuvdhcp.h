@@ -87,7 +87,38 @@ NIKERKIOG_API int dhcp_parse_options(const dhcp_memops *memops, const unsigned c
 
 /* ---- Option construction ---- */
 
+struct dhcpoptions; /* a configured option record, nuvdhcpcfg.h */
 
+/* Bits of the `overload` argument of dhcp_cons_options. */
+#define DHCP_OVERLOAD_FILE 1  /* options may continue in `file` */
+#define DHCP_OVERLOAD_SNAME 2 /* options may continue in `sname` */
+
+/* Writes the option part of an outgoing DHCP message into `msg`: the magic
+ * cookie at offset 236, the options field from offset 240 and, when the
+ * options do not fit there, option 52 and the `file` (offset 108) and
+ * `sname` (offset 44) fields.  Bytes 0..235 otherwise stay the caller's.
+ *
+ * The configured options of the list whose head pointer is at `optlist`
+ * (records of nuvdhcpcfg.h) are written in priority order: 53, 54, 51, 56,
+ * then the peer's parameter request list (option 55 of `store`) or, without
+ * one, a fixed default order, and 82 last.  Configured options not in that
+ * order are not written.  Options that do not fit are dropped one by one.
+ * Options of `store` (the peer's parsed message, or null) that are not
+ * configured are then copied as they are.
+ *
+ * The options field is 312 bytes long, or 64 with `short_area` non-zero,
+ * unless `store` holds option 57: then it is that size less 264, within
+ * 312..4096.  `overload`: DHCP_OVERLOAD_FILE and/or DHCP_OVERLOAD_SNAME.
+ * `textnul` non-zero: text options get a terminating NUL byte.
+ *
+ * Returns the length of the message up to the last byte written to the
+ * options field, 243 when options were moved to `file`/`sname`, or 0 when
+ * working storage (4096 and 300 bytes through `memops`) cannot be had; then
+ * `msg` is untouched.
+ * Precondition: `msg` has room for 240 bytes plus the options field (up to
+ * 240 + 4096 bytes when the peer sent option 57). */
+NIKERKIOG_API int dhcp_cons_options(const dhcp_memops *memops, const dhcp_option *store, unsigned char *msg,
+                                    struct dhcpoptions *const *optlist, int overload, int textnul, int short_area);
 
 /* ---- Vendor options 43, 124 and 125 ---- */
 

@@ -28,6 +28,44 @@ static int check_dhcp_store(void) {
   return failures;
 }
 
+/* Masquerade forward rules, IPv6 forward rules and port ranges, PCP handling. */
+static int check_forward_rules(void) {
+  int failures = 0;
+  ipmasqfwrule masq;
+  ipmasqfwruleex masqex;
+  ip6_portrange range;
+  uint64_t block_words[(48 + 4 * sizeof(ip6_portrange)) / 8 + 1];
+  ip6_forwardrule *block;
+  int32_t pcp = 0;
+  if (ipmasqfwrule_parse(&masq, "tcp 0.0.0.0:80 192.168.1.20:8080 0") != 0 ||
+      strcmp(ipmasqfwrule_string(&masq), "tcp 0.0.0.0:80 192.168.1.20:8080 0") != 0) {
+    fprintf(stderr, "ipmasqfwrule_parse/_string\n");
+    ++failures;
+  }
+  if (ipmasqfwruleex_parse(&masqex, "# udp :53 10.0.0.1:53 0 local # dns") != 0 || masqex.enabled != 0 ||
+      strcmp(ipmasqfwruleex_string(&masqex), "# udp 0.0.0.0:53 10.0.0.1:53 0 local # dns") != 0) {
+    fprintf(stderr, "ipmasqfwruleex_parse/_string\n");
+    ++failures;
+  }
+  block = ip6_forwardrule_init(block_words, 48 + 4 * sizeof(ip6_portrange));
+  if (!block || ip6_forwardrule_parse(block, "tcp 443,80") != 0 || ip6_forwardrule_parse(block, "gre") != 0 ||
+      ip6_forwardrule_finish(block) != 48 + 2 * sizeof(ip6_portrange) ||
+      strcmp(ip6_forwardrule2str(block), "TCP 80,443 GRE") != 0) {
+    fprintf(stderr, "ip6_forwardrule_*\n");
+    ++failures;
+  }
+  if (ip6_portrange_parse("udp 53 local", &range) != 0 || strcmp(ip6_portrange2str(&range), "UDP 53 local") != 0 ||
+      strcmp(ip6_portrange2simplestr(&range), "UDP 53") != 0) {
+    fprintf(stderr, "ip6_portrange_*\n");
+    ++failures;
+  }
+  if (pcphandling_parse("internet", &pcp) != 0 || strcmp(pcphandling2str(pcp), "internet") != 0) {
+    fprintf(stderr, "pcphandling_*\n");
+    ++failures;
+  }
+  return failures;
+}
+
 /* Address texts and rule value parsers from C. */
 static int check_address_text(void) {
   int failures = 0;
@@ -61,6 +99,54 @@ static int check_address_text(void) {
   return failures;
 }
 
+/* Classifier rules, tables, compare and clone from C. */
+static int check_classifier(void) {
+  int failures = 0;
+  nuv_clfy_set set;
+  nuv_clfy *rule = nuv_clfy_alloc();
+  nuv_clfy *copy = NULL;
+  const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+  memset(&set, 0, sizeof set);
+  if (!rule || rule->ip_proto != 255 || rule->flags != 0) {
+    fprintf(stderr, "nuv_clfy_alloc\n");
+    ++failures;
+  }
+  if (rule) {
+    nuv_clfy_add_ip_dport(rule, NUV_CLFY_OP_EQ, 0x5050, 0);
+    if (rule->dports.count != 1 || !(rule->flags & NUV_CLFY_F_DPORTS)) {
+      fprintf(stderr, "nuv_clfy_add_ip_dport\n");
+      ++failures;
+    }
+    copy = nuv_clfy_clone(rule);
+    if (!copy || nuv_clfy_cmp(rule, copy, 0xffffffffu) != 0) {
+      fprintf(stderr, "nuv_clfy_clone/nuv_clfy_cmp\n");
+      ++failures;
+    }
+    nuv_clfy_free(copy);
+    nuv_clfy_add_tail(&set, rule);
+    if (nuv_clfy_del_and_free(&set, rule) != 0 || set.head) {
+      fprintf(stderr, "nuv_clfy_del_and_free\n");
+      ++failures;
+    }
+  }
+  if (nuv_clfy_ethersrctab_add("c", mac) != 0 || !nuv_clfy_ethersrctab_is_in(nuv_clfy_ethersrctab_find("c"), mac)) {
+    fprintf(stderr, "nuv_clfy_ethersrctab\n");
+    ++failures;
+  }
+  nuv_clfy_ethersrctab_freeall();
+  if (nuv_clfy_ipdsttab_add4("c", 0x0100007fu) != 0 ||
+      nuv_clfy_ipdsttab_is_in(nuv_clfy_ipdsttab_find("c"), 0x0100007fu) != 1) {
+    fprintf(stderr, "nuv_clfy_ipdsttab\n");
+    ++failures;
+  }
+  nuv_clfy_ipdsttab_freeall();
+  if (nuv_clfy_register_action("c-action", NULL, NULL) < 1 || nuv_clfy_find_action("c-action") < 1) {
+    fprintf(stderr, "nuv_clfy_register_action\n");
+    ++failures;
+  }
+  return failures;
+}
+
 /* Access rules from C: parse, normalise, print. */
 static int check_access_rules(void) {
   int failures = 0;
@@ -83,12 +169,51 @@ static int check_access_rules(void) {
   return failures;
 }
 
+static int check_classifier_rule_text(void) {
+  int failures = 0;
+  nuv_clfy *rule = NULL;
+  nuv_clfy_set set;
+  char text[256];
+  nuv_clfy_packet packet;
+  unsigned char ip[28] = {0x45, 0, 0, 28, 0, 0, 0, 0, 64, 17, 0, 0, 192, 168, 1, 2, 10, 0, 0, 1,
+                          0x13, 0x88, 0x00, 0x35, 0, 8, 0, 0};
+  memset(&set, 0, sizeof set);
+  memset(&packet, 0, sizeof packet);
+  if (nuv_clfy_parse("udp.dport 53 ip.saddr 192.168.1.0/24", &rule) != 0 || rule == NULL) {
+    fprintf(stderr, "nuv_clfy_parse\n");
+    return 1;
+  }
+  if (strcmp(nuv_clfy_as_string(-1, rule, text, sizeof text),
+             " eth.proto 0x0800 ip.proto 17 ip.saddr 192.168.1.0 255.255.255.0 udp.dport 53") != 0) {
+    fprintf(stderr, "nuv_clfy_as_string: %s\n", text);
+    ++failures;
+  }
+  nuv_clfy_add_tail(&set, rule);
+  packet.eth_proto = (uint16_t)((0x0800 >> 8) | (0x0800 << 8));
+  if (((const unsigned char *)&packet.eth_proto)[0] != 0x08) packet.eth_proto = 0x0800;
+  packet.ip_header = ip;
+  packet.ip_len = sizeof ip;
+  if (nuv_clfy_get_clfy_from_set(&set, 0, &packet) != rule) {
+    fprintf(stderr, "nuv_clfy_get_clfy_from_set\n");
+    ++failures;
+  }
+  if (parsetab[0].keyword == NULL || strcmp(parsetab[0].keyword, "dev") != 0) {
+    fprintf(stderr, "parsetab\n");
+    ++failures;
+  }
+  nuv_clfy_del_and_free_all(&set);
+  return failures;
+}
+
 int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
   failures += check_dhcp_store();
+  failures += check_forward_rules();
   failures += check_address_text();
+  failures += check_classifier();
   failures += check_access_rules();
+  failures += check_classifier_rule_text();
   if (failures) fprintf(stderr, "%d C-linkage checks failed\n", failures);
   return failures ? 1 : 0;
 }

@@ -1,0 +1,316 @@
+// Rule and rule-set optimisation: single-rule normalisation and the grouping
+// of consecutive rules under shared parent rules.
+#include <cstdint>
+#include <cstring>
+
+#include "dp_bytes.h"
+#include "nuvclfy.h"
+#include "nuvclfy_priv.h"
+
+namespace {
+
+using dp::host_to_net16;
+
+constexpr std::uint16_t kPortMax = 65535;
+
+// Turns degenerate ranges into the single comparison they amount to, so the
+// matcher tests one bound instead of two.
+void normalise_range(nuv_clfy_value &entry) {
+  if (entry.op != NUV_CLFY_OP_RANGE) {
+    entry.value2 = 0;
+    return;
+  }
+  std::uint16_t lo = entry.value1;
+  std::uint16_t hi = entry.value2;
+  if (hi == 0) {
+    if (lo != 0) {
+      entry.op = NUV_CLFY_OP_EQ;
+    } else {
+      entry.op = NUV_CLFY_OP_ANY;
+      entry.value1 = 0;
+    }
+    return;
+  }
+  if (hi < lo) {
+    entry.value1 = hi;
+    entry.value2 = lo;
+    lo = entry.value1;
+    hi = entry.value2;
+  }
+  if (lo != 0) {
+    if (lo == hi) {
+      entry.op = NUV_CLFY_OP_EQ;
+      entry.value2 = 0;
+    } else if (hi == kPortMax) {
+      entry.op = NUV_CLFY_OP_GE;
+      entry.value2 = 0;
+    }
+    return;
+  }
+  if (hi < kPortMax) {
+    entry.op = NUV_CLFY_OP_LE;
+    entry.value1 = hi;
+    entry.value2 = 0;
+  } else {
+    entry.op = NUV_CLFY_OP_ANY;
+    entry.value1 = 0;
+    entry.value2 = 0;
+  }
+}
+
+bool same_entry(const nuv_clfy_value &e, const nuv_clfy_value &f) {
+  return e.op == f.op && e.value1 == f.value1 && e.value2 == f.value2;
+}
+
+// An equality or range entry E lying wholly inside entry F.
+bool inside(const nuv_clfy_value &e, const nuv_clfy_value &f) {
+  if (f.op == NUV_CLFY_OP_RANGE) {
+    if (e.op == NUV_CLFY_OP_EQ) return f.value1 <= e.value1 && e.value1 <= f.value2;
+    if (e.op == NUV_CLFY_OP_RANGE) return f.value1 <= e.value1 && e.value2 <= f.value2;
+    return false;
+  }
+  if (e.op != NUV_CLFY_OP_EQ && e.op != NUV_CLFY_OP_RANGE) return false;
+  const std::uint16_t top = e.value2 ? e.value2 : e.value1;
+  switch (f.op) {
+    case NUV_CLFY_OP_GE: return e.value1 >= f.value1;
+    case NUV_CLFY_OP_GT: return e.value1 > f.value1;
+    case NUV_CLFY_OP_LE: return top <= f.value1;
+    case NUV_CLFY_OP_LT: return top < f.value1;
+    default: return false;
+  }
+}
+
+// Two bounds in the same direction: the looser one goes, even though it is
+// the one that covers the other.  Lists compacted this way keep the tighter
+// bound; configurations written against that behaviour depend on it.
+bool looser_bound(const nuv_clfy_value &e, const nuv_clfy_value &f) {
+  if (e.op != f.op) return false;
+  switch (e.op) {
+    case NUV_CLFY_OP_GE:
+    case NUV_CLFY_OP_GT: return e.value1 <= f.value1;
+    case NUV_CLFY_OP_LE:
+    case NUV_CLFY_OP_LT: return f.value1 <= e.value1;
+    default: return false;
+  }
+}
+
+bool superfluous(const nuv_clfy_value &e, const nuv_clfy_value &f) {
+  return same_entry(e, f) || inside(e, f) || looser_bound(e, f);
+}
+
+// Drop marks live on the stack; longer lists (never produced from one rule
+// line) are left as they are.
+constexpr std::uint32_t kMaxMarkedEntries = 1024;
+
+void drop_superfluous(nuv_clfy_valuelist &list) {
+  const std::uint32_t n = list.count;
+  if (n < 2 || n > kMaxMarkedEntries) return;
+  bool dropped[kMaxMarkedEntries];
+  std::memset(dropped, 0, n * sizeof dropped[0]);
+  std::uint32_t survivors = n;
+  for (std::uint32_t i = 0; i < n; ++i) {
+    for (std::uint32_t j = 0; j < n; ++j) {
+      if (j == i || dropped[j]) continue;
+      if (superfluous(list.entries[i], list.entries[j])) {
+        dropped[i] = true;
+        --survivors;
+        break;
+      }
+    }
+  }
+  if (survivors == n) return;
+  auto *kept = static_cast<nuv_clfy_value *>(CLFY_ZALLOC(survivors * sizeof(nuv_clfy_value)));
+  if (!kept) return;
+  std::uint32_t k = 0;
+  for (std::uint32_t i = 0; i < n; ++i)
+    if (!dropped[i]) kept[k++] = list.entries[i];
+  CLFY_FREE(list.entries);
+  list.entries = kept;
+  list.count = survivors;
+}
+
+void optimise_list(nuv_clfy_valuelist &list) {
+  for (std::uint32_t i = 0; i < list.count; ++i) normalise_range(list.entries[i]);
+  drop_superfluous(list);
+}
+
+// 0.0.0.0/0 holds for every address, so the condition goes; otherwise the
+// address is reduced once here instead of per packet.
+void fold_ipv4_mask(nuv_clfy &rule, std::uint8_t *addr, std::uint8_t family, std::uint32_t bit) {
+  if (family != 4) return;
+  const std::uint32_t address = dp::load_net32(addr);
+  const std::uint32_t mask = dp::load_net32(addr + 4);
+  if (mask == 0) rule.flags &= ~bit;
+  dp::store_net32(addr, address & mask);
+}
+
+void derive_eth_proto(nuv_clfy &rule) {
+  if (!(rule.flags & NUV_CLFY_GROUP_IP_NO_ICMP)) return;
+  // The family fields count even when the address condition itself went away.
+  if (rule.ip_saddr_family == 4 || rule.ip_daddr_family == 4) {
+    rule.eth_proto = host_to_net16(0x0800);
+  } else if (rule.ip_saddr_family == 6 || rule.ip_daddr_family == 6) {
+    rule.eth_proto = host_to_net16(0x86dd);
+  } else {
+    return;
+  }
+  rule.flags |= NUV_CLFY_F_ETH_PROTO;
+}
+
+}  // namespace
+
+extern "C" void nuv_clfy_optim(nuv_clfy *rule) {
+  fold_ipv4_mask(*rule, rule->ip_saddr.v6, rule->ip_saddr_family, NUV_CLFY_F_IP_SADDR);
+  fold_ipv4_mask(*rule, rule->ip_daddr.v6, rule->ip_daddr_family, NUV_CLFY_F_IP_DADDR);
+  optimise_list(rule->vlan_ids);
+  optimise_list(rule->sports);
+  optimise_list(rule->dports);
+  normalise_range(rule->ip_len);
+  derive_eth_proto(*rule);
+}
+
+namespace {
+
+// Presence-bit groups tried for a shared parent, in order of preference when
+// runs are equally long.  The last row repeats the second; with ties going to
+// the earlier row it never wins, and the table is kept as it is.
+constexpr std::uint32_t kGroupingMasks[] = {
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO,
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO,
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_LEN,
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR,
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_DADDR,
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR,
+    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO,
+};
+
+// Number of consecutive rules from rules[0] that share rules[0]'s conditions
+// of `mask`; 1 when rules[0] has none of them.
+std::size_t run_length(nuv_clfy *const *rules, std::size_t n, std::uint32_t mask) {
+  nuv_clfy *first = rules[0];
+  if (!(first->flags & mask)) return 1;
+  std::size_t run = 0;
+  while (run < n && (rules[run]->flags & mask) && nuv_clfy_cmp(first, rules[run], mask) == 0) ++run;
+  return run;
+}
+
+struct BestGroup {
+  std::uint32_t mask;
+  std::size_t run;
+};
+
+BestGroup best_group(nuv_clfy *const *rules, std::size_t n) {
+  BestGroup best{kGroupingMasks[0], 0};
+  for (std::uint32_t mask : kGroupingMasks) {
+    const std::size_t run = run_length(rules, n, mask);
+    if (run > best.run) best = {mask, run};
+  }
+  return best;
+}
+
+// A list being built; appending goes through the set interface so owners and
+// links are set the same way as for any rule set.
+struct PendingList {
+  nuv_clfy_set set;
+  PendingList() { std::memset(&set, 0, sizeof set); }
+  nuv_clfy *head() const { return set.head; }
+};
+
+void free_subtree_list(nuv_clfy *head) {
+  while (head) {
+    nuv_clfy *next = head->next;
+    free_subtree_list(head->children);
+    head->children = nullptr;
+    nuv_clfy_free(head);
+    head = next;
+  }
+}
+
+// Moves rules[i] into `list`; the array slot is cleared so that whoever
+// cleans up after a failure frees each rule exactly once.
+void move_rule(PendingList &list, nuv_clfy **slot) {
+  nuv_clfy_add_tail(&list.set, *slot);
+  *slot = nullptr;
+}
+
+int group_rules(nuv_clfy **out, nuv_clfy **rules, std::size_t n);
+
+// Puts the run rules[0..run) under a new parent holding their shared
+// conditions of `mask`.  Returns 1 when done, 0 when the parent would hold no
+// condition (nothing done), -1 when memory ran out.
+int group_run(PendingList &list, nuv_clfy **rules, std::size_t run, std::uint32_t mask) {
+  nuv_clfy *parent = nuv_clfy_checkflag_clone(rules[0], mask);
+  if (!parent) return -1;
+  if (!parent->flags) {
+    free_subtree_list(parent);
+    return 0;
+  }
+  nuv_clfy_add_tail(&list.set, parent);
+  for (std::size_t i = 0; i < run; ++i) rules[i]->flags &= ~parent->flags;
+  return group_rules(&parent->children, rules, run) < 0 ? -1 : 1;
+}
+
+int group_rules(nuv_clfy **out, nuv_clfy **rules, std::size_t n) {
+  PendingList list;
+  std::size_t i = 0;
+  while (n - i >= 2) {
+    const BestGroup best = best_group(rules + i, n - i);
+    if ((rules[i]->flags & best.mask) && best.run >= 2) {
+      const int grouped = group_run(list, rules + i, best.run, best.mask);
+      if (grouped < 0) {
+        free_subtree_list(list.head());
+        return -1;
+      }
+      if (grouped > 0) {
+        i += best.run;
+        continue;
+      }
+    }
+    move_rule(list, &rules[i]);
+    ++i;
+  }
+  if (i < n) move_rule(list, &rules[i]);
+  *out = list.head();
+  return 0;
+}
+
+int set_owner(nuv_clfy *rule, int, void *set) {
+  rule->owner = static_cast<nuv_clfy_set *>(set);
+  return 0;
+}
+
+std::size_t count_rules(const nuv_clfy *rule) {
+  std::size_t n = 0;
+  for (; rule; rule = rule->next) ++n;
+  return n;
+}
+
+void free_clones(nuv_clfy **clones, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i)
+    if (clones[i]) nuv_clfy_free(clones[i]);
+}
+
+}  // namespace
+
+extern "C" int nuv_clfy_set_optim(nuv_clfy_set *src, nuv_clfy_set *dst) {
+  if (!src->head) return 0;
+  const std::size_t n = count_rules(src->head);
+  auto **clones = static_cast<nuv_clfy **>(CLFY_ZALLOC(n * sizeof(nuv_clfy *)));
+  if (!clones) return -1;
+  std::memset(clones, 0, n * sizeof(nuv_clfy *));
+  bool complete = true;
+  std::size_t i = 0;
+  for (nuv_clfy *rule = src->head; rule; rule = rule->next, ++i) {
+    clones[i] = nuv_clfy_clone(rule);
+    // A missing clone would silently drop a rule and change verdicts.
+    if (!clones[i]) complete = false;
+  }
+  nuv_clfy *tree = nullptr;
+  const int result = complete ? group_rules(&tree, clones, n) : -1;
+  free_clones(clones, n);
+  CLFY_FREE(clones);
+  if (result < 0) return -1;
+  dst->head = tree;
+  nuv_clfy_set_walk(dst, set_owner, dst);
+  return 0;
+}

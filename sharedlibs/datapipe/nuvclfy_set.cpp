@@ -1,0 +1,65 @@
+// Rule sets: first-match search through the rule tree, action dispatch,
+// walking and showing, the debug flag.
+#include "nuvclfy.h"
+#include "nuvclfy_priv.h"
+
+namespace {
+
+int g_debug_flag;
+
+// First rule of the list `rule` (and its siblings) that applies.  A matching
+// rule with sub-rules only narrows the search: it is never the result itself.
+nuv_clfy *first_applying(nuv_clfy *rule, const nuv_clfy_packet &packet) {
+  for (; rule; rule = rule->next) {
+    if (!nuv_clfy_matches(rule, &packet, 0, 0)) continue;
+    if (!rule->children) return rule;
+    if (nuv_clfy *found = first_applying(rule->children, packet)) return found;
+  }
+  return nullptr;
+}
+
+int walk(nuv_clfy *rule, int depth, nuv_clfy_walk_callback callback, void *arg) {
+  for (; rule; rule = rule->next) {
+    if (int rc = callback(rule, depth, arg)) return rc;
+    if (int rc = walk(rule->children, depth + 1, callback, arg)) return rc;
+  }
+  return 0;
+}
+
+int show_rule(nuv_clfy *rule, int depth, void *) {
+  nuv_clfy_show(depth, rule);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+nuv_clfy *nuv_clfy_get_clfy_from_set(nuv_clfy_set *set, uint8_t, const nuv_clfy_packet *packet) {
+  return first_applying(set->head, *packet);
+}
+
+int nuv_clfy_set_execute(nuv_clfy_set *set, void *arg, const nuv_clfy_packet *packet) {
+  nuv_clfy *rule = first_applying(set->head, *packet);
+  if (!rule || !rule->owner) return 0;
+  const nuv_clfy_action *action = dp::clfy::action_at(rule->action);
+  if (!action || !action->execute) return 0;
+  return action->execute(rule, arg, packet->eth_header, packet->eth_proto, packet->ip_header);
+}
+
+int nuv_clfy_set_walk(nuv_clfy_set *set, nuv_clfy_walk_callback callback, void *arg) {
+  return walk(set->head, 0, callback, arg);
+}
+
+int nuv_clfy_set_show(nuv_clfy_set *set) {
+  walk(set->head, 0, show_rule, nullptr);
+  return 0;
+}
+
+int nuv_clfy_set_debugflag(int value) {
+  const int previous = g_debug_flag;
+  g_debug_flag = value;
+  return previous;
+}
+
+}  // extern "C"

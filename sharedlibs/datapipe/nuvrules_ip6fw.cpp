@@ -1,0 +1,372 @@
+// IPv6 forward rules (blocks of protocol and port entries), IPv6 port ranges
+// and PCP handling values.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "dp_scratch.h"
+#include "dp_textring.h"
+#include "dp_textwriter.h"
+#include "nuvclfy.h"
+#include "nuvpkt.h"
+#include "nuvproto.h"
+#include "nuvrules.h"
+#include "nuvrules_priv.h"
+
+namespace {
+
+constexpr std::size_t kEntrySize = sizeof(ip6_portrange);
+constexpr std::size_t kHeaderSize = IP6_FORWARDRULE_HEADER_SIZE;
+static_assert(sizeof(ip6_forwardrule) == kHeaderSize, "forward rule header is 48 bytes");
+static_assert(offsetof(ip6_forwardrule, count) == 44 && offsetof(ip6_forwardrule, capacity) == 46,
+              "count and capacity sit at 44 and 46");
+static_assert(offsetof(ip6_forwardrule, proto_bits) == 12, "protocol bitmap sits at 12");
+
+// Counts and capacities are 16-bit fields.
+constexpr std::size_t kMaxEntries = 0xffff;
+
+// Words of an IPv6 port range line are at most this long, NUL included.
+constexpr std::size_t kWordSize = 32;
+
+constexpr std::uint16_t kAllPorts = 0xffff;
+
+// In these lines only the space separates words.
+const char *skip_blanks(const char *p) {
+  while (*p == ' ') ++p;
+  return p;
+}
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// A decimal number as strtoul reads it on the router, whose unsigned long is
+// 32 bits: leading white space and a sign are taken, a minus negates modulo
+// 2^32 and a value beyond 32 bits reads as 0xffffffff.  `*end` is `text` when
+// no digit was read.
+std::uint32_t strtoul32(const char *text, const char **end) {
+  const char *p = text;
+  while (is_space(*p)) ++p;
+  bool negative = false;
+  if (*p == '+' || *p == '-') negative = *p++ == '-';
+  if (!is_digit(*p)) {
+    *end = text;
+    return 0;
+  }
+  std::uint64_t magnitude = 0;
+  bool overflow = false;
+  for (; is_digit(*p); ++p) {
+    if (!overflow) magnitude = magnitude * 10 + static_cast<std::uint64_t>(*p - '0');
+    if (magnitude > UINT32_MAX) overflow = true;
+  }
+  *end = p;
+  if (overflow) return UINT32_MAX;
+  std::uint32_t value = static_cast<std::uint32_t>(magnitude);
+  return negative ? 0u - value : value;
+}
+
+// One port of a forward rule list: the number's low 16 bits, which must not
+// be 0 ("65536" is refused, "70000" is port 4464).
+bool read_list_port(const char *text, const char **end, std::uint16_t *port) {
+  std::uint16_t cut = static_cast<std::uint16_t>(strtoul32(text, end));
+  if (*end == text || cut == 0) return false;
+  *port = cut;
+  return true;
+}
+
+int add_entry(ip6_forwardrule *block, std::uint8_t proto, std::uint16_t lo, std::uint16_t hi) {
+  if (block->count >= block->capacity) return -3;
+  ip6_portrange *entry = &block->entries[block->count];
+  std::memset(entry, 0, sizeof *entry);
+  entry->proto = proto;
+  entry->port_lo = lo;
+  entry->port_hi = hi;
+  ++block->count;
+  return 0;
+}
+
+void mark_portless_protocol(ip6_forwardrule *block, std::uint8_t proto) {
+  block->proto_bits[proto / 32] |= std::uint32_t{1} << (proto % 32);
+}
+
+bool portless_protocol_marked(const ip6_forwardrule *block, unsigned proto) {
+  return (block->proto_bits[proto / 32] >> (proto % 32)) & 1u;
+}
+
+// Items "p" or "p-q" separated by ",", one entry each.
+int parse_port_list(ip6_forwardrule *block, std::uint8_t proto, const char *list) {
+  const char *p = list;
+  for (;;) {
+    std::uint16_t lo = 0;
+    std::uint16_t hi = 0;
+    if (!read_list_port(p, &p, &lo)) return -1;
+    hi = lo;
+    p = skip_blanks(p);
+    if (*p == '-') {
+      if (!read_list_port(p + 1, &p, &hi)) return -1;
+      p = skip_blanks(p);
+      if (lo > hi) {
+        std::uint16_t swap = lo;
+        lo = hi;
+        hi = swap;
+      }
+    }
+    int rc = add_entry(block, proto, lo, hi);
+    if (rc != 0) return rc;
+    if (*p == '\0') return 0;
+    if (*p != ',') return -2;
+    ++p;
+  }
+}
+
+int compare_entries(const void *a, const void *b) {
+  const ip6_portrange *x = static_cast<const ip6_portrange *>(a);
+  const ip6_portrange *y = static_cast<const ip6_portrange *>(b);
+  if (x->proto != y->proto) return x->proto < y->proto ? -1 : 1;
+  if (x->port_lo != y->port_lo) return x->port_lo < y->port_lo ? -1 : 1;
+  if (x->port_hi != y->port_hi) return x->port_hi < y->port_hi ? -1 : 1;
+  return 0;
+}
+
+void append_ports(dp::TextWriter &out, std::uint16_t lo, std::uint16_t hi) {
+  if (lo == hi)
+    out.printf("%hu", lo);
+  else
+    out.printf("%hu-%hu", lo, hi);
+}
+
+void append_entries(dp::TextWriter &out, const ip6_forwardrule &block) {
+  for (std::size_t i = 0; i < block.count; ++i) {
+    const ip6_portrange &entry = block.entries[i];
+    if (i == 0)
+      out.printf("%s ", ipproto2str(entry.proto));
+    else if (entry.proto != block.entries[i - 1].proto)
+      out.printf(" %s ", ipproto2str(entry.proto));
+    else
+      out.append(",");
+    append_ports(out, entry.port_lo, entry.port_hi);
+  }
+}
+
+void append_portless_protocols(dp::TextWriter &out, const ip6_forwardrule &block) {
+  // 255 stands for any protocol; it is marked by an "ip" line but never named.
+  for (unsigned proto = 0; proto < 255; ++proto) {
+    std::uint8_t number = static_cast<std::uint8_t>(proto);
+    if (!is_port_protocol(number) && portless_protocol_marked(&block, proto)) out.printf(" %s", ipproto2str(number));
+  }
+}
+
+// Texts are composed on the stack and copied into the result ring at the
+// end: numeric protocol names ("P200") take ring buffers of their own, and a
+// long list of them would otherwise come round to the buffer being written.
+const char *to_result_ring(const char *text) {
+  char *ring = dp::result_ring_next();
+  std::size_t length = strnlen(text, dp::kResultBufferSize - 1);
+  std::memcpy(ring, text, length);
+  ring[length] = '\0';
+  return ring;
+}
+
+void append_range_ports(dp::TextWriter &out, const ip6_portrange &range) {
+  if (!is_port_protocol(range.proto)) return;
+  out.append(" ");
+  append_ports(out, range.port_lo, range.port_hi);
+}
+
+// Fields of a port range after the protocol word: ports, then up to two
+// words before a "#" (scope and "mark").
+void parse_range_ports(const char **cursor, ip6_portrange *range) {
+  const char *p = skip_blanks(*cursor);
+  char *end = nullptr;
+  std::uint16_t port = 0;
+  if (parse_ushort(p, &end, &port) != 0) {
+    range->port_lo = 0;
+    range->port_hi = is_port_protocol(range->proto) ? kAllPorts : 0;
+  } else {
+    range->port_lo = port;
+    range->port_hi = port;
+    p = skip_blanks(end);
+    if (*p == '-') {
+      p = skip_blanks(p + 1);
+      // A bad upper bound is passed over; the range keeps its single port.
+      if (parse_ushort(p, &end, &port) == 0) {
+        range->port_hi = port;
+        p = end;
+      }
+    } else {
+      p = end;
+    }
+  }
+  if (!is_port_protocol(range->proto)) {
+    range->port_lo = 0;
+    range->port_hi = 0;
+  }
+  *cursor = p;
+}
+
+// Reads the next word unless the line ends or a comment starts; `word` is
+// then the empty text.  -2 when the word is too long.
+int next_range_word(const char **cursor, char (&word)[kWordSize]) {
+  const char *p = skip_blanks(*cursor);
+  word[0] = '\0';
+  *cursor = p;
+  if (*p == '#' || *p == '\0') return 0;
+  char *end = nullptr;
+  if (parse_nonblank(p, &end, word, sizeof word) != 0) return -2;
+  *cursor = end;
+  return 0;
+}
+
+bool word_is(const char *word, const char *expected) { return std::strcmp(word, expected) == 0; }
+
+struct ScopeWord {
+  const char *word;
+  std::int32_t scope;
+};
+
+constexpr ScopeWord kRangeScopeWords[] = {
+    {"local", IP6_PORTRANGE_SCOPE_LOCAL},
+    {"internet", IP6_PORTRANGE_SCOPE_INTERNET},
+};
+
+void append_range_scope(dp::TextWriter &out, std::int32_t scope) {
+  for (const ScopeWord &entry : kRangeScopeWords)
+    if (scope == entry.scope) out.printf(" %s", entry.word);
+}
+
+// Up to two words before the comment: the first may be a scope word, either
+// may be "mark" with its value.  Other words are passed over.
+int parse_range_words(const char **cursor, ip6_portrange *range) {
+  char word[kWordSize];
+  if (next_range_word(cursor, word) != 0) return -2;
+  for (const ScopeWord &entry : kRangeScopeWords)
+    if (word_is(word, entry.word)) range->scope = entry.scope;
+  bool mark = word_is(word, "mark");
+  if (!mark) {
+    if (next_range_word(cursor, word) != 0) return -2;
+    mark = word_is(word, "mark");
+  }
+  if (!mark) return 0;
+  char *end = nullptr;
+  if (parse_ulong(*cursor, &end, &range->mark) != 0) return -2;
+  *cursor = end;
+  return 0;
+}
+
+void find_range_comment(const char *from, ip6_portrange *range) {
+  range->comment = nullptr;
+  const char *hash = std::strchr(from, '#');
+  if (hash) range->comment = skip_blanks(hash + 1);
+}
+
+// PCP handling words, indexed by value.
+constexpr const char *kPcpWords[] = {"ignore", "local", "internet"};
+
+}  // namespace
+
+extern "C" {
+
+ip6_forwardrule *ip6_forwardrule_init(void *block, size_t size) {
+  if (!block || size < kHeaderSize) return nullptr;
+  std::memset(block, 0, size);
+  ip6_forwardrule *rule = static_cast<ip6_forwardrule *>(block);
+  rule->size = size > UINT32_MAX ? UINT32_MAX : static_cast<std::uint32_t>(size);
+  std::size_t capacity = (size - kHeaderSize) / kEntrySize;
+  rule->capacity = static_cast<std::uint16_t>(capacity > kMaxEntries ? kMaxEntries : capacity);
+  return rule;
+}
+
+int ip6_forwardrule_parse(ip6_forwardrule *block, const char *line) {
+  const char *start = skip_blanks(line);
+  if (*start == '#') return 0;
+  dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
+  if (!scratch) return -1;
+  // Longer lines are cut to what the scratch copy holds.
+  char *copy = nuvrules::copy_rule_text(scratch, start);
+  char *rest = std::strchr(copy, ' ');
+  if (rest) *rest++ = '\0';
+  std::uint8_t proto = 0;
+  if (ipproto_parse(&proto, copy) != 0) return -5;
+  if (!is_port_protocol(proto)) {
+    mark_portless_protocol(block, proto);
+    return 0;
+  }
+  if (!rest || *rest == '\0') return add_entry(block, proto, 0, kAllPorts);
+  return parse_port_list(block, proto, rest);
+}
+
+uint32_t ip6_forwardrule_finish(ip6_forwardrule *block) {
+  std::qsort(block->entries, block->count, kEntrySize, compare_entries);
+  block->size = static_cast<std::uint32_t>(kHeaderSize + kEntrySize * block->count);
+  return block->size;
+}
+
+const char *ip6_forwardrule2str(const ip6_forwardrule *block) {
+  if (block->all_protocols) return "ip";
+  char text[dp::kResultBufferSize];
+  dp::TextWriter out(text, sizeof text);
+  if (block->ping) out.append("ping ");
+  append_entries(out, *block);
+  append_portless_protocols(out, *block);
+  return to_result_ring(text);
+}
+
+int ip6_portrange_parse(const char *text, ip6_portrange *range) {
+  range->scope = IP6_PORTRANGE_SCOPE_NONE;
+  range->mark = 0;
+  const char *p = skip_blanks(text);
+  range->enabled = 1;
+  if (*p == '#') {
+    range->enabled = 0;
+    p = skip_blanks(p + 1);
+  }
+  char word[kWordSize];
+  char *end = nullptr;
+  if (parse_nonblank(p, &end, word, sizeof word) != 0) return -2;
+  if (ipproto_parse(&range->proto, word) != 0) return -2;
+  p = end;
+  parse_range_ports(&p, range);
+  if (parse_range_words(&p, range) != 0) return -2;
+  find_range_comment(p, range);
+  return 0;
+}
+
+const char *ip6_portrange2str(const ip6_portrange *range) {
+  char text[dp::kResultBufferSize];
+  dp::TextWriter out(text, sizeof text);
+  if (range->enabled == 0) out.append("# ");
+  out.append(ipproto2str(range->proto));
+  append_range_ports(out, *range);
+  append_range_scope(out, range->scope);
+  if (range->mark != 0) out.printf(" mark %lu", static_cast<unsigned long>(range->mark));
+  if (range->comment) out.printf(" # %s", range->comment);
+  return to_result_ring(text);
+}
+
+const char *ip6_portrange2simplestr(const ip6_portrange *range) {
+  char text[dp::kResultBufferSize];
+  dp::TextWriter out(text, sizeof text);
+  out.append(ipproto2str(range->proto));
+  append_range_ports(out, *range);
+  return to_result_ring(text);
+}
+
+int pcphandling_parse(const char *word, int32_t *value) {
+  if (!word) return -1;
+  for (std::size_t i = 0; i < sizeof kPcpWords / sizeof kPcpWords[0]; ++i) {
+    if (std::strcmp(word, kPcpWords[i]) == 0) {
+      *value = static_cast<std::int32_t>(i);
+      return 0;
+    }
+  }
+  return -1;
+}
+
+const char *pcphandling2str(int32_t value) {
+  if (value < 0 || static_cast<std::size_t>(value) >= sizeof kPcpWords / sizeof kPcpWords[0])
+    return "<ill. pcphandling>";
+  return kPcpWords[value];
+}
+
+}  // extern "C"
