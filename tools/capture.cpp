@@ -12,6 +12,7 @@ constexpr std::uint16_t kVlanTags[] = {0x8100, 0x88A8, 0x9100};
 constexpr std::size_t kEthernetHeader = 14;
 constexpr std::size_t kCookedHeader = 16;   // Linux cooked capture v1
 constexpr std::size_t kCooked2Header = 20;  // Linux cooked capture v2
+constexpr std::size_t kLoopbackHeader = 4;  // BSD loopback address family
 
 std::uint16_t be16(const std::uint8_t *p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
 
@@ -37,12 +38,23 @@ void take_ethertype(Frame &f, std::size_t at) {
   f.link_complete = true;
 }
 
-void take_raw_ip(Frame &f) {
-  if (f.bytes.empty()) return;
-  unsigned version = f.bytes[0] >> 4;
+// Link types whose frames start with the IP header; DLT_RAW is numbered 12
+// or 14 depending on the system that wrote the file, libpcap maps both.
+constexpr int kRawIpLinkTypes[] = {DLT_RAW, DLT_IPV4, DLT_IPV6};
+
+bool is_raw_ip(int link_type) {
+  for (int t : kRawIpLinkTypes)
+    if (t == link_type) return true;
+  return false;
+}
+
+// The IP header starts at `at`; its version nibble gives the network type.
+void take_raw_ip(Frame &f, std::size_t at) {
+  if (f.bytes.size() <= at) return;
+  unsigned version = f.bytes[at] >> 4;
   if (version != 4 && version != 6) return;
   f.ethertype = version == 4 ? 0x0800 : 0x86DD;
-  f.network_offset = 0;
+  f.network_offset = at;
   f.link_complete = true;
 }
 
@@ -64,13 +76,15 @@ void dissect_link(Frame &f) {
       f.network_offset = kCooked2Header;
       f.link_complete = true;
       return;
-    case DLT_RAW:
-    case DLT_IPV4:
-    case DLT_IPV6:
-    case 12:  // DLT_RAW as some systems number it
-      take_raw_ip(f);
+    case DLT_NULL:
+    case DLT_LOOP:
+      // A 4-byte address family (host order of the capturing machine for
+      // DLT_NULL); the family values differ between systems, so the IP
+      // version nibble decides.
+      take_raw_ip(f, kLoopbackHeader);
       return;
     default:
+      if (is_raw_ip(f.link_type)) take_raw_ip(f, 0);
       return;
   }
 }
@@ -82,18 +96,8 @@ struct PcapCloser {
 }  // namespace
 
 bool link_type_supported(int link_type) {
-  switch (link_type) {
-    case DLT_EN10MB:
-    case DLT_LINUX_SLL:
-    case DLT_LINUX_SLL2:
-    case DLT_RAW:
-    case DLT_IPV4:
-    case DLT_IPV6:
-    case 12:
-      return true;
-    default:
-      return false;
-  }
+  return link_type == DLT_EN10MB || link_type == DLT_LINUX_SLL || link_type == DLT_LINUX_SLL2 ||
+         link_type == DLT_NULL || link_type == DLT_LOOP || is_raw_ip(link_type);
 }
 
 std::string for_each_frame(const std::string &path, const std::function<void(const Frame &)> &visit) {

@@ -134,7 +134,20 @@ struct Ipv6Upper {
   std::size_t offset = 0;
   std::uint8_t proto = 0;
   bool fragment = false;
+  std::size_t final_destination = 0;  // offset of a routing header's last address, 0 if none
 };
+
+constexpr std::uint8_t kRoutingHeader = 43;
+
+// Offset of the final destination in a routing header that still has
+// segments left (types 0 and 2 list addresses after 8 bytes), else 0.
+std::size_t final_destination_offset(Bytes packet, std::size_t at, std::size_t len) {
+  std::uint8_t type = packet[at + 2];
+  std::uint8_t segments_left = packet[at + 3];
+  std::size_t addresses = (len - 8) / 16;
+  if (segments_left == 0 || (type != 0 && type != 2) || addresses == 0) return 0;
+  return at + 8 + (addresses - 1) * 16;
+}
 
 Ipv6Upper ipv6_upper(Bytes packet) {
   Ipv6Upper u;
@@ -145,6 +158,7 @@ Ipv6Upper ipv6_upper(Bytes packet) {
     std::size_t len = next == 51 ? (std::size_t{packet[at + 1]} + 2) * 4 : (std::size_t{packet[at + 1]} + 1) * 8;
     if (next == 44 && (be16(&packet[at + 2]) & 0xFFF9) != 0) u.fragment = true;
     if (len > packet.size() - at) return {};
+    if (next == kRoutingHeader) u.final_destination = final_destination_offset(packet, at, len);
     next = packet[at];
     at += len;
   }
@@ -170,6 +184,9 @@ std::string ipv6_transport_verdict(Bytes ip) {
   }
   if (packet.size() - u.offset < field + 2) return "truncated";
   std::vector<std::uint8_t> copy(packet.begin(), packet.end());
+  // The pseudo-header names the final destination; the library sums the
+  // header's destination, so a routed packet gets its final one in the copy.
+  if (u.final_destination) std::memcpy(&copy[24], &packet[u.final_destination], 16);
   switch (u.proto) {
     case kProtoTcp: set_tcpv6_checksum(copy.data()); break;
     case kProtoUdp: set_udpv6_checksum(copy.data()); break;

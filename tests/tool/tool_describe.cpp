@@ -121,16 +121,27 @@ TEST_F(DescribeWithTshark, ChecksumVerdictsAgreeWithTsharkValidation) {
 }
 
 TEST_F(DescribeWithTshark, VlanIdsOfStackedTagsAreShownOuterFirst) {
+  // tshark names the outer 802.1ad service tag and the inner 802.1Q tag apart.
   std::string capture = shared_path("captures/802.1ad_QinQ.pcap");
-  auto rows = tshark_fields(capture, "-T fields -e vlan.id");
+  auto rows = tshark_fields(capture, "-T fields -e ieee8021ad.id -e vlan.id");
   auto lines = lines_of(describe(capture));
   ASSERT_EQ(lines.size(), rows.size());
+  ASSERT_FALSE(rows.empty());
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    std::string ids = rows[i][0];
-    for (auto &c : ids)
-      if (c == ',') c = '/';
-    EXPECT_NE(lines[i].find("vlan " + ids), std::string::npos) << lines[i];
+    ASSERT_EQ(rows[i].size(), 2u);
+    EXPECT_NE(lines[i].find("vlan " + rows[i][0] + "/" + rows[i][1]), std::string::npos) << lines[i];
   }
+}
+
+TEST_F(DescribeWithTshark, PcapngFileDescribesLikeThePcapItWasMadeFrom) {
+  std::string pcap = shared_path("captures/dns_udp.pcap");
+  std::string pcapng = std::string(NIKERKIOG_BINARY_DIR) + "/dns_udp.pcapng";
+  int status = -1;
+  run_command("tshark -r " + pcap + " -F pcapng -w " + pcapng + " 2>/dev/null", &status);
+  ASSERT_EQ(status, 0);
+  std::string from_pcap = describe(pcap);
+  EXPECT_FALSE(from_pcap.empty());
+  EXPECT_EQ(describe(pcapng), from_pcap);
 }
 
 namespace {
