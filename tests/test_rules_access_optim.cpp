@@ -39,6 +39,11 @@ TEST(AccessOptimRange, RangeFromZeroBecomesLessOrEqual) {
   expect_record(tcp_destination(7, 0, 80), Rule{.policy = 1, .proto = 6, .dst_op = 4, .dst_port = 80, .used = 0x21});
 }
 
+// Such a record cannot come from a rule line, which refuses port 0.
+TEST(AccessOptimRange, RangeFromZeroIsNotWritable) {
+  EXPECT_EQ(access_test::parse("permit tcp any any range 0 80").rc, -13);
+}
+
 TEST(AccessOptimRange, RangeOfOnePortBecomesEqual) {
   expect_record(tcp_destination(7, 80, 80), Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 80, .used = 0x21});
 }

@@ -97,8 +97,10 @@ typedef struct ipaccess_rule {
  * 1..65535).  "connection" flag or a connection word alone; "log" [level] or
  * a logging word alone ("log" alone means "short").
  * The record is cleared first, so after a failure it holds what was read
- * before the faulty word.  The text is read up to its NUL or its 1024th
- * character, whichever comes first.
+ * before the faulty word.  `rule` and `text` must not be null; the text is
+ * read up to its NUL or its 1024th character, whichever comes first.  The
+ * line is split in a 1024-byte scratch copy from cmemstack_alloc, released
+ * before returning.
  * Returns 0, or:
  *   -1  text longer than 1023 characters, or no scratch memory for the copy
  *   -2  a required word is missing         -3  unknown policy
