@@ -109,7 +109,7 @@ struct Message {
 
 Bytes opt(std::uint8_t code, const Bytes &value) {
   Bytes out{code, static_cast<std::uint8_t>(value.size())};
-  out.insert(out.end(), value.begin(), value.end());
+  for (auto c : value) out.push_back(static_cast<std::uint8_t>(c));
   return out;
 }
 
@@ -125,7 +125,7 @@ Bytes vendor_block(std::uint32_t enterprise, const Bytes &data) {
   Bytes out{static_cast<std::uint8_t>(enterprise >> 24), static_cast<std::uint8_t>(enterprise >> 16),
             static_cast<std::uint8_t>(enterprise >> 8), static_cast<std::uint8_t>(enterprise),
             static_cast<std::uint8_t>(data.size())};
-  out.insert(out.end(), data.begin(), data.end());
+  for (auto c : data) out.push_back(c);
   return out;
 }
 

@@ -38,7 +38,7 @@ Bytes concat(std::initializer_list<Bytes> parts) {
 
 Bytes suboption(std::uint8_t code, const std::string &value) {
   Bytes out{code, static_cast<std::uint8_t>(value.size())};
-  out.insert(out.end(), value.begin(), value.end());
+  for (auto c : value) out.push_back(static_cast<std::uint8_t>(c));
   return out;
 }
 
@@ -47,7 +47,7 @@ Bytes block(std::uint32_t enterprise, const Bytes &data) {
   Bytes out{static_cast<std::uint8_t>(enterprise >> 24), static_cast<std::uint8_t>(enterprise >> 16),
             static_cast<std::uint8_t>(enterprise >> 8), static_cast<std::uint8_t>(enterprise),
             static_cast<std::uint8_t>(data.size())};
-  out.insert(out.end(), data.begin(), data.end());
+  for (auto c : data) out.push_back(c);
   return out;
 }
 

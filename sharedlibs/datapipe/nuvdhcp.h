@@ -245,7 +245,9 @@ NIKERKIOG_API int parse_dhcpheadermatch(char *text, char **endp, dhcp_match *mat
  * in dotted decimal from their first four bytes (shorter values never match);
  * any other value is compared as text up to its first NUL (at most 1023
  * bytes), case-sensitively.
- * Scratch text comes from cmemstack; when it cannot be had, no match. */
+ * Scratch text comes from cmemstack; when it cannot be had, no match.
+ * For 124 and 125 the byte after the option value must be readable, as for
+ * dhcp_find_125_option (always so for values filled in by parsing). */
 NIKERKIOG_API int dhcp_packet_matches(const dhcp_memops *memops, const unsigned char *msg, const dhcp_option *store,
                                       const dhcp_match *match);
 

@@ -24,9 +24,8 @@ constexpr std::uint32_t kMaxHexBytes = 511;
 constexpr std::size_t kMaxStringBytes = kScratchBytes - 1;
 constexpr std::uint32_t kHwAddrBytes = 6;
 
-// Bytes in message order, two upper-case hex digits each.  Only the first
-// 2 x size characters are compared, so a field longer than the scratch text
-// is compared on what fits.
+// Bytes in message order, two upper-case hex digits each.  A field longer
+// than the scratch text holds is compared on what fits (511 bytes).
 inline int match_hex(const std::uint8_t *field, std::uint32_t size, const char *pattern) {
   if (size == 0) return 0;
   ScratchBuffer scratch(kScratchBytes);
@@ -39,7 +38,10 @@ inline int match_hex(const std::uint8_t *field, std::uint32_t size, const char *
     *out++ = kDigits[field[i] & 0x0f];
   }
   *out = '\0';
-  return shcasenmatch(scratch.data(), std::size_t{2} * size, pattern) ? 0 : -1;
+  // The first 2 x size characters are compared; for a field longer than the
+  // text holds that is the whole text, so the length passed never reaches
+  // past it.
+  return shcasenmatch(scratch.data(), std::size_t{2} * shown, pattern) ? 0 : -1;
 }
 
 // An IPv4 address in dotted decimal.

@@ -99,6 +99,46 @@ static int check_address_text(void) {
   return failures;
 }
 
+/* Vendor sub-options and DHCP match expressions from C. */
+static int check_dhcp_match(void) {
+  int failures = 0;
+  dhcp_memops ops = {NULL, c_dhcp_alloc, c_dhcp_free};
+  dhcp_options store;
+  /* option 125: enterprise 3561, sub-option 1 "abc"; then option 60 "MSFT 5.0" */
+  const unsigned char area[] = {125, 10, 0, 0, 0x0d, 0xe9, 5, 1, 3, 'a', 'b', 'c',
+                                60, 8, 'M', 'S', 'F', 'T', ' ', '5', '.', '0', 255};
+  unsigned char msg[240];
+  char rule[] = "xid DEADBEEF";
+  char *end = NULL;
+  dhcp_match m;
+  char *s;
+  memset(store, 0, sizeof store);
+  memset(msg, 0, sizeof msg);
+  msg[4] = 0xde; msg[5] = 0xad; msg[6] = 0xbe; msg[7] = 0xef;
+  if (dhcp_parse_option_buffer(&ops, area, (int32_t)sizeof area - 1, store) != 0) {
+    fprintf(stderr, "dhcp_parse_option_buffer (match)\n");
+    ++failures;
+  }
+  s = dhcp_extract_125_string(&ops, &store[125], 3561, 1);
+  if (!s || strcmp(s, "abc") != 0) { fprintf(stderr, "dhcp_extract_125_string\n"); ++failures; }
+  free(s);
+  if (parse_dhcpoptionmatch("60 MSFT*", &end, &m) != 5 || m.code != 60) {
+    fprintf(stderr, "parse_dhcpoptionmatch\n");
+    ++failures;
+  }
+  m.pattern = "MSFT*";
+  if (dhcp_packet_matches(&ops, msg, store, &m) != 1) { fprintf(stderr, "dhcp_packet_matches (option)\n"); ++failures; }
+  if (parse_dhcpheadermatch(rule, &end, &m) != 8 || m.sub != DHCP_HFIELD_XID) {
+    fprintf(stderr, "parse_dhcpheadermatch\n");
+    ++failures;
+  }
+  m.pattern = "deadbeef";
+  if (dhcp_packet_matches(&ops, msg, store, &m) != 1) { fprintf(stderr, "dhcp_packet_matches (header)\n"); ++failures; }
+  if (strcmp(dhcp_hfield2str(11), "chaddr") != 0) { fprintf(stderr, "dhcp_hfield2str\n"); ++failures; }
+  dhcp_free_options(&ops, store);
+  return failures;
+}
+
 /* Classifier rules, tables, compare and clone from C. */
 static int check_classifier(void) {
   int failures = 0;
@@ -211,6 +251,7 @@ int main(void) {
   failures += check_dhcp_store();
   failures += check_forward_rules();
   failures += check_address_text();
+  failures += check_dhcp_match();
   failures += check_classifier();
   failures += check_access_rules();
   failures += check_classifier_rule_text();
