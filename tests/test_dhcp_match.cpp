@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 
 #include <cctype>
+#include <cstdio>
 #include <cstring>
 #include <iomanip>
 #include <random>
@@ -937,5 +938,30 @@ TEST(ParseDhcpOptionMatch, AgreesWithAPlainReaderOnRandomTexts) {
     EXPECT_EQ(r.match.sub, s) << text;
     EXPECT_EQ(r.pattern, pattern) << text;
     EXPECT_EQ(r.rest, " table") << text;
+  }
+}
+
+// ---- the text writers, against the C library's printf ----
+
+TEST(DhcpFieldText, DottedTextEqualsPrintfForEveryByte) {
+  for (int b = 0; b < 256; ++b) {
+    const std::uint8_t bytes[4] = {static_cast<std::uint8_t>(b), static_cast<std::uint8_t>(255 - b), 0,
+                                   static_cast<std::uint8_t>(b / 2)};
+    char expected[32], got[32];
+    std::snprintf(expected, sizeof expected, "%d.%d.%d.%d", bytes[0], bytes[1], bytes[2], bytes[3]);
+    dp::dhcpmatch::write_dotted_text(got, bytes);
+    ASSERT_STREQ(got, expected);
+  }
+}
+
+TEST(DhcpFieldText, HardwareAddressTextEqualsPrintfForEveryByte) {
+  for (int b = 0; b < 256; ++b) {
+    const std::uint8_t bytes[6] = {static_cast<std::uint8_t>(b), static_cast<std::uint8_t>(255 - b), 0, 0xff,
+                                   static_cast<std::uint8_t>(b * 7), static_cast<std::uint8_t>(b / 3)};
+    char expected[32], got[32];
+    std::snprintf(expected, sizeof expected, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2], bytes[3],
+                  bytes[4], bytes[5]);
+    dp::dhcpmatch::write_hwaddr_text(got, bytes);
+    ASSERT_STREQ(got, expected);
   }
 }

@@ -126,3 +126,11 @@ TEST(RecordSizes, DhcpConfigurationRecords) {
     EXPECT_EQ(sizeof(dhcpoptions_record), 32u);
   }
 }
+
+TEST(RecordSizes, PacketBufferDescriptor) {
+  EXPECT_EQ(offsetof(nuv_pktbuf, len), 4u);
+  if (kIs32BitTarget) {
+    EXPECT_EQ(sizeof(nuv_pktbuf), 16u);
+    EXPECT_EQ(offsetof(nuv_pktbuf, data), 12u);
+  }
+}

@@ -1,6 +1,5 @@
 // DHCP match expressions: the rule-text parsers, the header field names and
 // the evaluation of a match against a received DHCP message.
-#include <cstdio>
 #include <cstring>
 #include <strings.h>
 
@@ -78,14 +77,13 @@ using ScratchText = char *;
 // other hardware types never match.
 bool match_client_identifier(const std::uint8_t *value, std::uint32_t len, const char *pattern, ScratchText text) {
   if (len < kClientIdEthernetBytes || value[0] != kHwTypeEthernet) return false;
-  std::snprintf(text, dp::dhcpmatch::kScratchBytes, "%02X:%02X:%02X:%02X:%02X:%02X", value[1], value[2], value[3],
-                value[4], value[5], value[6]);
+  dp::dhcpmatch::write_hwaddr_text(text, value + 1);
   return shcasematch(text, pattern) != 0;
 }
 
 bool match_single_address(const std::uint8_t *value, std::uint32_t len, const char *pattern, ScratchText text) {
   if (len < kAddressBytes) return false;
-  std::snprintf(text, dp::dhcpmatch::kScratchBytes, "%d.%d.%d.%d", value[0], value[1], value[2], value[3]);
+  dp::dhcpmatch::write_dotted_text(text, value);
   return shmatch(text, pattern) != 0;
 }
 

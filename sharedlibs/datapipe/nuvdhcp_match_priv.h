@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 #include "dp_scratch.h"
@@ -24,19 +23,48 @@ constexpr std::uint32_t kMaxHexBytes = 511;
 constexpr std::size_t kMaxStringBytes = kScratchBytes - 1;
 constexpr std::uint32_t kHwAddrBytes = 6;
 
+// Writers of the fixed text forms; `out` must hold kShortTextBytes.  They
+// write what "%02X:%02X:%02X:%02X:%02X:%02X" and "%d.%d.%d.%d" would, without
+// the cost of a formatted print on every evaluated packet.
+inline char *write_hex_byte(char *out, std::uint8_t b) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  *out++ = kDigits[b >> 4];
+  *out++ = kDigits[b & 0x0f];
+  return out;
+}
+
+inline void write_hwaddr_text(char *out, const std::uint8_t *bytes) {
+  for (std::uint32_t i = 0; i < kHwAddrBytes; ++i) {
+    if (i) *out++ = ':';
+    out = write_hex_byte(out, bytes[i]);
+  }
+  *out = '\0';
+}
+
+inline char *write_decimal_byte(char *out, std::uint8_t b) {
+  if (b >= 100) *out++ = static_cast<char>('0' + b / 100);
+  if (b >= 10) *out++ = static_cast<char>('0' + b / 10 % 10);
+  *out++ = static_cast<char>('0' + b % 10);
+  return out;
+}
+
+inline void write_dotted_text(char *out, const std::uint8_t *bytes) {
+  for (int i = 0; i < 4; ++i) {
+    if (i) *out++ = '.';
+    out = write_decimal_byte(out, bytes[i]);
+  }
+  *out = '\0';
+}
+
 // Bytes in message order, two upper-case hex digits each.  A field longer
 // than the scratch text holds is compared on what fits (511 bytes).
 inline int match_hex(const std::uint8_t *field, std::uint32_t size, const char *pattern) {
   if (size == 0) return 0;
   ScratchBuffer scratch(kScratchBytes);
   if (!scratch) return -1;
-  constexpr char kDigits[] = "0123456789ABCDEF";
   char *out = scratch.data();
   const std::uint32_t shown = size < kMaxHexBytes ? size : kMaxHexBytes;
-  for (std::uint32_t i = 0; i < shown; ++i) {
-    *out++ = kDigits[field[i] >> 4];
-    *out++ = kDigits[field[i] & 0x0f];
-  }
+  for (std::uint32_t i = 0; i < shown; ++i) out = write_hex_byte(out, field[i]);
   *out = '\0';
   // The first 2 x size characters are compared; for a field longer than the
   // text holds that is the whole text, so the length passed never reaches
@@ -47,7 +75,7 @@ inline int match_hex(const std::uint8_t *field, std::uint32_t size, const char *
 // An IPv4 address in dotted decimal.
 inline int match_address(const std::uint8_t *field, std::uint32_t /*size*/, const char *pattern) {
   char buf[kShortTextBytes];
-  std::snprintf(buf, sizeof buf, "%d.%d.%d.%d", field[0], field[1], field[2], field[3]);
+  write_dotted_text(buf, field);
   return shcasematch(buf, pattern) ? 0 : -1;
 }
 
@@ -57,8 +85,7 @@ inline int match_address(const std::uint8_t *field, std::uint32_t /*size*/, cons
 inline int match_hwaddr(const std::uint8_t *field, std::uint32_t size, const char *pattern) {
   if (!field || !pattern || size < kHwAddrBytes || pattern[0] == '\0') return -1;
   char buf[kShortTextBytes];
-  std::snprintf(buf, sizeof buf, "%02X:%02X:%02X:%02X:%02X:%02X", field[0], field[1], field[2], field[3], field[4],
-                field[5]);
+  write_hwaddr_text(buf, field);
   return shcasematch(buf, pattern) ? 0 : -1;
 }
 

@@ -209,6 +209,57 @@ static int check_access_rules(void) {
   return failures;
 }
 
+/* Protocol names, packet walks, descriptions and predicates from C. */
+static int check_packet_utilities(void) {
+  int failures = 0;
+  uint8_t proto = 0;
+  uint8_t nexthdr = 0;
+  /* IPv6, hop-by-hop options (8 bytes) then UDP, payload 8 + 8. */
+  uint8_t ip6[56];
+  /* IPv4 UDP 10.0.0.1:1234 -> 10.0.0.2:53 with no payload. */
+  const uint8_t ip4[28] = {0x45, 0, 0, 28, 0, 0, 0, 0, 64, 17, 0, 0, 10, 0, 0, 1,
+                           10, 0, 0, 2, 0x04, 0xd2, 0, 53, 0, 8, 0, 0};
+  nuv_pktbuf buf;
+  memset(ip6, 0, sizeof ip6);
+  ip6[0] = 0x60;
+  ip6[5] = 16;
+  ip6[6] = 0;
+  ip6[40] = 17;
+  if (strcmp(ipproto2str(6), "TCP") != 0 || ipproto_parse(&proto, "udp") != 0 || proto != 17) {
+    fprintf(stderr, "ipproto2str/ipproto_parse\n");
+    ++failures;
+  }
+  if (ip6_skip_exthdr_from_ipv6hdr(ip6, &nexthdr) != 48 || nexthdr != 17 || ip6_is_ext_hdr(60) != 1 ||
+      ip6_exthdr_order_is_valid_in_ipv6hdr(ip6) != 1) {
+    fprintf(stderr, "ip6 extension header walk\n");
+    ++failures;
+  }
+  memset(&buf, 0, sizeof buf);
+  buf.len = sizeof ip6;
+  buf.data = ip6;
+  nexthdr = 0;
+  if (ip6_find_fraghdr(&buf, ip6) != NULL || ip6_skip_exthdr(&buf, 40, &nexthdr, (int)sizeof ip6) != 48 ||
+      nexthdr != 17) {
+    fprintf(stderr, "ip6_find_fraghdr/ip6_skip_exthdr\n");
+    ++failures;
+  }
+  nexthdr = 0;
+  if (ip6_skip_exthdr_raw(ip6, (int)sizeof ip6, 40, &nexthdr) != 48 || nexthdr != 17) {
+    fprintf(stderr, "ip6_skip_exthdr_raw\n");
+    ++failures;
+  }
+  if (strcmp(iph2str(ip4), "UDP 10.0.0.1:1234 -> 10.0.0.2:53") != 0) {
+    fprintf(stderr, "iph2str gave '%s'\n", iph2str(ip4));
+    ++failures;
+  }
+  if (packet_is_valid_dns_query_request(ip4) != 0 || packet_is_valid_dns_query_reply(ip4) != 0 ||
+      icmp_rep2req(0) != 8 || icmp6_rep2req(129) != 128 || is_port_protocol(132) != 1) {
+    fprintf(stderr, "packet predicates\n");
+    ++failures;
+  }
+  return failures;
+}
+
 static int check_classifier_rule_text(void) {
   int failures = 0;
   nuv_clfy *rule = NULL;
@@ -254,6 +305,7 @@ int main(void) {
   failures += check_dhcp_match();
   failures += check_classifier();
   failures += check_access_rules();
+  failures += check_packet_utilities();
   failures += check_classifier_rule_text();
   if (failures) fprintf(stderr, "%d C-linkage checks failed\n", failures);
   return failures ? 1 : 0;

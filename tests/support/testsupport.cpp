@@ -130,6 +130,21 @@ NetworkLayer find_network_layer(const Capture &capture, const CapturedPacket &pa
       layer.ethertype = (d[0] >> 4) == 6 ? 0x86DD : 0x0800;
       layer.found = true;
       return layer;
+    case kLinkNull:
+      // The family word is in the byte order of the capturing host; the IP
+      // version nibble behind it tells the same more simply.
+      if (d.size() < 5) return layer;
+      layer.offset = 4;
+      layer.ethertype = (d[4] >> 4) == 6 ? 0x86DD : 0x0800;
+      layer.found = true;
+      return layer;
+    case kLinkIpv4:
+    case kLinkIpv6:
+      if (d.empty()) return layer;
+      layer.offset = 0;
+      layer.ethertype = capture.link_type == kLinkIpv6 ? 0x86DD : 0x0800;
+      layer.found = true;
+      return layer;
     default:
       return layer;
   }

@@ -26,9 +26,12 @@ Bytes hex_bytes(std::string_view hex);
 std::string to_hex(const std::uint8_t *data, std::size_t len);
 
 // Link types of the captures.
+inline constexpr std::uint32_t kLinkNull = 0;  // BSD loopback: 4-byte address family
 inline constexpr std::uint32_t kLinkEthernet = 1;
 inline constexpr std::uint32_t kLinkRaw = 101;
 inline constexpr std::uint32_t kLinkLinuxCooked = 113;
+inline constexpr std::uint32_t kLinkIpv4 = 228;  // bare IPv4 packets
+inline constexpr std::uint32_t kLinkIpv6 = 229;  // bare IPv6 packets
 
 struct CapturedPacket {
   std::size_t number;  // 1-based, as tshark numbers frames
