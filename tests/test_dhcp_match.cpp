@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iomanip>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -963,5 +964,60 @@ TEST(DhcpFieldText, HardwareAddressTextEqualsPrintfForEveryByte) {
                   bytes[4], bytes[5]);
     dp::dhcpmatch::write_hwaddr_text(got, bytes);
     ASSERT_STREQ(got, expected);
+  }
+}
+
+namespace {
+
+// The text an option value is compared as, written plainly: "XX:XX:.." for an
+// Ethernet client identifier, dotted decimal for single-address options,
+// else the bytes up to the first NUL (at most 1023); nothing when the value
+// cannot be written in its form.
+std::optional<std::string> reference_option_text(std::uint8_t code, const Bytes &v) {
+  char buf[64];
+  if (code == 61) {
+    if (v.size() < 7 || v[0] != 1) return std::nullopt;
+    std::snprintf(buf, sizeof buf, "%02X:%02X:%02X:%02X:%02X:%02X", v[1], v[2], v[3], v[4], v[5], v[6]);
+    return std::string(buf);
+  }
+  if (code == 1 || code == 16 || code == 28 || code == 32 || code == 50 || code == 54) {
+    if (v.size() < 4) return std::nullopt;
+    std::snprintf(buf, sizeof buf, "%d.%d.%d.%d", v[0], v[1], v[2], v[3]);
+    return std::string(buf);
+  }
+  if (v.empty()) return std::nullopt;
+  std::string s(v.begin(), v.end());
+  return s.substr(0, s.find('\0')).substr(0, 1023);
+}
+
+std::string escaped(const std::string &text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '*' || c == '?' || c == '[' || c == ']' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(DhcpOptionMatch, AgreesWithAPlainTextWriterOnRandomValues) {
+  std::mt19937 rng(61);
+  const std::uint8_t codes[] = {1, 3, 12, 16, 28, 32, 43, 50, 54, 55, 60, 61, 77, 82, 254};
+  std::uniform_int_distribution<int> pick(0, sizeof codes - 1), len(0, 12), byte(0, 255), low(0, 3);
+  for (int round = 0; round < 3000; ++round) {
+    const std::uint8_t code = codes[pick(rng)];
+    Bytes value;
+    for (int i = len(rng); i > 0; --i) value.push_back(static_cast<std::uint8_t>(low(rng) == 0 ? low(rng) : byte(rng)));
+    DhcpTestMemops memops;
+    Parsed p(memops, Message().options(opt(code, value)));
+    const auto text = reference_option_text(code, value);
+    const std::string hex = testsupport::to_hex(value.data(), value.size());
+    if (!text) {
+      ASSERT_EQ(p.matches(code, "*"), 0) << int(code) << ": " << hex;
+      continue;
+    }
+    ASSERT_EQ(p.matches(code, escaped(*text).c_str()), 1) << int(code) << ": " << hex;
+    ASSERT_EQ(p.matches(code, (escaped(*text) + "?").c_str()), 0) << int(code) << ": " << hex;
   }
 }

@@ -329,3 +329,19 @@ TEST(Ipv4Description, RandomUdpAndTcpPacketsAgainstInetNtop) {
     ASSERT_EQ(v4(p), expected);
   }
 }
+
+TEST(PacketDescription, RedirectLineTakesTwoResultBuffers) {
+  // A marker text, then the description (message text and line), then
+  // further takes: the ring comes back to the marker's buffer on the
+  // seventh, so the description took exactly two buffers.
+  Bytes p = ipv4(1, hex_bytes("0501 0000 0a090807"));
+  std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[p.size()]);
+  std::memcpy(copy.get(), p.data(), p.size());
+  const char *marker = ipproto2str(199);
+  const char *line = iph2str(copy.get());
+  EXPECT_STREQ(line, "ICMP 10.0.0.1 -> 10.0.0.2 redirect host to 10.9.8.7");
+  std::vector<const char *> later;
+  for (int i = 0; i < 7; ++i) later.push_back(ipproto2str(static_cast<std::uint8_t>(160 + i)));
+  for (int i = 0; i < 6; ++i) EXPECT_NE(later[static_cast<std::size_t>(i)], marker) << i;
+  EXPECT_EQ(later[6], marker);
+}

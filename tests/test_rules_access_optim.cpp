@@ -274,3 +274,78 @@ TEST(AccessOptimProperty, OptimisingTwiceChangesNothing) {
     expect_record(twice, access_test::from_record(once));
   }
 }
+
+namespace {
+
+struct Interval {
+  unsigned low;
+  unsigned high;
+  bool operator==(const Interval &) const = default;
+};
+
+// The ports 0..ceiling a normalised condition admits.
+Interval interval_of(std::int32_t op, std::uint16_t port, unsigned ceiling) {
+  switch (op) {
+    case 0: return {0, ceiling};
+    case 1: return {port, port};
+    case 4: return {0, port};
+    case 6: return {port, ceiling};
+    default: ADD_FAILURE() << "unexpected operator " << op; return {1, 0};
+  }
+}
+
+// What a written range [low, high] admits once its values are cut to the
+// ceiling: an upper bound of 0 means a single port (or, with a lower bound of
+// 0 too, no condition at all); otherwise the ordered range.
+Interval reference_range(unsigned low, unsigned high, unsigned ceiling) {
+  low = std::min(low, ceiling);
+  high = std::min(high, ceiling);
+  if (high == 0) return low == 0 ? Interval{0, ceiling} : Interval{low, low};
+  return {std::min(low, high), std::max(low, high)};
+}
+
+}  // namespace
+
+// Ranges on TCP, UDP and ICMP, source and destination: the normalised
+// condition admits what the reference says, and a range is kept only where
+// no single operator says the same.
+TEST(AccessOptimProperty, ReducedRangesAdmitWhatTheReferenceAdmits) {
+  std::mt19937 rng(5150);
+  const std::uint8_t protos[] = {1, 6, 17};
+  auto random_port = [&]() -> std::uint16_t {
+    switch (rng() % 5) {
+      case 0: return 0;
+      case 1: return 65535;
+      case 2: return static_cast<std::uint16_t>(rng() % 300);
+      default: return static_cast<std::uint16_t>(rng());
+    }
+  };
+  for (int i = 0; i < 20000; ++i) {
+    std::uint8_t proto = protos[rng() % 3];
+    unsigned ceiling = proto == 1 ? 255 : 65535;
+    std::uint16_t sl = random_port(), sh = random_port(), dl = random_port(), dh = random_port();
+    ipaccess_rule rec = optimised(
+        Rule{.proto = proto, .src_op = 7, .src_port = sl, .src_port2 = sh, .dst_op = 7, .dst_port = dl, .dst_port2 = dh});
+    SCOPED_TRACE(testing::Message() << int{proto} << " src " << sl << "-" << sh << " dst " << dl << "-" << dh);
+    struct Side {
+      std::int32_t op;
+      std::uint16_t port, port2, low, high;
+    } sides[] = {{rec.src_op, rec.src_port, rec.src_port2, sl, sh}, {rec.dst_op, rec.dst_port, rec.dst_port2, dl, dh}};
+    for (const Side &s : sides) {
+      Interval expected = reference_range(s.low, s.high, ceiling);
+      if (s.op == 7) {
+        EXPECT_EQ((Interval{s.port, s.port2}), expected);
+        EXPECT_NE(s.port, 0);
+        EXPECT_NE(s.port2, ceiling);
+        EXPECT_LT(s.port, s.port2);
+      } else {
+        EXPECT_EQ(interval_of(s.op, s.port, ceiling), expected);
+        EXPECT_EQ(s.port2, 0);
+        if (s.op == 0) {
+          EXPECT_EQ(s.port, 0);
+        }
+      }
+    }
+    if (HasFailure()) break;
+  }
+}

@@ -57,6 +57,21 @@ void free_rule_list(nuv_clfy **head);
 // no registered action.
 const nuv_clfy_action *action_at(std::int32_t index);
 
+// ---- DHCP condition ----
+
+// The rule's DHCP condition starts with the fields of the DHCP match record,
+// in the same places, so C callers may hand it to the DHCP matcher as it is.
+static_assert(offsetof(nuv_clfy_dhcp, code) == offsetof(dhcp_match, code));
+static_assert(offsetof(nuv_clfy_dhcp, sub) == offsetof(dhcp_match, sub));
+static_assert(offsetof(nuv_clfy_dhcp, enterprise) == offsetof(dhcp_match, enterprise));
+static_assert(offsetof(nuv_clfy_dhcp, pattern) == offsetof(dhcp_match, pattern));
+
+// The DHCP match record of a rule's condition, for the DHCP matcher (a copy,
+// so C++ code needs no cast between the two record types).
+inline dhcp_match match_of(const nuv_clfy_dhcp &condition) {
+  return dhcp_match{condition.code, condition.sub, condition.enterprise, condition.pattern};
+}
+
 // ---- Value lists ----
 
 // Appends one entry (values already in host order).  Returns false when

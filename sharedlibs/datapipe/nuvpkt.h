@@ -21,7 +21,7 @@ NIKERKIOG_BEGIN_DECLS
  * bytes of the upper-layer header are readable (4 for UDP and IPComp, 14 for
  * TCP, 8 for ESP, ICMP, ICMPv6 and IGMP, 12 for AH).
  * The text lives in the library's result ring (valid until nine further
- * takes; one description takes up to four result buffers and two address
+ * takes; one description takes up to two result buffers and three address
  * buffers). */
 NIKERKIOG_API const char *iph2str(const uint8_t *packet);
 

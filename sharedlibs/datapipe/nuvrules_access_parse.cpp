@@ -10,9 +10,9 @@ namespace {
 
 using nuvrules::WordCursor;
 
-// A full rule line can have 17 words; only the first 16 are read, so the
-// level of a trailing "log <level>" on a rule using every part is dropped
-// (and the rule logs "short").  Existing rule files depend on this.
+// A rule line using every part has 17 words, but only the first 16 are read:
+// the level of its trailing "log <level>" is never seen and the rule logs
+// "short".  The window belongs to the rule format; it is not a limit to raise.
 constexpr std::size_t kMaxRuleWords = 16;
 
 // ---- enumeration words ----
@@ -90,7 +90,14 @@ struct EndpointCodes {
 constexpr EndpointCodes kSourceCodes = {-5, -6, -7, -8, -9};
 constexpr EndpointCodes kDestinationCodes = {-10, -11, -12, -13, -14};
 
+// Result codes of ipaccess_parse besides those of the endpoints.
+constexpr int kTextTooLong = -1;  // also: no scratch memory for the copy
 constexpr int kMissingWord = -2;
+constexpr int kUnknownPolicy = -3;
+constexpr int kUnknownProtocol = -4;
+constexpr int kConnectionWithoutFlag = -15;
+constexpr int kUnknownConnectionFlag = -16;
+constexpr int kUnknownTrailingWord = -17;
 
 // "any" | "host" address | address mask.
 int parse_address_part(WordCursor &words, const EndpointCodes &codes, std::uint32_t *addr, std::uint32_t *mask) {
@@ -152,8 +159,8 @@ int parse_trailer(WordCursor &words, ipaccess_rule *rule) {
   if (std::strcmp(words.peek(), "connection") == 0) {
     words.take();
     const char *flag = words.take();
-    if (!flag) return -15;
-    if (ipaccessconnectionflag_parse(&rule->connflag, flag) != 0) return -16;
+    if (!flag) return kConnectionWithoutFlag;
+    if (ipaccessconnectionflag_parse(&rule->connflag, flag) != 0) return kUnknownConnectionFlag;
     if (words.done()) return 0;
   } else if (ipaccessconnectionflag_parse(&rule->connflag, words.peek()) == 0) {
     words.take();
@@ -169,16 +176,16 @@ int parse_trailer(WordCursor &words, ipaccess_rule *rule) {
     word = level;
   }
   // Words after the logging level are ignored.
-  return ipaccesslogging_parse(&rule->logging, word) == 0 ? 0 : -17;
+  return ipaccesslogging_parse(&rule->logging, word) == 0 ? 0 : kUnknownTrailingWord;
 }
 
 int parse_words(WordCursor &words, ipaccess_rule *rule) {
   const char *policy = words.take();
   if (!policy) return kMissingWord;
-  if (ipaccesspolicy_parse(&rule->policy, policy) != 0) return -3;
+  if (ipaccesspolicy_parse(&rule->policy, policy) != 0) return kUnknownPolicy;
   const char *proto = words.take();
   if (!proto) return kMissingWord;
-  if (nuvrules::parse_rule_protocol(&rule->proto, proto) != 0) return -4;
+  if (nuvrules::parse_rule_protocol(&rule->proto, proto) != 0) return kUnknownProtocol;
   int rc = parse_endpoint(words, kSourceCodes, true, &rule->src_addr, &rule->src_mask, &rule->src_op,
                           &rule->src_port, &rule->src_port2);
   if (rc != 0) return rc;
@@ -205,7 +212,8 @@ int ipaccesstcpflag_parse(std::int32_t *value, const char *word) { return parse_
 const char *ipaccesstcpflag_string(std::int32_t value) { return word_of(kTcpFlagWords, value, "illegal-tcpflag"); }
 
 int ipaccessconnectionflag_parse(std::int32_t *value, const char *word) {
-  // Older rule files write "related" for outgoing-related connections.
+  // "related" is the short form of outgoing-related; printing always uses
+  // the long word.
   if (std::strcmp(word, "related") == 0) {
     *value = IPACCESS_CONN_OUTGOING_RELATED;
     return 0;
@@ -229,9 +237,9 @@ const char *ipaccessdirection_string(std::int32_t direction) {
 
 int ipaccess_parse(ipaccess_rule *rule, const char *text) {
   std::memset(rule, 0, sizeof *rule);
-  if (nuvrules::rule_text_too_long(text)) return -1;
+  if (nuvrules::rule_text_too_long(text)) return kTextTooLong;
   dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
-  if (!scratch) return -1;
+  if (!scratch) return kTextTooLong;
   const char *words[kMaxRuleWords];
   std::size_t count = nuvrules::split_rule_words(nuvrules::copy_rule_text(scratch, text), words,
                                                   kMaxRuleWords);
