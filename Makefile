@@ -9,6 +9,9 @@ GEN       := -G Ninja
 SANITIZER_ENV := ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:abort_on_error=1 \
                  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 CTEST     := ctest --output-on-failure -j$(JOBS)
+# Compiler caches are shared between checkouts of the tree.
+export CCACHE_BASEDIR := $(CURDIR)
+export CCACHE_NOHASHDIR := true
 
 .PHONY: run test deps deps-cross native asan armel s390x \
         test-native test-asan test-armel test-s390x bench install clean

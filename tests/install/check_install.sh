@@ -1,0 +1,18 @@
+#!/bin/sh
+# Installs the build tree into a scratch prefix, then builds a C program
+# against it twice: through pkg-config and through find_package.
+set -eu
+build=$1
+here=$(cd "$(dirname "$0")" && pwd)
+work=$build/install-check
+rm -rf "$work"
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+libdir=$(dirname "$(find "$work/prefix" -name nikerkiog.pc | head -n 1)")/..
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+cc -std=c99 -Wall -Wextra -Werror -o "$work/consumer-pc" "$here/consumer.c" \
+   $(pkg-config --cflags --libs nikerkiog) -Wl,-rpath,"$libdir"
+"$work/consumer-pc"
+cmake -S "$here" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+"$work/cmake/consumer"
+echo "install check passed"

@@ -1,0 +1,40 @@
+// Reading captures through libpcap and finding the IP layer of each frame.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// One captured frame with its link layer taken apart.
+struct Frame {
+  std::size_t number = 0;              // 1-based position in the capture
+  std::span<const std::uint8_t> bytes; // what was captured
+  std::uint32_t wire_length = 0;       // length on the wire
+  int link_type = 0;                   // libpcap DLT_* value
+  const std::uint8_t *ethernet = nullptr;  // Ethernet header, when the link has one
+  std::vector<std::uint16_t> vlan_ids; // 802.1Q/802.1ad tags, outer first
+  std::uint16_t ethertype = 0;         // of the network layer
+  std::size_t network_offset = 0;      // where the network layer starts in `bytes`
+  bool link_complete = false;          // the link-layer headers were fully captured
+
+  // The captured bytes of the network layer (empty when the link layer is incomplete).
+  std::span<const std::uint8_t> network() const {
+    return link_complete ? bytes.subspan(network_offset) : std::span<const std::uint8_t>{};
+  }
+  bool is_ipv4() const { return link_complete && ethertype == 0x0800; }
+  bool is_ipv6() const { return link_complete && ethertype == 0x86DD; }
+};
+
+// Whether the tool can take frames of this libpcap link type apart.
+bool link_type_supported(int link_type);
+
+// Calls `visit` for every frame of the capture file at `path` (pcap or
+// pcapng).  Returns an empty string on success, else the error text.
+std::string for_each_frame(const std::string &path, const std::function<void(const Frame &)> &visit);
+
+}  // namespace tool
