@@ -1,6 +1,7 @@
 # Compares the dynamic symbols of LIBRARY with the interfaces of CHECKLIST
 # (all groups but "platform"): each listed name must be exported, and nothing
 # else may be.
+cmake_policy(SET CMP0057 NEW)  # if(... IN_LIST ...)
 execute_process(COMMAND nm -D --defined-only ${LIBRARY} OUTPUT_VARIABLE nm_out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIBRARY}")

@@ -137,6 +137,11 @@ TEST(Wildcards, ShcasenmatchLooksOnlyAtTheFirstLengthCharacters) {
   EXPECT_TRUE(shcasenmatch(long_text.data(), long_text.size(), "A*A"));
 }
 
+TEST(Wildcards, ShcasenmatchReadsNothingAfterTheTextEnds) {
+  std::vector<char> text = {'a', 'b', '\0'};  // exact size: reading on would be caught
+  EXPECT_TRUE(shcasenmatch(text.data(), 100, "AB"));
+}
+
 TEST(DnsReaders, GetUintReadsBigEndianAndAdvances) {
   const unsigned char b[] = {0x12, 0x34, 0x56, 0x78};
   uint16_t v16 = 0;

@@ -1,4 +1,5 @@
 // Masquerade forward rules: the plain and the extended text form.
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -30,10 +31,13 @@ struct Endpoint {
   std::uint16_t count = 0;  // host order
 };
 
-// A decimal number as strtol reads it; false when no digit was read.
+// A decimal number as strtol reads it; false when no digit was read.  Out of
+// range values are judged by the callers, so errno is left as it was.
 bool read_long(const char *text, const char **end, long *value) {
   char *stop = nullptr;
+  const int saved_errno = errno;
   *value = std::strtol(text, &stop, 10);
+  errno = saved_errno;
   *end = stop;
   return stop != text;
 }
@@ -90,6 +94,14 @@ std::int32_t clamp_to_int32(long value) {
   if (value > INT32_MAX) return INT32_MAX;
   if (value < INT32_MIN) return INT32_MIN;
   return static_cast<std::int32_t>(value);
+}
+
+// The mark as strtoul reads it in base 10 (0 without digits), errno untouched.
+unsigned long read_mark(const char *text) {
+  const int saved_errno = errno;
+  unsigned long mark = std::strtoul(text, nullptr, 10);
+  errno = saved_errno;
+  return mark;
 }
 
 bool word_is(const char *word, const char *expected) { return word && std::strcmp(word, expected) == 0; }
@@ -153,7 +165,7 @@ int parse_optional_words(WordCursor &cursor, ipmasqfwrule *rule, ipmasqfwruleex 
     cursor.take();
     const char *value = cursor.take();
     if (!value) return -5;
-    if (ext) ext->mark = std::strtoul(value, nullptr, 10);
+    if (ext) ext->mark = read_mark(value);
   }
   return 0;
 }

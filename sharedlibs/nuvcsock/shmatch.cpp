@@ -23,6 +23,8 @@ int shcasematch(const char *string, const char *pattern) { return wildcard_match
 
 int shcasenmatch(const char *string, size_t length, const char *pattern) {
   if (!string || !pattern) return 0;
+  // The text ends at an embedded NUL; nothing after it is read.
+  length = strnlen(string, length);
   // fnmatch wants a terminated text: copy the prefix, on the stack when small.
   char small[512];
   char *copy = length < sizeof small ? small : static_cast<char *>(std::malloc(length + 1));

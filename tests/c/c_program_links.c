@@ -299,7 +299,6 @@ static int check_classifier_rule_text(void) {
 int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
-  failures += check_dhcp_store();
   failures += check_forward_rules();
   failures += check_address_text();
   failures += check_dhcp_match();

@@ -1,0 +1,300 @@
+// Classifier speed: nuv_clfy_set_execute over a mix of captured packets for
+// generated rule sets of 1, 10, 100 and 1000 rules, linear and after
+// nuv_clfy_set_optim; a linear list in which no rule matches (cost per rule
+// tried); and rules parsed per second.  Ratios are printed at the end, all
+// measured in this run.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "nikerkiog.h"
+
+namespace {
+
+// ---- Captured packets ----
+
+std::string captures_dir() {
+  if (const char *dir = std::getenv("NIKERKIOG_SHARED_DIR")) return std::string(dir) + "/captures/";
+#ifdef NIKERKIOG_SHARED_DIR
+  return std::string(NIKERKIOG_SHARED_DIR) + "/captures/";
+#else
+  return "../shared/captures/";
+#endif
+}
+
+const char *const kCaptures[] = {"ipv4_tcp_http_xml.pcap", "dns_udp.pcap",         "dhcp-rfc3004.pcap",
+                                 "icmpv6.pcap",            "tcp-handshake-nano.pcap", "ipv6-routing-header.pcap",
+                                 "IGMP_V2.pcap",           "dns-badcookie.pcap",   "igmpv3-queries.pcap"};
+
+std::uint32_t read32(const std::uint8_t *p, bool swap) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return swap ? __builtin_bswap32(v) : v;
+}
+
+struct Frame {
+  std::vector<std::uint8_t> bytes;
+  std::uint32_t link_type;
+};
+
+// Frames of a classic pcap file (either byte order).
+std::vector<Frame> read_pcap(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<Frame> frames;
+  if (file.size() < 24) return frames;
+  const std::uint32_t magic = read32(file.data(), false);
+  const bool swap = magic == 0xd4c3b2a1u || magic == 0x4d3cb2a1u;
+  const std::uint32_t link = read32(file.data() + 20, swap);
+  for (std::size_t at = 24; at + 16 <= file.size();) {
+    const std::uint32_t caplen = read32(file.data() + at + 8, swap);
+    at += 16;
+    if (at + caplen > file.size()) break;
+    frames.push_back({std::vector<std::uint8_t>(file.begin() + at, file.begin() + at + caplen), link});
+    at += caplen;
+  }
+  return frames;
+}
+
+struct Packet {
+  std::vector<std::uint8_t> frame;
+  nuv_clfy_packet desc;
+};
+
+std::uint16_t net16(std::uint16_t host) {
+  const std::uint8_t b[2] = {static_cast<std::uint8_t>(host >> 8), static_cast<std::uint8_t>(host)};
+  std::uint16_t v;
+  std::memcpy(&v, b, 2);
+  return v;
+}
+
+// Describes an Ethernet or Linux cooked frame; false for anything else.
+bool describe(Packet &p, std::uint32_t link, std::uint32_t dev) {
+  const std::vector<std::uint8_t> &d = p.frame;
+  std::memset(&p.desc, 0, sizeof p.desc);
+  std::size_t at;
+  if (link == 1 && d.size() >= 14) {
+    p.desc.eth_header = d.data();
+    at = 12;
+  } else if (link == 113 && d.size() >= 16) {
+    at = 14;
+  } else {
+    return false;
+  }
+  std::uint16_t type = static_cast<std::uint16_t>(d[at] << 8 | d[at + 1]);
+  at += 2;
+  while ((type == 0x8100 || type == 0x88a8) && d.size() >= at + 4) {
+    p.desc.vlan_tci = static_cast<std::uint16_t>((d[at] << 8 | d[at + 1]) | NUV_CLFY_VLAN_TAG_PRESENT);
+    type = static_cast<std::uint16_t>(d[at + 2] << 8 | d[at + 3]);
+    at += 4;
+  }
+  if ((type != 0x0800 && type != 0x86dd) || d.size() < at + 40) return false;
+  p.desc.eth_proto = net16(type);
+  p.desc.ip_header = d.data() + at;
+  p.desc.ip_len = static_cast<std::uint32_t>(d.size() - at);
+  p.desc.dev_ifindex = dev;
+  return true;
+}
+
+// The packet mix, shared by all benchmarks (built once).
+const std::vector<Packet> &packets() {
+  static std::vector<Packet> mix;
+  if (!mix.empty()) return mix;
+  std::uint32_t dev = 0;
+  for (const char *name : kCaptures) {
+    for (Frame &f : read_pcap(captures_dir() + name)) {
+      Packet p;
+      p.frame = std::move(f.bytes);
+      mix.push_back(std::move(p));
+      if (!describe(mix.back(), f.link_type, 1 + dev++ % 4)) mix.pop_back();
+    }
+  }
+  // Descriptors point into the frames' heap buffers, which moving a frame
+  // (as the vector grows) keeps in place.
+  return mix;
+}
+
+// ---- Generated rule sets ----
+
+using Rng = std::mt19937;
+
+int pick(Rng &rng, int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
+
+// A rule as a router configuration writes them: an interface, a protocol,
+// an address prefix and a port list, with a catch-all at the end.
+std::string realistic_rule(Rng &rng) {
+  static const char *const kNets[] = {"10.21.11.0/24", "192.168.1.0/24", "10.0.0.0/8",     "172.16.0.0/12",
+                                      "131.155.0.0/16", "62.12.173.0/24", "209.87.240.0/20", "2001:db8::/32",
+                                      "fe80::/10",      "2200::/16"};
+  static const char *const kPortLists[] = {"80,443",  "53",          "67,68", "22,23,8000-8100", "1024-65535",
+                                           "5060-5070", "<1024",     "123",   "5767",             "46656,80"};
+  std::string line = "dev eth" + std::to_string(1 + pick(rng, 4));
+  const char *net = kNets[pick(rng, 10)];
+  line += std::string(pick(rng, 2) ? " ip.saddr " : " ip.daddr ") + net;
+  const bool tcp = pick(rng, 2);
+  line += std::string(tcp ? " tcp." : " udp.") + (pick(rng, 2) ? "dport " : "sport ") + kPortLists[pick(rng, 10)];
+  return line;
+}
+
+struct RuleSet {
+  nuv_clfy_set linear;
+  nuv_clfy_set optimised;
+  RuleSet() {
+    std::memset(&linear, 0, sizeof linear);
+    std::memset(&optimised, 0, sizeof optimised);
+  }
+  ~RuleSet() {
+    nuv_clfy_del_and_free_all(&linear);
+    nuv_clfy_del_and_free_all(&optimised);
+  }
+};
+
+
+int resolve_dev(nuv_clfy *rule, int, void *) {
+  if (rule->flags & NUV_CLFY_F_DEV) rule->dev_ifindex = rule->dev[3] - '0';
+  return 0;
+}
+
+int bench_action(nuv_clfy *rule, void *, const std::uint8_t *, std::uint16_t, const std::uint8_t *) {
+  return rule->result;
+}
+
+int action_index() {
+  static int index = nuv_clfy_register_action("bench", bench_action, nullptr);
+  return index;
+}
+
+void link_rule(nuv_clfy_set &set, const std::string &line, std::uint16_t result) {
+  nuv_clfy *rule = nullptr;
+  if (nuv_clfy_parse(line.c_str(), &rule) != 0) {
+    std::fprintf(stderr, "rule refused: %s\n", line.c_str());
+    std::abort();
+  }
+  rule->result = result;
+  rule->action = action_index();
+  nuv_clfy_add_tail(&set, rule);
+}
+
+std::unique_ptr<RuleSet> realistic_set(int n) {
+  auto sets = std::make_unique<RuleSet>();
+  Rng rng(static_cast<unsigned>(n) * 7919u);
+  for (int i = 1; i < n; ++i) link_rule(sets->linear, realistic_rule(rng), static_cast<std::uint16_t>(i));
+  link_rule(sets->linear, n == 1 ? realistic_rule(rng) : "any", static_cast<std::uint16_t>(n));
+  nuv_clfy_set_walk(&sets->linear, resolve_dev, nullptr);
+  if (nuv_clfy_set_optim(&sets->linear, &sets->optimised) != 0) std::abort();
+  return sets;
+}
+
+// Rules that pass the interface and protocol tests and fail on the address:
+// every rule of the list is tried for every packet.
+std::unique_ptr<RuleSet> missing_set(int n) {
+  auto sets = std::make_unique<RuleSet>();
+  Rng rng(99);
+  for (int i = 0; i < n; ++i) {
+    const std::string line = "ip.saddr 198.51." + std::to_string(pick(rng, 256)) + ".0/24 udp.dport " +
+                             std::to_string(1 + pick(rng, 60000));
+    link_rule(sets->linear, line, static_cast<std::uint16_t>(i + 1));
+  }
+  return sets;
+}
+
+// ---- Benchmarks ----
+
+void run_set(benchmark::State &state, nuv_clfy_set *set) {
+  const std::vector<Packet> &mix = packets();
+  for (auto _ : state) {
+    int sum = 0;
+    for (const Packet &p : mix) sum += nuv_clfy_set_execute(set, nullptr, &p.desc);
+    benchmark::DoNotOptimize(sum);
+  }
+  const double n = static_cast<double>(state.iterations()) * static_cast<double>(mix.size());
+  state.SetItemsProcessed(static_cast<std::int64_t>(n));
+  state.counters["ns_per_packet"] = benchmark::Counter(n, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_ExecuteLinear(benchmark::State &state) {
+  auto sets = realistic_set(static_cast<int>(state.range(0)));
+  run_set(state, &sets->linear);
+}
+
+void BM_ExecuteOptimised(benchmark::State &state) {
+  auto sets = realistic_set(static_cast<int>(state.range(0)));
+  run_set(state, &sets->optimised);
+}
+
+void BM_NoRuleMatches(benchmark::State &state) {
+  const int n = static_cast<int>(state.range(0));
+  auto sets = missing_set(n);
+  run_set(state, &sets->linear);
+  const double tried = static_cast<double>(state.iterations()) * static_cast<double>(packets().size()) * n;
+  state.counters["ns_per_rule_tried"] =
+      benchmark::Counter(tried, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_ParseRules(benchmark::State &state) {
+  Rng rng(5);
+  std::vector<std::string> lines;
+  for (int i = 0; i < 256; ++i) lines.push_back(realistic_rule(rng));
+  for (auto _ : state) {
+    for (const std::string &line : lines) {
+      nuv_clfy *rule = nullptr;
+      if (nuv_clfy_parse(line.c_str(), &rule) == 0) nuv_clfy_free(rule);
+      benchmark::DoNotOptimize(rule);
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * lines.size()));
+}
+
+BENCHMARK(BM_ExecuteLinear)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(BM_ExecuteOptimised)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(BM_NoRuleMatches)->Arg(100);
+BENCHMARK(BM_ParseRules);
+
+// Prints, after the usual report, the optimised/linear time ratio per size.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &run : runs) {
+      const std::string name = run.benchmark_name();
+      times_[name] = run.GetAdjustedCPUTime();  // the machine may be shared
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    std::printf("\noptimised / linear CPU time per packet (below 1: the tree is faster)\n");
+    for (int n : {1, 10, 100, 1000}) {
+      const auto linear = times_.find("BM_ExecuteLinear/" + std::to_string(n));
+      const auto optimised = times_.find("BM_ExecuteOptimised/" + std::to_string(n));
+      if (linear == times_.end() || optimised == times_.end() || linear->second == 0) continue;
+      std::printf("  %4d rules: %.3f\n", n, optimised->second / linear->second);
+    }
+    std::printf("packets in the mix: %zu\n", packets().size());
+  }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  if (packets().empty()) {
+    std::fprintf(stderr, "no captured packets under %s\n", captures_dir().c_str());
+    return 1;
+  }
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
