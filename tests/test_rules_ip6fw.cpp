@@ -775,3 +775,24 @@ TEST(PcpHandling, OtherValuesPrintAsIllegal) {
   EXPECT_STREQ(pcphandling2str(3), "<ill. pcphandling>");
   EXPECT_STREQ(pcphandling2str(-1), "<ill. pcphandling>");
 }
+
+// ---- Very long lines ----
+
+TEST(Ip6ForwardRuleParse, VeryLongLineIsReadOnlyUpToTheCut) {
+  NoLeakGuard guard;
+  std::string line = "udp 53";
+  line += std::string(100000, ' ');
+  line += ",54";
+  Block b;
+  EXPECT_EQ(b.add(line), 0) << "the blanks before the cut end the list";
+  EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{17, 53, 53}}));
+}
+
+TEST(Ip6PortRangeParse, VeryLongLineFindsItsComment) {
+  std::string line = "udp 53 local" + std::string(100000, ' ') + "# far";
+  ExactText text(line);
+  ip6_portrange r = dirty_range();
+  ASSERT_EQ(parse_range(text, &r), 0);
+  EXPECT_EQ(r.scope, IP6_PORTRANGE_SCOPE_LOCAL);
+  EXPECT_STREQ(r.comment, "far");
+}

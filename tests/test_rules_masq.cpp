@@ -687,3 +687,16 @@ TEST(MasqRuleEndpoint, AddressesAndPortsAgreeWithInetPtonAndHtons) {
     EXPECT_EQ(r.port2, htons(static_cast<std::uint16_t>(p2))) << line;
   }
 }
+
+TEST(MasqRuleParse, ManyWordsAreReadWithoutHarm) {
+  std::string line = "tcp 1.2.3.4:80 5.6.7.8:80 9 out local mark 2";
+  for (int i = 0; i < 60; ++i) line += " word" + std::to_string(i);
+  ExactText text(line);
+  ipmasqfwruleex r = dirty_rule_ex();
+  ASSERT_EQ(parse_ex(text, &r), 0);
+  EXPECT_EQ(r.rule.number, 9);
+  EXPECT_EQ(r.rule.flags, IPMASQFWRULE_FLAG_OUT);
+  EXPECT_EQ(r.scope, IPMASQFWRULE_SCOPE_LOCAL);
+  EXPECT_EQ(r.mark, 2ul);
+  EXPECT_STREQ(r.comment, "");
+}

@@ -209,6 +209,31 @@ static int check_access_rules(void) {
   return failures;
 }
 
+/* Configured options and construction from C: a host name record. */
+static int check_dhcp_cons(void) {
+  int failures = 0;
+  dhcp_memops ops = {NULL, c_dhcp_alloc, c_dhcp_free};
+  static unsigned char msg[240 + 312];
+  dhcpoptions_record *head = (dhcpoptions_record *)c_dhcp_alloc(sizeof *head);
+  const unsigned char expected[] = {0x63, 0x82, 0x53, 0x63, 12, 4, 'b', 'o', 'x', 0, 255};
+  memset(head, 0, sizeof *head);
+  head->optionnr = 12;
+  head->value.string = (char *)c_dhcp_alloc(4);
+  memcpy(head->value.string, "box", 4);
+  if (DHCPOPTIONS_dhcpoptions_memberbymagic(head) != DHCPCFG_TYPE_STRING || dhcpoptions.ten != 10 ||
+      onlinecheckcfg.size != sizeof(onlinecheckcfg_record)) {
+    fprintf(stderr, "dhcpoptions schema\n");
+    ++failures;
+  }
+  if (dhcp_cons_options(&ops, NULL, msg, &head, 0, 1, 0) != 247 || memcmp(msg + 236, expected, sizeof expected) != 0) {
+    fprintf(stderr, "dhcp_cons_options\n");
+    ++failures;
+  }
+  dhcp_free_dhcpoptions(&ops, &head);
+  if (head != NULL) { fprintf(stderr, "dhcp_free_dhcpoptions\n"); ++failures; }
+  return failures;
+}
+
 /* Protocol names, packet walks, descriptions and predicates from C. */
 static int check_packet_utilities(void) {
   int failures = 0;
@@ -299,6 +324,7 @@ static int check_classifier_rule_text(void) {
 int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
+  failures += check_dhcp_cons();
   failures += check_forward_rules();
   failures += check_address_text();
   failures += check_dhcp_match();
