@@ -9,6 +9,8 @@
 #include <string>
 
 #include "nuvaddr.h"
+#include "nuvcsock_test.h"
+#include "testsupport.h"
 
 namespace {
 
@@ -462,4 +464,21 @@ TEST(AddrCidrToNetwork, LengthAbove32KeepsAddress) {
 }
 TEST(AddrMaskToNetwork, AndsAddressWithMask) {
   EXPECT_EQ(dphelper_addrmask2network(net4(10, 20, 30, 40), net4(255, 0, 255, 0)), net4(10, 0, 30, 0));
+}
+
+// ---- no allocation -------------------------------------------------------
+
+TEST(AddressTextMemory, ConversionsNeverAllocate) {
+  testsupport::NoLeakGuard guard;
+  const long before = nuvcsock_allocations();
+  nuvcsock_fail_from_allocation(1);  // any allocation attempt would fail
+  Ip6 a{};
+  std::uint32_t v4 = 0;
+  const std::uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(str2in6_addr("2001:db8::1", reinterpret_cast<in6_addr *>(a.data())), 0);
+  EXPECT_STREQ(ip6addr2str(reinterpret_cast<const in6_addr *>(a.data())), "2001:db8::1");
+  EXPECT_EQ(str2ipaddr("10.0.0.1", &v4), 0);
+  EXPECT_STREQ(ipaddr2str(v4), "10.0.0.1");
+  EXPECT_STREQ(ethaddr2str(mac), "01:02:03:04:05:06");
+  EXPECT_EQ(nuvcsock_allocations(), before);
 }

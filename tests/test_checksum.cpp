@@ -11,6 +11,7 @@
 
 #include "nuvcksum.h"
 #include "nuvcksum_priv.h"
+#include "nuvcsock_test.h"
 #include "testsupport.h"
 
 namespace {
@@ -493,4 +494,21 @@ TEST(ChecksumUpdate, U32OldValueAboveComplementWrapsBelowZero) {
   // folded twice: eecb; plus 0; complement 1134.  (A full recomputation
   // gives 1135.)
   EXPECT_EQ(ntohs(update_checksum_u32(htons(0x1234), htonl(0xffffff00u), htonl(0))), 0x1134);
+}
+
+// ---- no allocation -------------------------------------------------------
+
+TEST(ChecksumMemory, ChecksumsNeverAllocate) {
+  testsupport::NoLeakGuard guard;
+  const long before = nuvcsock_allocations();
+  nuvcsock_fail_from_allocation(1);  // any allocation attempt would fail
+  Bytes ip4 = make_ipv4(17, 5, 30);
+  set_ip_checksum(ip4.data());
+  set_udp_checksum(ip4.data());
+  EXPECT_EQ(ip_checksum_ok(ip4.data()), 1);
+  EXPECT_EQ(udp_checksum_ok(ip4.data()), 1);
+  Bytes ip6 = make_ipv6({{44, 0}}, 6, 40);
+  set_tcpv6_checksum(ip6.data());
+  EXPECT_EQ(update_checksum_u16(htons(0x1234), htons(1), htons(1)), htons(0x1234));
+  EXPECT_EQ(nuvcsock_allocations(), before);
 }

@@ -398,3 +398,35 @@ TEST_F(ClfyClone, EveryCloneAllocationIsTaggedWithTheClassifierSourcePath) {
   nuv_clfy_free(part);
   nuv_clfy_free(copy);
 }
+
+// ---- Random rules ----
+
+TEST_F(ClfyClone, RandomRestrictedClonesKeepTheMaskedConditionsAndShareNoMemory) {
+  std::mt19937 random(2718);
+  for (int round = 0; round < 5000; ++round) {
+    Rule rule;
+    testsupport::randomise_rule(rule, random);
+    const uint32_t mask = random() % 4 == 0 ? 0xffffffffu : static_cast<uint32_t>(random());
+    nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, mask);
+    ASSERT_NE(copy, nullptr);
+    const bool dhcp_copied = rule->dhcp && (mask & NUV_CLFY_F_DHCP);
+    const uint32_t dhcp_bits = dhcp_copied ? NUV_CLFY_F_DHCP | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS : 0;
+    ASSERT_EQ(copy->flags, (rule->flags & mask) | dhcp_bits) << "round " << round;
+    // The kept conditions agree (ports and DHCP aside, which gain port 67;
+    // packetmatch answers 1 for equal patterns).
+    const uint32_t comparable = mask & ~(NUV_CLFY_F_DPORTS | NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH);
+    ASSERT_EQ(nuv_clfy_cmp(copy, rule, comparable & copy->flags), 0) << "round " << round;
+    if (!dhcp_copied && (mask & NUV_CLFY_F_DPORTS)) {
+      ASSERT_EQ(nuv_clfy_cmp(copy, rule, NUV_CLFY_F_DPORTS), 0);
+    }
+    if (dhcp_copied) {
+      ASSERT_EQ(copy->dports.count, ((mask & NUV_CLFY_F_DPORTS) ? rule->dports.count : 0) + 1);
+    }
+    ASSERT_TRUE(!copy->localmark || copy->localmark != rule->localmark);
+    ASSERT_TRUE(!copy->vlan_ids.entries || copy->vlan_ids.entries != rule->vlan_ids.entries);
+    ASSERT_TRUE(!copy->sports.entries || copy->sports.entries != rule->sports.entries);
+    ASSERT_TRUE(!copy->dports.entries || copy->dports.entries != rule->dports.entries);
+    ASSERT_TRUE(!copy->packetmatch || copy->packetmatch != rule->packetmatch);
+    nuv_clfy_free(copy);
+  }
+}

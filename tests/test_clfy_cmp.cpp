@@ -587,44 +587,6 @@ RefResult reference_cmp(const nuv_clfy *a, const nuv_clfy *b, uint32_t mask) {
   return {std::strcmp(a->packetmatch, b->packetmatch) == 0 ? 1 : 0, false};
 }
 
-// Fills a rule with random conditions from small value sets, so that
-// equal values are frequent.
-void randomise(Rule &rule, std::mt19937 &random) {
-  auto pick = [&](unsigned n) { return static_cast<unsigned>(random() % n); };
-  auto maybe = [&] { return pick(3) == 0; };
-  if (maybe()) rule.dev(pick(2) ? "eth0" : "eth1");
-  if (maybe()) rule.localmark(static_cast<int>(pick(2)));
-  if (maybe()) rule.eth_proto(pick(2) ? 0x0800 : 0x86dd);
-  if (maybe()) rule.ethsrctab(pick(2) ? "e1" : "e2");
-  if (maybe()) rule.eth_source(pick(2) ? kMacA : kMacB);
-  if (maybe()) rule.eth_sourceoui({0x00, 0x11, static_cast<uint8_t>(0x22 + pick(2))});
-  if (maybe()) rule.eth_dest(pick(2) ? kMacA : kMacC);
-  if (maybe()) rule.eth_destoui({0x00, 0x11, static_cast<uint8_t>(0x22 + pick(2))});
-  if (maybe()) rule.vlan(1 + pick(7), static_cast<uint16_t>(pick(3)), static_cast<uint16_t>(pick(3)));
-  if (maybe()) rule.vlan_prio(static_cast<uint8_t>(pick(3)));
-  if (maybe()) rule.ip_version(pick(2) ? 4 : 6);
-  if (maybe()) rule.proto(pick(3) == 0 ? 255 : (pick(2) ? 6 : 17));
-  if (maybe()) rule.tos(static_cast<uint8_t>(pick(4) << 2), pick(2) ? 0xfc : 0xf0);
-  if (maybe()) rule.len(pick(8), static_cast<uint16_t>(pick(3)), static_cast<uint16_t>(pick(3)));
-  if (maybe()) {
-    if (pick(2)) rule.saddr4(pick(2) ? "10.0.0.1" : "10.0.0.2", pick(2) ? "255.255.255.0" : "255.255.255.255");
-    else rule.saddr6(pick(2) ? "2001:db8::1" : "2001:db8::2", static_cast<uint8_t>(64 + pick(2) * 64));
-  }
-  if (maybe()) {
-    if (pick(2)) rule.daddr4(pick(2) ? "192.0.2.1" : "198.51.100.1", "255.255.255.255");
-    else rule.daddr6(pick(2) ? "2001:db8::1" : "fe80::1", 128);
-  }
-  if (maybe()) rule.ipdsttab(pick(2) ? "d1" : "d2");
-  if (maybe()) rule.sport(1 + pick(7), static_cast<uint16_t>(pick(3)), static_cast<uint16_t>(pick(3)));
-  if (maybe()) rule.dport(1 + pick(7), static_cast<uint16_t>(pick(3)), static_cast<uint16_t>(pick(3)));
-  if (maybe()) rule.dhcp(static_cast<uint8_t>(pick(2) ? 60 : 125), pick(2), static_cast<uint8_t>(pick(2)),
-                         pick(2) ? "a*" : "b*", pick(2) ? "e1" : "e2");
-  if (maybe()) rule.packetmatch(pick(2) ? "x" : "y");
-  if (maybe()) rule.brdev(pick(2) ? "br0" : "br1");
-  if (maybe()) rule.icmp_type(static_cast<uint8_t>(pick(2)));
-  if (maybe()) rule.tcp_flags(static_cast<uint16_t>(pick(2)), 0xfff);
-}
-
 int sign(int v) { return (v > 0) - (v < 0); }
 
 }  // namespace
@@ -635,15 +597,15 @@ TEST_F(ClfyCmp, RandomRulesCompareLikeAPlainReference) {
                                   0x00120021u, 0x000a0021u, 0x0000ff00u, 0x00800000u, 0x02000000u};
   for (int round = 0; round < 20000; ++round) {
     Rule a, b;
-    randomise(a, random);
+    testsupport::randomise_rule(a, random);
     if (random() % 4 == 0) {
       // Same conditions in b, so that deeper rows get compared.
       nuv_clfy *copy = nuv_clfy_clone(a);
       nuv_clfy_free(b.r);
       b.r = copy;
-      if (random() % 2) randomise(b, random);
+      if (random() % 2) testsupport::randomise_rule(b, random);
     } else {
-      randomise(b, random);
+      testsupport::randomise_rule(b, random);
     }
     const uint32_t mask = random() % 2 ? interesting[random() % 10] : static_cast<uint32_t>(random());
     const RefResult expected = reference_cmp(a, b, mask);

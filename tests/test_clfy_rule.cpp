@@ -84,6 +84,21 @@ TEST_F(ClfyRule, FailedCreationReturnsNullAndUsesNoId) {
   EXPECT_EQ(after->id, before->id + 1);
 }
 
+TEST_F(ClfyRule, CreationFailsOnlyAtItsOneAllocation) {
+  for (long n = 1;; ++n) {
+    NoLeakGuard guard;
+    nuvcsock_fail_nth_allocation(n);
+    nuv_clfy *rule = nuv_clfy_alloc();
+    nuvcsock_fail_nth_allocation(0);
+    if (rule) {
+      EXPECT_EQ(n, 2);
+      nuv_clfy_free(rule);
+      break;
+    }
+    ASSERT_LT(n, 10);
+  }
+}
+
 // ---- Value lists ----
 
 TEST_F(ClfyRule, PortValuesArriveInNetworkOrderAndAreStoredInHostOrder) {
@@ -154,6 +169,29 @@ TEST_F(ClfyRule, FailedLaterAdditionKeepsTheEarlierEntries) {
   EXPECT_EQ(rule->vlan_ids.entries, entries);
   EXPECT_EQ(entries_of(rule->vlan_ids), (std::vector<ValueEntry>{{1, 10, 0}, {1, 20, 0}}));
   EXPECT_EQ(rule->flags, 0x00001000u);
+}
+
+TEST_F(ClfyRule, EachListAdditionFailsSilentlyUntilItsAllocationSucceeds) {
+  using Add = void (*)(nuv_clfy *, uint32_t, uint16_t, uint16_t);
+  const std::pair<Add, nuv_clfy_valuelist nuv_clfy::*> adds[] = {{nuv_clfy_add_vlanid, &nuv_clfy::vlan_ids},
+                                                                 {nuv_clfy_add_ip_sport, &nuv_clfy::sports},
+                                                                 {nuv_clfy_add_ip_dport, &nuv_clfy::dports}};
+  for (const auto &[add, list] : adds) {
+    NoLeakGuard guard;
+    RuleHolder rule(nuv_clfy_alloc());
+    add(rule.rule, NUV_CLFY_OP_EQ, htons(1), 0);
+    for (long n = 1;; ++n) {
+      nuvcsock_fail_nth_allocation(n);
+      add(rule.rule, NUV_CLFY_OP_EQ, htons(2), 0);
+      nuvcsock_fail_nth_allocation(0);
+      if ((rule.rule->*list).count == 2) {
+        EXPECT_EQ(n, 2);
+        break;
+      }
+      EXPECT_EQ(entries_of(rule.rule->*list), (std::vector<ValueEntry>{{1, 1, 0}}));
+      ASSERT_LT(n, 10);
+    }
+  }
 }
 
 // ---- Class map ----

@@ -452,3 +452,17 @@ TEST_F(EtherSrcTab, RandomOperationsAgreeWithAPlainModel) {
     ASSERT_EQ(nuv_clfy_ethersrctab_is_in(table, probe.data()), in_model ? 1 : 0);
   }
 }
+
+TEST_F(EtherSrcTab, NullNamesAndAddressesAreRefused) {
+  const Mac m = mac_of(1);
+  EXPECT_EQ(nuv_clfy_ethersrctab_find(nullptr), nullptr);
+  EXPECT_EQ(nuv_clfy_ethersrctab_find_or_create(nullptr), nullptr);
+  EXPECT_EQ(_nuv_clfy_ethersrctab_create(nullptr), nullptr);
+  EXPECT_EQ(nuv_clfy_ethersrctab_add(nullptr, m.data()), -1);
+  EXPECT_EQ(nuv_clfy_ethersrctab_add("t", nullptr), -1);
+  EXPECT_EQ(_nuv_clfy_ethersrctab_add(nullptr, m.data()), -1);
+  EXPECT_EQ(nuv_clfy_ethersrctab_del(nullptr, m.data()), -1);
+  EXPECT_EQ(nuv_clfy_ethersrctab_reset(nullptr), -1);
+  EXPECT_EQ(nuv_clfy_ethersrctab_is_in(nuv_clfy_ethersrctab_find("t"), nullptr), 0);
+  _nuv_clfy_ethersrctab_free(nullptr);
+}

@@ -546,3 +546,16 @@ TEST_F(IpDstTab, RandomHostOperationsAgreeWithAPlainModel) {
     ASSERT_EQ(v6 ? nuv_clfy_ip6dsttab_is_in(table, a6.data()) : nuv_clfy_ipdsttab_is_in(table, a4), in_model ? 1 : 0);
   }
 }
+
+TEST_F(IpDstTab, NullNamesAndAddressesAreRefused) {
+  const Addr6 a = ip6("2001:db8::1");
+  EXPECT_EQ(nuv_clfy_ipdsttab_find(nullptr), nullptr);
+  EXPECT_EQ(nuv_clfy_ipdsttab_find_or_create(nullptr), nullptr);
+  EXPECT_EQ(nuv_clfy_ipdsttab_add4(nullptr, ip4("192.0.2.1")), -1);
+  EXPECT_EQ(nuv_clfy_ipdsttab_add6(nullptr, a.data()), -1);
+  EXPECT_EQ(nuv_clfy_ipdsttab_add6("t", nullptr), -1);
+  EXPECT_EQ(nuv_clfy_ipdsttab_del4(nullptr, ip4("192.0.2.1")), -1);
+  EXPECT_EQ(nuv_clfy_ipdsttab_del6("t", nullptr), -1);
+  EXPECT_EQ(nuv_clfy_ipdsttab_reset(nullptr), -1);
+  EXPECT_EQ(nuv_clfy_ip6dsttab_is_in(nuv_clfy_ipdsttab_find("t"), nullptr), 0);
+}

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "nuvclfy.h"
+#include "nuvcsock_test.h"
+#include "testsupport.h"
 
 namespace {
 
@@ -623,4 +625,29 @@ TEST(ParseNonblank, LeadingSpaceGivesEmptyWord) {
   EXPECT_EQ(parse_nonblank(t.data(), &end, buf, sizeof buf), 0);
   EXPECT_STREQ(buf, "");
   EXPECT_EQ(t.offset(end), 1);
+}
+
+// ---- no allocation -------------------------------------------------------
+
+TEST(ValueParserMemory, ParsersNeverAllocate) {
+  testsupport::NoLeakGuard guard;
+  const long before = nuvcsock_allocations();
+  nuvcsock_fail_from_allocation(1);  // any allocation attempt would fail
+  Text t("10.0.0.0/8 fe80::/10 001122334455 \"s\" 0a0b word");
+  char *p = t.data();
+  std::uint32_t addr, mask;
+  std::uint8_t a6[16], len = 128, mac[6], hex[2];
+  char buf[8];
+  EXPECT_EQ(parse_prefix(p, &p, &addr, &mask), 0);
+  EXPECT_EQ(parse_prefix6(p, &p, a6, &len), 0);
+  ++p;
+  EXPECT_EQ(parse_mac(p, &p, mac), 0);
+  ++p;
+  EXPECT_EQ(parse_string(p, &p, buf, sizeof buf), 0);
+  ++p;
+  EXPECT_EQ(parse_hex(p, &p, hex, sizeof hex), 2);
+  ++p;
+  EXPECT_EQ(parse_nonblank(p, &p, buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "word");
+  EXPECT_EQ(nuvcsock_allocations(), before);
 }

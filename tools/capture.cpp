@@ -29,6 +29,7 @@ void take_ethertype(Frame &f, std::size_t at) {
   at += 2;
   while (is_vlan_tag(type)) {
     if (b.size() < at + 4) return;
+    f.vlan_tcis.push_back(be16(&b[at]));
     f.vlan_ids.push_back(be16(&b[at]) & 0x0FFF);
     type = be16(&b[at + 2]);
     at += 4;

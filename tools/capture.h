@@ -17,7 +17,8 @@ struct Frame {
   std::uint32_t wire_length = 0;       // length on the wire
   int link_type = 0;                   // libpcap DLT_* value
   const std::uint8_t *ethernet = nullptr;  // Ethernet header, when the link has one
-  std::vector<std::uint16_t> vlan_ids; // 802.1Q/802.1ad tags, outer first
+  std::vector<std::uint16_t> vlan_ids; // 802.1Q/802.1ad tag ids, outer first
+  std::vector<std::uint16_t> vlan_tcis; // the tags' whole control words, outer first
   std::uint16_t ethertype = 0;         // of the network layer
   std::size_t network_offset = 0;      // where the network layer starts in `bytes`
   bool link_complete = false;          // the link-layer headers were fully captured

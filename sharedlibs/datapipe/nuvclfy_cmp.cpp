@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr std::uint8_t kAnyProtocol = 255;
 constexpr std::uint8_t kFamily4 = 4;
 constexpr std::uint8_t kFamily6 = 6;
 constexpr std::size_t kOuiSize = 3;
@@ -62,8 +61,8 @@ const std::uint8_t *class_map(const nuv_clfy *rule) { return rule->localmark ? r
 
 int compare_protocols(std::uint8_t a, std::uint8_t b) {
   if (a == b) return 0;
-  if (a == kAnyProtocol) return -1;
-  if (b == kAnyProtocol) return 1;
+  if (a == dp::clfy::kProtoAny) return -1;
+  if (b == dp::clfy::kProtoAny) return 1;
   return difference(a, b);
 }
 

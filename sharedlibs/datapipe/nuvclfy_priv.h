@@ -40,6 +40,8 @@ namespace dp::clfy {
 
 // Size of a localmark class map: one byte per traffic class 0..127.
 inline constexpr std::size_t kClassMapSize = 128;
+// ip_proto of a rule without a protocol condition: any protocol.
+inline constexpr std::uint8_t kProtoAny = 255;
 
 // The next rule serial number (advances the process-wide counter).
 std::uint32_t next_rule_id();

@@ -12,8 +12,6 @@ namespace {
 // Serial number of the last rule created; ids start at 1.
 std::uint32_t last_rule_id = 0;
 
-constexpr std::uint8_t kAnyProtocol = 255;
-constexpr std::uint8_t kUdp = 17;
 constexpr std::uint16_t kDhcpServerPort = 67;
 
 void free_owned_parts(nuv_clfy *rule) {
@@ -113,7 +111,7 @@ extern "C" {
 nuv_clfy *nuv_clfy_alloc(void) {
   auto *rule = static_cast<nuv_clfy *>(CLFY_ZALLOC(sizeof(nuv_clfy)));
   if (!rule) return nullptr;
-  rule->ip_proto = kAnyProtocol;
+  rule->ip_proto = kProtoAny;
   rule->id = next_rule_id();
   return rule;
 }
@@ -169,7 +167,7 @@ int nuv_clfy_add_dhcppacketmatch(nuv_clfy *rule, uint8_t code, uint32_t enterpri
   dhcp->enterprise = enterprise;
   dhcp->ethsrctab = table;
   rule->dhcp = dhcp;
-  rule->ip_proto = kUdp;
+  rule->ip_proto = kProtoUdp;
   rule->flags |= NUV_CLFY_F_DHCP | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS;
   return 0;
 }

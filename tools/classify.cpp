@@ -1,0 +1,178 @@
+#include "classify.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+#include <fstream>
+
+namespace tool {
+namespace {
+
+constexpr std::int32_t kDeviceIndex = 1;
+constexpr std::int32_t kBridgeIndex = 2;
+constexpr std::int32_t kOtherInterfaceIndex = 1000;  // an interface no captured packet came through
+constexpr std::size_t kPadding = 64;                   // zero bytes after a copied IP packet
+constexpr char kActionName[] = "tool-report";
+
+std::string trim(const std::string &s) {
+  auto first = s.find_first_not_of(" \t\r");
+  if (first == std::string::npos) return {};
+  auto last = s.find_last_not_of(" \t\r");
+  return s.substr(first, last - first + 1);
+}
+
+// The execute callback: the rule's line number is kept in its action data.
+int report_line(nuv_clfy *rule, void *, const uint8_t *, uint16_t, const uint8_t *) {
+  std::int32_t line;
+  std::memcpy(&line, rule->action_data, sizeof line);
+  return line;
+}
+
+int tool_action() {
+  int index = nuv_clfy_find_action(kActionName);
+  return index ? index : nuv_clfy_register_action(kActionName, report_line, nullptr);
+}
+
+std::uint16_t be16(const std::uint8_t *p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
+
+// Bytes of the IP packet as its header states them, or 0 when the header is
+// not fully captured.
+std::size_t stated_ip_length(const Frame &frame, std::span<const std::uint8_t> ip) {
+  if (frame.is_ipv4()) {
+    if (ip.size() < 20 || ip.size() < std::size_t{ip[0] & 0x0Fu} * 4) return 0;
+    return be16(&ip[2]);
+  }
+  if (ip.size() < 40) return 0;
+  return 40 + std::size_t{be16(&ip[4])};
+}
+
+}  // namespace
+
+bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::string &error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot read the rules file";
+    return false;
+  }
+  std::size_t number = 0;
+  for (std::string raw; std::getline(in, raw);) {
+    ++number;
+    std::string text = trim(raw);
+    if (text.empty() || text[0] == '#') continue;
+    RuleLine rule{number, text, 0};
+    if (auto arrow = text.rfind("=>"); arrow != std::string::npos) {
+      std::string value = trim(text.substr(arrow + 2));
+      char *end = nullptr;
+      unsigned long result = std::strtoul(value.c_str(), &end, 10);
+      if (value.empty() || *end || result > 0xFFFF) {
+        error = fmt::format("line {}: the result after \"=>\" must be a number 0..65535", number);
+        return false;
+      }
+      rule.text = trim(text.substr(0, arrow));
+      rule.result = static_cast<std::uint16_t>(result);
+    }
+    rules.push_back(rule);
+  }
+  return true;
+}
+
+RuleSet::RuleSet(std::string device, std::string bridge)
+    : action_(tool_action()), device_(std::move(device)), bridge_(std::move(bridge)) {}
+
+RuleSet::~RuleSet() { nuv_clfy_del_and_free_all(&set_); }
+
+std::int32_t RuleSet::interface_index(const char *name) {
+  if (name == device_) return kDeviceIndex;
+  if (name == bridge_) return kBridgeIndex;
+  return kOtherInterfaceIndex;
+}
+
+void RuleSet::bind(nuv_clfy *rule, const RuleLine &line) {
+  rule->action = action_;
+  auto number = static_cast<std::int32_t>(line.line);
+  std::memcpy(rule->action_data, &number, sizeof number);
+  rule->result = line.result;
+  rule->dev_ifindex = interface_index(rule->dev);
+  rule->brdev_ifindex = interface_index(rule->brdev);
+  results_[line.line] = line.result;
+}
+
+bool RuleSet::add(const RuleLine &line) {
+  nuv_clfy *rule = nullptr;
+  if (nuv_clfy_parse(line.text.c_str(), &rule) != 0) return false;
+  bind(rule, line);
+  nuv_clfy_add_tail(&set_, rule);
+  return true;
+}
+
+bool RuleSet::optimise() {
+  nuv_clfy_set optimised{};
+  if (nuv_clfy_set_optim(&set_, &optimised) != 0) return false;
+  nuv_clfy_del_and_free_all(&set_);
+  set_.head = optimised.head;
+  // Rules point at the set that owns them.
+  nuv_clfy_set_walk(&set_, [](nuv_clfy *rule, int, void *set) {
+    rule->owner = static_cast<nuv_clfy_set *>(set);
+    return 0;
+  }, &set_);
+  return true;
+}
+
+std::size_t RuleSet::classify(const nuv_clfy_packet &packet) {
+  return static_cast<std::size_t>(nuv_clfy_set_execute(&set_, nullptr, &packet));
+}
+
+std::uint16_t RuleSet::result_of(std::size_t line) const {
+  auto it = results_.find(line);
+  return it == results_.end() ? 0 : it->second;
+}
+
+std::vector<std::string> RuleSet::listing() {
+  std::vector<std::string> lines;
+  nuv_clfy_set_walk(&set_, [](nuv_clfy *rule, int depth, void *out) {
+    char buf[1024];
+    std::int32_t line;
+    std::memcpy(&line, rule->action_data, sizeof line);
+    auto *lines = static_cast<std::vector<std::string> *>(out);
+    lines->push_back(fmt::format("{}  (line {}, {} hits)", nuv_clfy_as_string(depth, rule, buf, sizeof buf), line,
+                                 rule->hits));
+    return 0;
+  }, &lines);
+  return lines;
+}
+
+// The link-layer part of a descriptor: interfaces, Ethernet header and type, outer VLAN tag.
+nuv_clfy_packet link_descriptor(const Frame &frame) {
+  nuv_clfy_packet p{};
+  p.dev_ifindex = kDeviceIndex;
+  p.brdev_ifindex = kBridgeIndex;
+  p.eth_header = frame.ethernet;
+  std::uint8_t type[2] = {static_cast<std::uint8_t>(frame.ethertype >> 8), static_cast<std::uint8_t>(frame.ethertype)};
+  std::memcpy(&p.eth_proto, type, 2);  // network byte order in memory
+  if (!frame.vlan_tcis.empty())
+    p.vlan_tci = static_cast<std::uint16_t>((frame.vlan_tcis.front() & 0xEFFF) | NUV_CLFY_VLAN_TAG_PRESENT);
+  return p;
+}
+
+std::optional<nuv_clfy_packet> packet_descriptor(const Frame &frame, std::vector<std::uint8_t> &storage,
+                                                 std::string &why) {
+  if (!frame.link_complete) {
+    why = "truncated: link-layer header";
+    return std::nullopt;
+  }
+  nuv_clfy_packet p = link_descriptor(frame);
+  if (!frame.is_ipv4() && !frame.is_ipv6()) return p;  // link-layer conditions only
+  auto ip = frame.network();
+  std::size_t length = stated_ip_length(frame, ip);
+  if (length == 0 || length > ip.size()) {
+    why = fmt::format("truncated: IP packet not fully captured ({} bytes)", ip.size());
+    return std::nullopt;
+  }
+  storage.assign(ip.begin(), ip.begin() + static_cast<std::ptrdiff_t>(length));
+  storage.resize(length + kPadding, 0);
+  p.ip_header = storage.data();
+  p.ip_len = static_cast<std::uint32_t>(length);
+  return p;
+}
+
+}  // namespace tool
