@@ -104,7 +104,9 @@ TEST(ClfyAgainstTshark, AddressesProtocolsPortsAndIcmpv6Types) {
         ASSERT_FALSE(d.src6.empty()) << where;
         EXPECT_TRUE(rule_matches("ip.saddr " + d.src6 + "/128", desc)) << where;
         EXPECT_TRUE(rule_matches("ip.daddr " + d.dst6 + "/128", desc)) << where;
-        if (d.next6 > 0) EXPECT_TRUE(rule_matches("ip.proto P" + std::to_string(d.next6), desc)) << where;
+        if (d.next6 > 0) {
+          EXPECT_TRUE(rule_matches("ip.proto P" + std::to_string(d.next6), desc)) << where;
+        }
         // Ports are read behind the IPv6 header or one hop-by-hop header.
         if (d.next6 == 6 || d.next6 == 17) transport = d.next6;
         if (d.icmp6_type >= 0) {
