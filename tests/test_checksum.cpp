@@ -1,4 +1,4 @@
-// Internet checksums: worked examples, the specified corner cases, and
+// Internet checksums: worked examples, the corner cases of each protocol, and
 // property tests against a plain 16-bit word reference written here.
 #include <gtest/gtest.h>
 
