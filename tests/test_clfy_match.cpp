@@ -443,6 +443,20 @@ TEST_F(ClfyMatch, TruncatedTransportHeaderDoesNotMatch) {
   EXPECT_FALSE(matches(parse("ip.proto udp packetmatch *").get(), p));
 }
 
+TEST_F(ClfyMatch, PacketShorterThanItsFixedHeaderMatchesNoIpCondition) {
+  Bytes v4 = clfytest::ipv4_packet(17, kSrc4, kDst4, {});
+  v4.resize(19);
+  Packet p;
+  p.set_ip(v4, 0x0800);
+  EXPECT_FALSE(matches(parse("ip.version 4").get(), p));
+  EXPECT_TRUE(matches(parse("eth.proto 0x0800").get(), p));
+  Bytes v6 = clfytest::ipv6_packet(17, kSrc6, kDst6, {});
+  v6.resize(39);
+  Packet q;
+  q.set_ip(v6, 0x86dd);
+  EXPECT_FALSE(matches(parse("ip.version 6").get(), q));
+}
+
 TEST_F(ClfyMatch, HeaderLengthBeyondThePacketDoesNotMatch) {
   Bytes ip = clfytest::ipv4_packet(17, kSrc4, kDst4, clfytest::udp_header(1, 2));
   ip[0] = 0x4f;  // 60-byte header claimed, 28 bytes present

@@ -707,3 +707,95 @@ TEST_F(ClfyParse, RuleAllocationFailureIsRefused) {
   nuvcsock_fail_nth_allocation(1);
   EXPECT_EQ(parse_result("dev eth0"), -1);
 }
+
+// ---- Handler results before the parser collapses them to -1 ----
+
+namespace {
+
+int run_handler(const char *keyword, const char *value, nuv_clfy *rule, char **end_out = nullptr) {
+  const nuv_clfy_keyword *row = parsetab;
+  while (row->keyword && std::strcmp(row->keyword, keyword) != 0) ++row;
+  EXPECT_NE(row->keyword, nullptr) << keyword;
+  if (!row->keyword) return 0;
+  static char text[256];
+  std::snprintf(text, sizeof text, "%s", value);
+  char *end = text;
+  const int rc = row->handler(text, &end, rule);
+  if (end_out) *end_out = end;
+  return rc;
+}
+
+}  // namespace
+
+TEST_F(ClfyParse, DhcpHandlerCodeForMissingTableIsMinus9) {
+  auto rule = parse("any");
+  EXPECT_EQ(run_handler("dhcpoption", " 60 MSFT*", rule.get()), -9);
+  EXPECT_EQ(run_handler("dhcpheader", " op 01 7", rule.get()), -9);
+}
+
+TEST_F(ClfyParse, DhcpHandlerCodeForUnstorableConditionIsMinus10) {
+  testsupport::NoLeakGuard guard;
+  auto rule = clfytest::Rule(nuv_clfy_alloc());
+  nuvcsock_fail_nth_allocation(1);
+  EXPECT_EQ(run_handler("dhcpoption", " 60 MSFT* some.table", rule.get()), -10);
+  nuvcsock_fail_nth_allocation(0);
+  EXPECT_EQ(rule->dhcp, nullptr);
+  rule.reset();
+  nuv_clfy_ethersrctab_freeall();
+}
+
+TEST_F(ClfyParse, DhcpHandlerPassesTheMatchParsersCodesOn) {
+  auto rule = parse("any");
+  EXPECT_EQ(run_handler("dhcpoption", " 0 x t", rule.get()), -2);
+  EXPECT_EQ(run_handler("dhcpoption", " 60/1/1 x t", rule.get()), -3);
+  EXPECT_EQ(run_handler("dhcpoption", " 125/x/1 x t", rule.get()), -4);
+  EXPECT_EQ(run_handler("dhcpoption", " 125/9 x t", rule.get()), -5);
+  EXPECT_EQ(run_handler("dhcpoption", " 125/9/x x t", rule.get()), -6);
+  EXPECT_EQ(run_handler("dhcpheader", " op", rule.get()), -1);
+  EXPECT_EQ(run_handler("dhcpheader", " bogus x t", rule.get()), -2);
+}
+
+TEST_F(ClfyParse, DhcpHandlerEndsBehindTheTableNameAndRestoresTheText) {
+  auto rule = parse("any");
+  char *end = nullptr;
+  ASSERT_EQ(run_handler("dhcpoption", " 60 MSFT* lan.pcs dev eth0", rule.get(), &end), 0);
+  EXPECT_STREQ(end, " dev eth0");
+  EXPECT_STREQ(end - std::strlen("MSFT* lan.pcs"), "MSFT* lan.pcs dev eth0");
+}
+
+TEST_F(ClfyParse, PacketmatchHandlerEndsAfterTheFirstWord) {
+  auto rule = parse("any");
+  char *end = nullptr;
+  ASSERT_EQ(run_handler("packetmatch", "  a*b c d", rule.get(), &end), 0);
+  EXPECT_STREQ(end, " c d");
+  EXPECT_STREQ(rule->packetmatch, "a*b c d");
+}
+
+TEST_F(ClfyParse, IpProtoHandlerEndsBehindTheCommaOrAtTheEnd) {
+  auto rule = parse("any");
+  char *end = nullptr;
+  ASSERT_EQ(run_handler("ip.proto", " tcp,udp", rule.get(), &end), 0);
+  EXPECT_STREQ(end, "udp");
+  ASSERT_EQ(run_handler("ip.proto", " udp", rule.get(), &end), 0);
+  EXPECT_STREQ(end, "");
+  EXPECT_EQ(rule->ip_proto, 17);
+  EXPECT_EQ(run_handler("ip.proto", " nosuchproto", rule.get()), -1);
+}
+
+TEST_F(ClfyParse, KeywordsWithoutEqualsTakeTheSignAsTheirValue) {
+  // Table names and patterns are read as written: "=" is the name, and the
+  // word after it is then no keyword.
+  EXPECT_EQ(parse_result("ethsrctab = lan"), -1);
+  EXPECT_EQ(parse_result("ipdsttab = lan"), -1);
+  EXPECT_EQ(parse_result("packetmatch = x"), -1);
+  auto pattern = parse("packetmatch =x");
+  ASSERT_TRUE(pattern);
+  EXPECT_STREQ(pattern->packetmatch, "=x");
+  // For the value lists and ip.len "=" is the equality operator.
+  auto vlan = parse("vlan.id = 5");
+  ASSERT_TRUE(vlan);
+  EXPECT_EQ(vlan->vlan_ids.entries[0].op, NUV_CLFY_OP_EQ);
+  auto len = parse("ip.len == 60");
+  ASSERT_TRUE(len);
+  EXPECT_EQ(len->ip_len.op, NUV_CLFY_OP_EQ);
+}

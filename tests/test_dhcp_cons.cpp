@@ -727,6 +727,46 @@ TEST(DhcpConsOptions, FragmentStartingOneByteBeforeTheSplitPointIsNotSplit) {
   EXPECT_EQ(file[18], 255);
 }
 
+TEST(DhcpConsOptions, SnameOnlyOverloadMarksFileAndPutsTheEndMarkIntoFile) {
+  DhcpTestMemops mem;
+  DhcpConfigBuilder cfg(mem.ops());
+  cfg.add_string(12, letters(253, 'a'));
+  cfg.add_string(14, letters(43, 'a'));
+  cfg.add_string(15, letters(10, 'a'));  // 300..312
+  cfg.add_string(17, "0123456789");      // 312..324
+  Built b = build(mem.ops(), cfg, nullptr, DHCP_OVERLOAD_SNAME);
+  EXPECT_EQ(b.length, 243);
+  // The overload value names `file` although only `sname` was filled.
+  EXPECT_EQ(Bytes(b.msg.begin() + 240, b.msg.begin() + 243), hex_bytes("34 01 01"));
+  const Bytes rest = cat({text_bytes("defghij"), option_bytes(17, "0123456789")});
+  Bytes sname = b.sname();
+  EXPECT_EQ(Bytes(sname.begin(), sname.begin() + 19), rest);
+  EXPECT_EQ(Bytes(sname.begin() + 19, sname.end()), Bytes(45, kUntouched));
+  Bytes file = b.file();
+  EXPECT_EQ(Bytes(file.begin(), file.begin() + 19), Bytes(19, kUntouched));
+  EXPECT_EQ(file[19], 255);
+  EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + 64), Bytes(44, 0));
+  EXPECT_EQ(Bytes(file.begin() + 64, file.end()), Bytes(64, kUntouched));
+}
+
+TEST(DhcpConsOptions, SnameOnlyCapacityIsSixtyFourBytesBeyondTheField) {
+  DhcpTestMemops mem;
+  for (int extra : {0, 1}) {
+    SCOPED_TRACE(extra);
+    DhcpConfigBuilder cfg(mem.ops());
+    fill(cfg, 305);
+    // 305..312 (5 value bytes), then 312..369+extra.
+    cfg.add_string(67, letters(60 + static_cast<std::size_t>(extra)));
+    Built b = build(mem.ops(), cfg, nullptr, DHCP_OVERLOAD_SNAME);
+    if (extra == 0) {
+      EXPECT_EQ(b.length, 243);
+      EXPECT_EQ(b.sname()[0], 67);
+    } else {
+      EXPECT_EQ(b.length, 240 + 305 + 1);
+    }
+  }
+}
+
 TEST(DhcpConsOptions, SnameIsLeftAsItIsWhenMoreThan64BytesRemain) {
   DhcpTestMemops mem;
   DhcpConfigBuilder cfg(mem.ops());

@@ -494,9 +494,11 @@ typedef struct nuv_clfy_packet {
  * the packet's traffic class (only the localmark condition reads it);
  * `reserved` is ignored.  Every match except that of a rule without
  * conditions counts in the rule's `hits`.  A DHCP condition learns matching
- * clients into its table and forgets releasing ones.  The packet's fixed IP
- * header (20 bytes for IPv4, 40 for IPv6) must be readable when the rule has
- * IP conditions; conditions that need bytes beyond `ip_len` do not hold.
+ * clients into its table and forgets releasing ones.  `ip_len` must be the
+ * number of bytes readable at `ip_header`: IP conditions do not hold for a
+ * packet shorter than its fixed header (20 bytes IPv4, 40 IPv6), nor do
+ * conditions that need bytes beyond `ip_len`, whatever the packet's own
+ * length fields claim.
  * Allocates nothing except while evaluating a DHCP condition. */
 NIKERKIOG_API int nuv_clfy_matches(struct nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t reserved,
                                    uint32_t mark);

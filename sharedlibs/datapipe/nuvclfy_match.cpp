@@ -3,7 +3,8 @@
 // Conditions are tested cheapest first (interfaces, mark, link layer, then
 // IP), whole groups are skipped by one bit test, and nothing is allocated
 // except while a DHCP condition is evaluated.  Every read of packet memory
-// beyond the fixed IP header is bounded by the descriptor's ip_len.
+// is bounded by the descriptor's ip_len: hostile length fields make a
+// condition fail, never a read past the packet.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,7 @@ using dp::load_be16;
 
 constexpr std::uint16_t kEthIpv4 = 0x0800;
 constexpr std::uint16_t kEthIpv6 = 0x86dd;
+constexpr std::uint32_t kIpv4HeaderLength = 20;
 constexpr std::uint32_t kIpv6HeaderLength = 40;
 constexpr std::uint32_t kHopByHopLength = 8;
 constexpr std::uint32_t kUdpHeaderLength = 8;
@@ -305,11 +307,12 @@ bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   return true;
 }
 
+// A packet too short for its fixed IP header satisfies no IP condition.
 bool ip_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   if (!packet.ip_header) return false;
   const std::uint16_t eth_proto = dp::net_to_host16(packet.eth_proto);
-  if (eth_proto == kEthIpv6) return ipv6_holds(rule, packet);
-  if (eth_proto == kEthIpv4) return ipv4_holds(rule, packet);
+  if (eth_proto == kEthIpv6) return packet.ip_len >= kIpv6HeaderLength && ipv6_holds(rule, packet);
+  if (eth_proto == kEthIpv4) return packet.ip_len >= kIpv4HeaderLength && ipv4_holds(rule, packet);
   return false;
 }
 

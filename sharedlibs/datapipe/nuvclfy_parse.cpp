@@ -364,7 +364,9 @@ int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser
   char *table_end = table;
   while (is_keyword_char(*table_end)) ++table_end;
   if (table_end == table) return kDhcpMissingTable;
-  char *pattern = const_cast<char *>(match.pattern);
+  // The pattern lies in our writable copy of the line; the match record only
+  // hands it back as const.
+  char *pattern = match.pattern ? const_cast<char *>(match.pattern) : pattern_end;
   const char pattern_stop = pattern[length];
   const char table_stop = *table_end;
   pattern[length] = '\0';
