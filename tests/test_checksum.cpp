@@ -1,4 +1,4 @@
-// Internet checksums: worked examples, the specified corner cases, and
+// Internet checksums: worked examples, the corner cases of each protocol, and
 // property tests against a plain 16-bit word reference written here.
 #include <gtest/gtest.h>
 
@@ -473,6 +473,16 @@ TEST(ChecksumUpdate, EvenStartRunOfLengthOneExchangesHighOrderBytes) {
   const std::uint8_t old_byte = 0x12, new_byte = 0xab;
   const std::uint16_t k = htons(0x4c21);
   EXPECT_EQ(update_checksum(k, 0, &old_byte, 1, &new_byte, 1), update_checksum_u16(k, htons(0x1200), htons(0xab00)));
+}
+
+TEST(ChecksumUpdate, RunsOfDifferentLengths) {
+  // Growing "12 34" to "12 34 56 78" adds the word 5678 and nothing else.
+  const Bytes old_run = hex_bytes("12 34");
+  const Bytes new_run = hex_bytes("12 34 56 78");
+  const std::uint16_t k = htons(0x9abc);
+  EXPECT_EQ(update_checksum(k, 0, old_run.data(), 2, new_run.data(), 4), update_checksum_u16(k, 0, htons(0x5678)));
+  EXPECT_EQ(ntohs(update_checksum(k, 0, old_run.data(), 2, new_run.data(), 4)),
+            ref_checksum(static_cast<std::uint16_t>(~0x9abc) + 0x5678));
 }
 
 TEST(ChecksumUpdate, UnchangedValueKeepsChecksum) {
