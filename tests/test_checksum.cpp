@@ -190,13 +190,11 @@ TEST(IpChecksum, CorruptedHeaderFails) {
 }
 
 TEST(IpChecksum, HeaderLengthWithOptionsIsSummed) {
-  Bytes ip = make_ipv4(6, 15, 0);
+  Bytes ip = make_ipv4(6, 15, 0);  // 60-byte header
   set_ip_checksum(ip.data());
+  const std::uint16_t stored = be16(&ip[10]);
   ip[10] = ip[11] = 0;
-  EXPECT_EQ(be16(&ip[10]), 0);
-  Bytes copy = ip;
-  set_ip_checksum(copy.data());
-  EXPECT_EQ(be16(&copy[10]), ref_checksum(ref_sum(ip.data(), 60)));
+  EXPECT_EQ(stored, ref_checksum(ref_sum(ip.data(), 60)));
 }
 
 // ---- IPv4 transport checksums: corner cases ---------------------------------
@@ -228,7 +226,6 @@ TEST(UdpChecksum, ZeroFieldPassesWhenDataSumsToFfff) {
   put16(udp + 6, 0);
   put16(udp + 8, 0);
   put16(udp + 8, static_cast<std::uint16_t>(~ref_fold(ref_ip4_transport_sum(ip, 12, true))));
-  EXPECT_EQ(be16(udp + 6), 0);
   EXPECT_EQ(udp_checksum_ok(ip.data()), 1);
 }
 
@@ -266,7 +263,6 @@ TEST(UdpChecksum, PseudoHeaderUsesTheHeaderProtocolByte) {
   put16(&ip[26], 0);
   const std::uint16_t expected = ref_checksum(ref_ip4_transport_sum(ip, 16, true));
   EXPECT_EQ(stored, expected == 0 ? 0xffff : expected);
-  EXPECT_NE(ip[9], 17);
 }
 
 TEST(TcpChecksum, UsesIpTotalLength) {
