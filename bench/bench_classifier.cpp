@@ -129,21 +129,22 @@ using Rng = std::mt19937;
 
 int pick(Rng &rng, int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
 
+const char *const kNets[] = {"10.21.11.0/24", "192.168.1.0/24", "10.0.0.0/8",     "172.16.0.0/12",
+                             "131.155.0.0/16", "62.12.173.0/24", "209.87.240.0/20", "2001:db8::/32",
+                             "fe80::/10",      "2200::/16"};
+const char *const kPortLists[] = {"80,443",    "53",    "67,68", "22,23,8000-8100", "1024-65535",
+                                  "5060-5070", "<1024", "123",   "5767",            "46656,80"};
+
 // A rule as a router configuration writes them: an interface, a protocol,
-// an address prefix and a port list, with a catch-all at the end.
-std::string realistic_rule(Rng &rng) {
-  static const char *const kNets[] = {"10.21.11.0/24", "192.168.1.0/24", "10.0.0.0/8",     "172.16.0.0/12",
-                                      "131.155.0.0/16", "62.12.173.0/24", "209.87.240.0/20", "2001:db8::/32",
-                                      "fe80::/10",      "2200::/16"};
-  static const char *const kPortLists[] = {"80,443",  "53",          "67,68", "22,23,8000-8100", "1024-65535",
-                                           "5060-5070", "<1024",     "123",   "5767",             "46656,80"};
-  std::string line = "dev eth" + std::to_string(1 + pick(rng, 4));
-  const char *net = kNets[pick(rng, 10)];
-  line += std::string(pick(rng, 2) ? " ip.saddr " : " ip.daddr ") + net;
-  const bool tcp = pick(rng, 2);
+// an address prefix and a port list.
+std::string realistic_rule(Rng &rng, int dev, bool tcp) {
+  std::string line = "dev eth" + std::to_string(dev);
+  line += std::string(pick(rng, 2) ? " ip.saddr " : " ip.daddr ") + kNets[pick(rng, 10)];
   line += std::string(tcp ? " tcp." : " udp.") + (pick(rng, 2) ? "dport " : "sport ") + kPortLists[pick(rng, 10)];
   return line;
 }
+
+std::string realistic_rule(Rng &rng) { return realistic_rule(rng, 1 + pick(rng, 4), pick(rng, 2)); }
 
 struct RuleSet {
   nuv_clfy_set linear;
@@ -187,7 +188,14 @@ void link_rule(nuv_clfy_set &set, const std::string &line, std::uint16_t result)
 std::unique_ptr<RuleSet> realistic_set(int n) {
   auto sets = std::make_unique<RuleSet>();
   Rng rng(static_cast<unsigned>(n) * 7919u);
-  for (int i = 1; i < n; ++i) link_rule(sets->linear, realistic_rule(rng), static_cast<std::uint16_t>(i));
+  // Configurations list the rules of one interface together, and within it
+  // runs of one protocol; a catch-all ends the list.
+  const int block = n < 4 ? 1 : n / 4;
+  for (int i = 1; i < n; ++i) {
+    const int dev = 1 + ((i - 1) / block) % 4;
+    const bool tcp = ((i - 1) / 5) % 2 == 0;
+    link_rule(sets->linear, realistic_rule(rng, dev, tcp), static_cast<std::uint16_t>(i));
+  }
   link_rule(sets->linear, n == 1 ? realistic_rule(rng) : "any", static_cast<std::uint16_t>(n));
   nuv_clfy_set_walk(&sets->linear, resolve_dev, nullptr);
   if (nuv_clfy_set_optim(&sets->linear, &sets->optimised) != 0) std::abort();

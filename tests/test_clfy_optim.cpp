@@ -442,3 +442,25 @@ TEST_F(SetOptim, AllocationFailuresGiveMinusOneAndLeakNothing) {
   EXPECT_GT(failed, 0);
   EXPECT_EQ(listing(&src.set), source_listing);
 }
+
+TEST_F(SetOptim, Ipv6PrefixesDifferingOnlyInLengthShareAParent) {
+  // Rules are compared by IPv6 address alone, so 2001:db8::/32 and
+  // 2001:db8::/64 go under one parent holding the first rule's /32, and the
+  // second rule's /64 is no longer tested.  A packet from 2001:db8:ffff::1
+  // to port 2 matches no rule of the list but the second rule in the tree;
+  // configurations that need both write them with different addresses.
+  src.add("ip.saddr 2001:db8::/32 udp.dport 1", 1);
+  src.add("ip.saddr 2001:db8::/64 udp.dport 2", 2);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  const std::uint8_t from[16] = {0x20, 0x01, 0x0d, 0xb8, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  const std::uint8_t to[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
+  clfytest::Packet p;
+  p.set_ip(clfytest::ipv6_packet(17, from, to, clfytest::udp_header(9, 2)), 0x86dd);
+  EXPECT_EQ(nuv_clfy_get_clfy_from_set(&src.set, 0, &p.desc), nullptr);
+  nuv_clfy *chosen = nuv_clfy_get_clfy_from_set(&dst.set, 0, &p.desc);
+  ASSERT_NE(chosen, nullptr);
+  EXPECT_EQ(chosen->result, 2);
+  const auto lines = listing(&dst.set);
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[2], "  2:       ip.saddr 2001:db8::/32 => 1");
+}

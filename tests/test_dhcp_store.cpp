@@ -143,6 +143,17 @@ TEST(DhcpSetOption, FailedAllocationOfAnEmptySlotReturnsMinusOne) {
   EXPECT_EQ(mem.live(), 0);
 }
 
+TEST(DhcpSetOption, ZeroLengthValueIsWhateverAllocZeroGives) {
+  DhcpTestMemops mem;
+  Store store(mem.ops());
+  // The test allocator hands out a block for a request of 0 bytes.
+  EXPECT_EQ(dhcp_set_option(mem.ops(), store.slots, 80, 0, nullptr), 0);
+  ASSERT_EQ(mem.requested().size(), 1u);
+  EXPECT_EQ(mem.requested()[0], 0u);
+  EXPECT_NE(store.slots[80].data, nullptr);
+  EXPECT_EQ(store.slots[80].len, 0u);
+}
+
 TEST(DhcpSetOption, DoesNotUseThePlatformAllocators) {
   testsupport::NoLeakGuard guard;
   DhcpTestMemops mem;
@@ -635,6 +646,22 @@ TEST(DhcpParseOptions, GarbageInOverloadedFieldsNeverReadsOutsideTheMessage) {
     EXPECT_TRUE(rc == 0 || rc == -1);
     for (int code : {0, 255}) EXPECT_EQ(store.slots[code].data, nullptr);
   }
+}
+
+TEST(DhcpParseOptions, StoreNeverPointsIntoTheMessage) {
+  DhcpTestMemops mem;
+  Store store(mem.ops());
+  Bytes msg = message(hex_bytes("34 01 03 0c 01 61 ff"), hex_bytes("0f 01 62 ff"), hex_bytes("11 01 63 ff"));
+  msg.push_back(0);
+  ASSERT_EQ(dhcp_parse_options(mem.ops(), msg.data(), static_cast<int32_t>(msg.size() - 1), store.slots), 0);
+  for (int code : {12, 15, 17, 52}) {
+    ASSERT_NE(store.slots[code].data, nullptr) << code;
+    EXPECT_TRUE(mem.is_live(store.slots[code].data)) << code;
+  }
+  std::fill(msg.begin(), msg.end(), 0);
+  EXPECT_EQ(store.value(12), "a");
+  EXPECT_EQ(store.value(15), "b");
+  EXPECT_EQ(store.value(17), "c");
 }
 
 TEST(DhcpParseOptions, CodesZeroAnd255AreNeverFilled) {

@@ -450,7 +450,12 @@ NIKERKIOG_API extern const nuv_clfy_keyword parsetab[];
 
 /* Parses one rule line, such as "dev eth0 ip.proto tcp tcp.dport 80,443".
  * `text`: NUL-terminated, at most 255 characters (longer lines are refused).
- * Words are separated by spaces only.  On success stores a new rule,
+ * Words are separated by spaces only.  A comma list (VLAN ids, ports) is
+ * split at every comma of the rest of the line, so a line holds at most one
+ * list with commas and it comes after the other lists; a packetmatch
+ * pattern is stored up to the end of the line, so it is written last; an
+ * IPv6 address without "/length" is read to the end of the line.
+ * On success stores a new rule,
  * normalised by nuv_clfy_optim, in *result and returns 0; the caller owns it
  * (until it is linked into a set).  Returns -1 for an over-long line, an
  * unknown keyword, a value a keyword does not accept, or exhausted memory;
@@ -483,7 +488,7 @@ NIKERKIOG_API void nuv_clfy_show(int depth, struct nuv_clfy *rule);
 typedef struct nuv_clfy_packet {
   uint32_t brdev_ifindex;   /* index of the bridge device the packet came through */
   uint32_t dev_ifindex;     /* index of the receiving device */
-  const uint8_t *eth_header; /* destination MAC at byte 0, source MAC at byte 6; may be null */
+  const uint8_t *eth_header; /* 12 readable bytes: destination MAC, source MAC; may be null */
   uint16_t eth_proto;       /* Ethernet type, network byte order (0x0800, 0x86dd) */
   uint16_t vlan_tci;        /* host order: NUV_CLFY_VLAN_TAG_PRESENT, id in the low 12 bits, priority in the top 3 */
   const uint8_t *ip_header; /* IPv4 or IPv6 header; may be null */
