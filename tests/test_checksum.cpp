@@ -1,4 +1,4 @@
-// Internet checksums: worked examples, the specified corner cases, and
+// Internet checksums: worked examples, the corner cases of each protocol, and
 // property tests against a plain 16-bit word reference written here.
 #include <gtest/gtest.h>
 
@@ -190,13 +190,11 @@ TEST(IpChecksum, CorruptedHeaderFails) {
 }
 
 TEST(IpChecksum, HeaderLengthWithOptionsIsSummed) {
-  Bytes ip = make_ipv4(6, 15, 0);
+  Bytes ip = make_ipv4(6, 15, 0);  // 60-byte header
   set_ip_checksum(ip.data());
+  const std::uint16_t stored = be16(&ip[10]);
   ip[10] = ip[11] = 0;
-  EXPECT_EQ(be16(&ip[10]), 0);
-  Bytes copy = ip;
-  set_ip_checksum(copy.data());
-  EXPECT_EQ(be16(&copy[10]), ref_checksum(ref_sum(ip.data(), 60)));
+  EXPECT_EQ(stored, ref_checksum(ref_sum(ip.data(), 60)));
 }
 
 // ---- IPv4 transport checksums: corner cases ---------------------------------
@@ -228,7 +226,6 @@ TEST(UdpChecksum, ZeroFieldPassesWhenDataSumsToFfff) {
   put16(udp + 6, 0);
   put16(udp + 8, 0);
   put16(udp + 8, static_cast<std::uint16_t>(~ref_fold(ref_ip4_transport_sum(ip, 12, true))));
-  EXPECT_EQ(be16(udp + 6), 0);
   EXPECT_EQ(udp_checksum_ok(ip.data()), 1);
 }
 
@@ -266,7 +263,6 @@ TEST(UdpChecksum, PseudoHeaderUsesTheHeaderProtocolByte) {
   put16(&ip[26], 0);
   const std::uint16_t expected = ref_checksum(ref_ip4_transport_sum(ip, 16, true));
   EXPECT_EQ(stored, expected == 0 ? 0xffff : expected);
-  EXPECT_NE(ip[9], 17);
 }
 
 TEST(TcpChecksum, UsesIpTotalLength) {
@@ -473,6 +469,16 @@ TEST(ChecksumUpdate, EvenStartRunOfLengthOneExchangesHighOrderBytes) {
   const std::uint8_t old_byte = 0x12, new_byte = 0xab;
   const std::uint16_t k = htons(0x4c21);
   EXPECT_EQ(update_checksum(k, 0, &old_byte, 1, &new_byte, 1), update_checksum_u16(k, htons(0x1200), htons(0xab00)));
+}
+
+TEST(ChecksumUpdate, RunsOfDifferentLengths) {
+  // Growing "12 34" to "12 34 56 78" adds the word 5678 and nothing else.
+  const Bytes old_run = hex_bytes("12 34");
+  const Bytes new_run = hex_bytes("12 34 56 78");
+  const std::uint16_t k = htons(0x9abc);
+  EXPECT_EQ(update_checksum(k, 0, old_run.data(), 2, new_run.data(), 4), update_checksum_u16(k, 0, htons(0x5678)));
+  EXPECT_EQ(ntohs(update_checksum(k, 0, old_run.data(), 2, new_run.data(), 4)),
+            ref_checksum(static_cast<std::uint16_t>(~0x9abc) + 0x5678));
 }
 
 TEST(ChecksumUpdate, UnchangedValueKeepsChecksum) {

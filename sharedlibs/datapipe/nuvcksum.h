@@ -59,7 +59,9 @@ NIKERKIOG_API int icmp_checksum_ok(const void *iph);
  * chain counts as broken: the length becomes 0 and the upper-layer header is
  * taken to begin one byte before the IPv6 header, so the checksum is written
  * into the IPv6 header itself (byte 15 for TCP, 5 for UDP, 1 for ICMPv6).
- * A computed 0 is stored as 0, also for UDP. */
+ * A computed 0 is stored as 0, also for UDP.  Besides the packet the
+ * headers describe, the buffer must hold the checksum field where the walk
+ * ends (extension headers that claim more than the payload move it). */
 NIKERKIOG_API void set_tcpv6_checksum(void *ip6h);
 NIKERKIOG_API void set_udpv6_checksum(void *ip6h);
 NIKERKIOG_API void set_icmpv6_checksum(void *ip6h);

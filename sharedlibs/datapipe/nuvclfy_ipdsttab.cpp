@@ -33,8 +33,10 @@ bool covers4(const ipdsttab_entry &entry, std::uint32_t addr) {
 
 bool covers6(const ipdsttab_entry &entry, const std::uint8_t *addr) {
   if (entry.family != kFamily6) return false;
-  // Prefix lengths beyond the address would compare past its end.
-  const unsigned prefix = entry.prefixlen > kHostPrefix6 ? kHostPrefix6 : entry.prefixlen;
+  // Host entries (all that the add functions make) need one fixed-size
+  // compare; prefix lengths beyond the address would compare past its end.
+  if (entry.prefixlen >= kHostPrefix6) return std::memcmp(entry.addr.v6, addr, sizeof entry.addr.v6) == 0;
+  const unsigned prefix = entry.prefixlen;
   const unsigned whole = prefix / 8;
   const unsigned bits = prefix % 8;
   if (bits) {
@@ -44,17 +46,22 @@ bool covers6(const ipdsttab_entry &entry, const std::uint8_t *addr) {
   return std::memcmp(entry.addr.v6, addr, whole) == 0;
 }
 
-bool covers(const ipdsttab_entry &entry, const Address &address) {
-  return address.family == kFamily4 ? covers4(entry, address.v4) : covers6(entry, address.v6);
+// Index of the first used entry for which `covers(entry)` holds, or -1.
+template <typename Covers>
+long find_entry(const ipdsttab *table, Covers covers) {
+  if (!table->entries) return -1;
+  for (std::uint32_t i = 0; i < table->count; ++i) {
+    if (covers(table->entries[i])) return static_cast<long>(i);
+  }
+  return -1;
 }
 
 // Index of the first used entry covering the address, or -1.
 long find_covering(const ipdsttab *table, const Address &address) {
-  if (!table->entries) return -1;
-  for (std::uint32_t i = 0; i < table->count; ++i) {
-    if (covers(table->entries[i], address)) return static_cast<long>(i);
+  if (address.family == kFamily4) {
+    return find_entry(table, [v4 = address.v4](const ipdsttab_entry &e) { return covers4(e, v4); });
   }
-  return -1;
+  return find_entry(table, [v6 = address.v6](const ipdsttab_entry &e) { return covers6(e, v6); });
 }
 
 ipdsttab *create(const char *name) {
