@@ -796,6 +796,21 @@ TEST(DhcpConsOptions, CapacityCountsSnameOnlyWhenAllowed) {
   }
 }
 
+TEST(DhcpConsOptions, OptionsNeverRunPastTheWorkingBuffer) {
+  DhcpTestMemops mem;
+  DhcpConfigBuilder cfg(mem.ops());
+  PeerStore peer(mem.ops());
+  peer.max_size(9000);  // space 4096: with both fields the capacity exceeds the 4096-byte buffer
+  cfg.add_u16(57, 1500);
+  fill(cfg, 4089 - 4);
+  cfg.add_string(67, letters(100));  // 5 bytes up to 4096, then 95 more: beyond the buffer
+  Built b = build(mem.ops(), cfg, peer.slots, DHCP_OVERLOAD_FILE | DHCP_OVERLOAD_SNAME);
+  // Option 67 is taken back whole; the 4089 bytes before it fit the field.
+  EXPECT_EQ(b.length, 240 + 4089 + 1);
+  EXPECT_EQ(b.msg[240 + 4089], 255);
+  EXPECT_EQ(b.file(), Bytes(128, kUntouched));
+}
+
 // ---- working storage ----
 
 TEST(DhcpConsOptions, TakesA4096ByteBufferAndA300BytePriorityList) {

@@ -102,9 +102,11 @@ struct dhcpoptions; /* a configured option record, nuvdhcpcfg.h */
  * (records of nuvdhcpcfg.h) are written in priority order: 53, 54, 51, 56,
  * then the peer's parameter request list (option 55 of `store`) or, without
  * one, a fixed default order, and 82 last.  Configured options not in that
- * order are not written.  Options that do not fit are dropped one by one.
+ * order are not written.  Options that do not fit are dropped one by one
+ * (also those that would run past the 4096-byte working buffer).
  * Options of `store` (the peer's parsed message, or null) that are not
- * configured are then copied as they are.
+ * configured are then copied as they are, as far as the working buffer
+ * holds them.
  *
  * The options field is 312 bytes long, or 64 with `short_area` non-zero,
  * unless `store` holds option 57: then it is that size less 264, within
