@@ -507,3 +507,18 @@ TEST(ClfyGroupingCompare, LengthOperatorsCompareWithReversedSign) {
   auto smaller = parse("ip.len < 50");
   EXPECT_LT(nuv_clfy_cmp(smaller.get(), less.get(), NUV_CLFY_F_IP_LEN), 0);
 }
+
+TEST_F(SetOptim, EveryBlockOfTheTreeIsTaggedWithTheClassifierPath) {
+  src.add("dev eth0 tcp.dport 80,80,443", 1);
+  src.add("dev eth0 tcp.dport 22", 2);
+  const long before = testsupport::live_blocks().slab;
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  ASSERT_GT(testsupport::live_blocks().slab, before);
+  std::vector<std::string> files;
+  nuvcsock_slab_foreach_live(
+      [](const char *file, int, std::size_t, void *ctx) {
+        static_cast<std::vector<std::string> *>(ctx)->push_back(file ? file : "");
+      },
+      &files);
+  for (const std::string &file : files) EXPECT_EQ(file, "sharedlibs/datapipe/nuvclfy");
+}
