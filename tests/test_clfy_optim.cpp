@@ -6,6 +6,7 @@
 
 #include "clfy_testing.h"
 #include "nikerkiog.h"
+#include "nuvclfy_priv.h"  // the grouping table
 #include "nuvcsock_test.h"
 #include "testsupport.h"
 
@@ -463,4 +464,61 @@ TEST_F(SetOptim, Ipv6PrefixesDifferingOnlyInLengthShareAParent) {
   const auto lines = listing(&dst.set);
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[2], "  2:       ip.saddr 2001:db8::/32 => 1");
+}
+
+// ---- The grouping table and the comparison it relies on ----
+
+TEST(ClfyGroupingMasks, SevenMasksWithTheSecondRepeatedLast) {
+  const std::uint32_t expected[] = {0x00000021, 0x00020021, 0x01020021, 0x001a0021,
+                                    0x00120021, 0x000a0021, 0x00020021};
+  ASSERT_EQ(std::size(dp::clfy::kGroupingMasks), std::size(expected));
+  for (std::size_t i = 0; i < std::size(expected); ++i) EXPECT_EQ(dp::clfy::kGroupingMasks[i], expected[i]) << i;
+  EXPECT_EQ(dp::clfy::kGroupingMasks[6], dp::clfy::kGroupingMasks[1]);
+}
+
+TEST_F(SetOptim, RepeatedMaskNeverChangesTheGrouping) {
+  // A run sharing only the protocol ties between the second and the last
+  // mask; the parent is the same either way and holds the protocol alone.
+  src.add("ip.proto udp udp.dport 1", 1);
+  src.add("ip.proto udp udp.dport 2", 2);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  EXPECT_EQ(listing(&dst.set), (std::vector<std::string>{"  0: ip.proto 17 => 1", "  1:    udp.dport 1 => 1",
+                                                           "  1:    udp.dport 2 => 2"}));
+}
+
+TEST_F(SetOptim, EqualLengthConditionsGroupUnderTheLengthMask) {
+  src.add("ip.len 100 tcp.dport 1", 1);
+  src.add("ip.len 100 tcp.dport 2", 2);
+  src.add("tcp.dport 3", 3);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  EXPECT_EQ(listing(&dst.set), (std::vector<std::string>{"  0: ip.proto 6 => 1", "  1:    ip.len 100 => 1",
+                                                           "  2:       tcp.dport 1 => 1", "  2:       tcp.dport 2 => 2",
+                                                           "  1:    tcp.dport 3 => 3"}));
+}
+
+TEST(ClfyGroupingCompare, LengthOperatorsCompareWithReversedSign) {
+  // Different operators give b's operator minus a's: "<" (3) against ">" (5)
+  // is 2, so the rule with "<" sorts after the one with ">".
+  auto less = parse("ip.len < 100");
+  auto greater = parse("ip.len > 100");
+  EXPECT_EQ(nuv_clfy_cmp(less.get(), greater.get(), NUV_CLFY_F_IP_LEN), 2);
+  EXPECT_EQ(nuv_clfy_cmp(greater.get(), less.get(), NUV_CLFY_F_IP_LEN), -2);
+  // Equal operators compare their values the usual way round.
+  auto smaller = parse("ip.len < 50");
+  EXPECT_LT(nuv_clfy_cmp(smaller.get(), less.get(), NUV_CLFY_F_IP_LEN), 0);
+}
+
+TEST_F(SetOptim, EveryBlockOfTheTreeIsTaggedWithTheClassifierPath) {
+  src.add("dev eth0 tcp.dport 80,80,443", 1);
+  src.add("dev eth0 tcp.dport 22", 2);
+  const long before = testsupport::live_blocks().slab;
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  ASSERT_GT(testsupport::live_blocks().slab, before);
+  std::vector<std::string> files;
+  nuvcsock_slab_foreach_live(
+      [](const char *file, int, std::size_t, void *ctx) {
+        static_cast<std::vector<std::string> *>(ctx)->push_back(file ? file : "");
+      },
+      &files);
+  for (const std::string &file : files) EXPECT_EQ(file, "sharedlibs/datapipe/nuvclfy");
 }

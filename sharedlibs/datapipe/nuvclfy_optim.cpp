@@ -171,18 +171,6 @@ extern "C" void nuv_clfy_optim(nuv_clfy *rule) {
 
 namespace {
 
-// Presence-bit groups tried for a shared parent, in order of preference when
-// runs are equally long.  The last row repeats the second; with ties going to
-// the earlier row it never wins, and the table is kept as it is.
-constexpr std::uint32_t kGroupingMasks[] = {
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_LEN,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_DADDR,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO,
-};
 
 // Number of consecutive rules from rules[0] that share rules[0]'s conditions
 // of `mask`; 1 when rules[0] has none of them.
@@ -200,8 +188,8 @@ struct BestGroup {
 };
 
 BestGroup best_group(nuv_clfy *const *rules, std::size_t n) {
-  BestGroup best{kGroupingMasks[0], 0};
-  for (std::uint32_t mask : kGroupingMasks) {
+  BestGroup best{dp::clfy::kGroupingMasks[0], 0};
+  for (std::uint32_t mask : dp::clfy::kGroupingMasks) {
     const std::size_t run = run_length(rules, n, mask);
     if (run > best.run) best = {mask, run};
   }
