@@ -14,7 +14,7 @@ export CCACHE_BASEDIR := $(CURDIR)
 export CCACHE_NOHASHDIR := true
 
 .PHONY: run test deps deps-cross native asan armel s390x \
-        test-native test-asan test-armel test-s390x bench install clean
+        test-native test-asan test-armel test-s390x bench bench-instructions install clean
 
 run: deps native
 	./examples/run.sh $(BUILD)/native/tools/nikerkiog
@@ -70,6 +70,10 @@ test-s390x: s390x
 
 bench: deps native
 	@for b in $(BUILD)/native/bench/bench_*; do echo "=== $$b"; $$b; done
+
+# Instructions per packet of the classifier, counted by callgrind.
+bench-instructions: deps native
+	bench/instructions.sh $(BUILD)/native/bench/bench_classifier
 
 install: native
 	cmake --install $(BUILD)/native $(if $(PREFIX),--prefix $(PREFIX))

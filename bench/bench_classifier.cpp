@@ -5,6 +5,11 @@
 // measured in this run.
 #include <benchmark/benchmark.h>
 
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#define NIKERKIOG_HAVE_CALLGRIND 1
+#endif
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -293,9 +298,43 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> times_;
 };
 
+// Instruction counts per packet, repeatable on a busy machine: run under
+// `valgrind --tool=callgrind --collect-atstart=no` (bench/instructions.sh).
+// Every set executes a fixed number of passes over the mix with collection
+// switched on only around the execute calls; one profile is dumped per case,
+// named "<kind>/<rules> packets=<count>".
+int count_instructions() {
+#ifdef NIKERKIOG_HAVE_CALLGRIND
+  constexpr std::size_t kPasses = 20;
+  const std::vector<Packet> &mix = packets();
+  for (int n : {1, 10, 100, 1000}) {
+    auto sets = realistic_set(n);
+    for (bool optimised : {false, true}) {
+      nuv_clfy_set *set = optimised ? &sets->optimised : &sets->linear;
+      int sum = 0;
+      CALLGRIND_ZERO_STATS;
+      CALLGRIND_TOGGLE_COLLECT;
+      for (std::size_t pass = 0; pass < kPasses; ++pass)
+        for (const Packet &p : mix) sum += nuv_clfy_set_execute(set, nullptr, &p.desc);
+      CALLGRIND_TOGGLE_COLLECT;
+      benchmark::DoNotOptimize(sum);
+      char name[96];
+      std::snprintf(name, sizeof name, "%s/%d packets=%zu", optimised ? "optimised" : "linear", n,
+                    kPasses * mix.size());
+      CALLGRIND_DUMP_STATS_AT(name);
+    }
+  }
+  return 0;
+#else
+  std::fprintf(stderr, "built without valgrind/callgrind.h\n");
+  return 1;
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--instructions") == 0) return count_instructions();
   benchmark::Initialize(&argc, argv);
   if (packets().empty()) {
     std::fprintf(stderr, "no captured packets under %s\n", captures_dir().c_str());
