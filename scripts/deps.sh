@@ -2,6 +2,7 @@
 # Installs the Debian packages the build needs, quietly and only when missing.
 #   scripts/deps.sh native   compilers, test and tool libraries, reference tools
 #   scripts/deps.sh cross    also the armel and s390x cross toolchains and qemu
+#   scripts/deps.sh bench-armel  the cross toolchain and benchmark library for armel
 set -euo pipefail
 what=${1:-native}
 
@@ -13,6 +14,10 @@ cross=(g++-arm-linux-gnueabi g++-s390x-linux-gnu qemu-user
        libgtest-dev:s390x libgmock-dev:s390x libstdc++6:s390x librapidcheck-dev:s390x)
 
 wanted=("${native[@]}")
+if [ "$what" = bench-armel ]; then
+  cross+=(libbenchmark-dev:armel)
+  what=cross
+fi
 if [ "$what" = cross ]; then
   for arch in armel s390x; do
     dpkg --print-foreign-architectures | grep -qx "$arch" || { dpkg --add-architecture "$arch"; need_update=1; }

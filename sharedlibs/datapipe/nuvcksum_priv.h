@@ -29,6 +29,32 @@ inline std::uint64_t load64(const std::uint8_t *p) {
   return v;
 }
 
+inline std::uint32_t load32(const std::uint8_t *p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// The native-order sum of the last 0..3 bytes at p: pieces at even offsets
+// keep their word positions, an odd last byte is the first byte of a word.
+inline std::uint32_t tail_sum(const std::uint8_t *p, std::size_t len) {
+  std::uint32_t tail = 0;
+  if (len >= 2) {
+    std::uint16_t v;
+    std::memcpy(&v, p, 2);
+    tail += v;
+    p += 2;
+    len -= 2;
+  }
+  if (len) {
+    const std::uint8_t last[2] = {p[0], 0};
+    std::uint16_t v;
+    std::memcpy(&v, last, 2);
+    tail += v;
+  }
+  return tail;
+}
+
 // Adds w to s and returns the carry out (0 or 1).
 inline std::uint64_t add_carry(std::uint64_t &s, std::uint64_t w) {
   s += w;
@@ -90,6 +116,20 @@ inline std::uint64_t sse2_sum_blocks(const std::uint8_t *&p, std::size_t &len) {
 // carries (2^64 = 1 modulo 0xffff) and only the 16-bit result is swapped.
 inline std::uint32_t native_sum16(const void *data, std::size_t len) {
   const auto *p = static_cast<const std::uint8_t *>(data);
+#if UINTPTR_MAX == 0xffffffffu
+  // 32-bit processors (the router's): 32-bit words into 64-bit accumulators
+  // need one add and one add-with-carry each and cannot overflow, where the
+  // 64-bit carry tracking below would cost several instructions per word.
+  std::uint64_t s0 = 0, s1 = 0;
+  for (; len >= 16; p += 16, len -= 16) {
+    s0 += load32(p);
+    s1 += load32(p + 4);
+    s0 += load32(p + 8);
+    s1 += load32(p + 12);
+  }
+  for (; len >= 4; p += 4, len -= 4) s0 += load32(p);
+  return fold64_to16(s0 + s1 + tail_sum(p, len));
+#else
   std::uint64_t s0 = 0, s1 = 0, c0 = 0, c1 = 0;
 #if defined(__SSE2__)
   // Below a few blocks the reduction of the vector lanes costs more than it saves.
@@ -102,34 +142,20 @@ inline std::uint32_t native_sum16(const void *data, std::size_t len) {
     c1 += add_carry(s1, load64(p + 24));
   }
   for (; len >= 8; p += 8, len -= 8) c0 += add_carry(s0, load64(p));
-  // The tail: pieces at even offsets keep their native word positions.
   std::uint64_t tail = 0;
   if (len >= 4) {
-    std::uint32_t v;
-    std::memcpy(&v, p, 4);
-    tail += v;
+    tail += load32(p);
     p += 4;
     len -= 4;
   }
-  if (len >= 2) {
-    std::uint16_t v;
-    std::memcpy(&v, p, 2);
-    tail += v;
-    p += 2;
-    len -= 2;
-  }
-  if (len) {
-    const std::uint8_t last[2] = {p[0], 0};
-    std::uint16_t v;
-    std::memcpy(&v, last, 2);
-    tail += v;
-  }
+  tail += tail_sum(p, len);
   c0 += add_carry(s0, tail);
   c0 += add_carry(s0, s1);
   // Each carry stands for 2^64, which is 1 modulo 0xffff.  When adding them
   // carries out, s0 is below the carries, so adding that last 1 cannot.
   const std::uint64_t last_carry = add_carry(s0, c0 + c1);
   return fold64_to16(s0 + last_carry);
+#endif
 }
 
 // The 16-bit result of native_sum16 as the sum of big-endian words.
