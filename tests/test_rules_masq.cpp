@@ -207,6 +207,20 @@ TEST(MasqRuleParse, PlainParserReadsOverScopeAndMark) {
   EXPECT_STREQ(ipmasqfwrule_string(&r), "tcp 1.2.3.4:80 5.6.7.8:80 3 out");
 }
 
+TEST(MasqRuleParse, MarkBeyond32BitsReadsAsAllOnesOnEveryHost) {
+  ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark 4294967296");
+  ipmasqfwruleex r = dirty_rule_ex();
+  ASSERT_EQ(parse_ex(text, &r), 0);
+  EXPECT_EQ(r.mark, 0xfffffffful);
+}
+
+TEST(MasqRuleParse, NegativeMarkWrapsAt32Bits) {
+  ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark -1");
+  ipmasqfwruleex r = dirty_rule_ex();
+  ASSERT_EQ(parse_ex(text, &r), 0);
+  EXPECT_EQ(r.mark, 0xfffffffful);
+}
+
 TEST(MasqRuleParse, MarkIsDecimal) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark 0x10");
   ipmasqfwruleex r = dirty_rule_ex();

@@ -1,10 +1,10 @@
 // Value parsers for rule texts: numbers, IPv4/IPv6 prefixes, MAC addresses,
 // quoted strings, hex byte strings and words.
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_number.h"
 #include "nuvaddr.h"
 #include "nuvaddr_priv.h"
 #include "nuvclfy.h"
@@ -17,45 +17,14 @@ constexpr int kOuiBytes = 3;
 // ---------------------------------------------------------------------------
 // Numbers
 
-bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-struct Number {
-  std::uint32_t value;
-  const char *end;  // == the text when nothing was consumed
-};
-
-// strtoul(text, end, 0) as it behaves with a 32-bit unsigned long, which is
-// what the router's processor has: magnitudes beyond 32 bits saturate to
-// 0xffffffff (for either sign) and "-n" gives the 32-bit negation.  Doing it
-// the same way on 64-bit hosts keeps rule texts meaning the same everywhere.
-Number read_number(const char *text) {
-  const char *p = text;
-  while (is_c_space(*p)) ++p;
-  bool negative = false;
-  if (*p == '+' || *p == '-') negative = *p++ == '-';
-  // strtoull would skip blanks or take a second sign here; strtoul does not.
-  if (is_c_space(*p) || *p == '+' || *p == '-') return Number{0, text};
-  char *after;
-  const int saved_errno = errno;
-  const unsigned long long magnitude = std::strtoull(p, &after, 0);
-  errno = saved_errno;
-  if (after == p) return Number{0, text};
-  std::uint32_t value;
-  if (magnitude > 0xffffffffull)
-    value = 0xffffffffu;
-  else
-    value = negative ? 0u - static_cast<std::uint32_t>(magnitude) : static_cast<std::uint32_t>(magnitude);
-  return Number{value, after};
-}
-
 // The common rule of the number parsers: a value cut to `mask` fails only
 // when it is 0 and nothing was consumed.
 int parse_number(const char *text, char **end, std::uint32_t mask, std::uint32_t *out) {
-  const Number n = read_number(text);
-  const std::uint32_t value = n.value & mask;
-  if (value == 0 && n.end == text) return -1;
+  const char *after;
+  const std::uint32_t value = dp::strtoul32(text, &after, 0) & mask;
+  if (value == 0 && after == text) return -1;
   *out = value;
-  *end = const_cast<char *>(n.end);
+  *end = const_cast<char *>(after);
   return 0;
 }
 

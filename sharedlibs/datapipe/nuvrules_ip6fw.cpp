@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dp_number.h"
 #include "dp_scratch.h"
 #include "dp_textring.h"
 #include "dp_textwriter.h"
@@ -37,39 +38,10 @@ const char *skip_blanks(const char *p) {
   return p;
 }
 
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
-bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-// A decimal number as strtoul reads it on the router, whose unsigned long is
-// 32 bits: leading white space and a sign are taken, a minus negates modulo
-// 2^32 and a value beyond 32 bits reads as 0xffffffff.  `*end` is `text` when
-// no digit was read.
-std::uint32_t strtoul32(const char *text, const char **end) {
-  const char *p = text;
-  while (is_space(*p)) ++p;
-  bool negative = false;
-  if (*p == '+' || *p == '-') negative = *p++ == '-';
-  if (!is_digit(*p)) {
-    *end = text;
-    return 0;
-  }
-  std::uint64_t magnitude = 0;
-  bool overflow = false;
-  for (; is_digit(*p); ++p) {
-    if (!overflow) magnitude = magnitude * 10 + static_cast<std::uint64_t>(*p - '0');
-    if (magnitude > UINT32_MAX) overflow = true;
-  }
-  *end = p;
-  if (overflow) return UINT32_MAX;
-  std::uint32_t value = static_cast<std::uint32_t>(magnitude);
-  return negative ? 0u - value : value;
-}
-
 // One port of a forward rule list: the number's low 16 bits, which must not
 // be 0 ("65536" is refused, "70000" is port 4464).
 bool read_list_port(const char *text, const char **end, std::uint16_t *port) {
-  std::uint16_t cut = static_cast<std::uint16_t>(strtoul32(text, end));
+  std::uint16_t cut = static_cast<std::uint16_t>(dp::strtoul32(text, end, 10));
   if (*end == text || cut == 0) return false;
   *port = cut;
   return true;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_number.h"
 #include "dp_scratch.h"
 #include "dp_textwriter.h"
 #include "nuvaddr.h"
@@ -96,12 +97,10 @@ std::int32_t clamp_to_int32(long value) {
   return static_cast<std::int32_t>(value);
 }
 
-// The mark as strtoul reads it in base 10 (0 without digits), errno untouched.
+// The mark as the router's strtoul reads it in base 10 (0 without digits).
 unsigned long read_mark(const char *text) {
-  const int saved_errno = errno;
-  unsigned long mark = std::strtoul(text, nullptr, 10);
-  errno = saved_errno;
-  return mark;
+  const char *end;
+  return dp::strtoul32(text, &end, 10);
 }
 
 bool word_is(const char *word, const char *expected) { return word && std::strcmp(word, expected) == 0; }
