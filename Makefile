@@ -23,9 +23,11 @@ test: deps-cross
 	@status=0; \
 	for cfg in native asan armel s390x; do \
 	  echo "=== $$cfg ==="; \
+	  rm -f $(BUILD)/$$cfg/junit.xml; \
 	  if $(MAKE) --no-print-directory test-$$cfg; then echo "=== $$cfg: passed ==="; \
 	  else echo "=== $$cfg: FAILED ==="; status=1; fi; \
 	done; \
+	scripts/test-summary.sh $(BUILD) native asan armel s390x || status=1; \
 	exit $$status
 
 deps:
@@ -55,16 +57,16 @@ native asan armel s390x: %: $(BUILD)/%/build.ninja
 	cmake --build $(BUILD)/$* -j$(JOBS)
 
 test-native: native
-	cd $(BUILD)/native && $(CTEST)
+	cd $(BUILD)/native && $(CTEST) --output-junit junit.xml
 
 test-asan: asan
-	cd $(BUILD)/asan && $(SANITIZER_ENV) $(CTEST)
+	cd $(BUILD)/asan && $(SANITIZER_ENV) $(CTEST) --output-junit junit.xml
 
 test-armel: armel
-	cd $(BUILD)/armel && $(CTEST)
+	cd $(BUILD)/armel && $(CTEST) --output-junit junit.xml
 
 test-s390x: s390x
-	cd $(BUILD)/s390x && $(CTEST)
+	cd $(BUILD)/s390x && $(CTEST) --output-junit junit.xml
 
 # --- extras -------------------------------------------------------------------
 
