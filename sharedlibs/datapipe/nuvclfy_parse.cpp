@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_text.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 #include "nuvproto.h"
@@ -16,27 +17,6 @@ constexpr std::size_t kLineBuffer = 256;
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_keyword_char(char c) { return is_letter(c) || c == '.'; }
-
-// Only the space separates words in rule text; a tab is part of a word.
-char *skip_spaces(char *p) {
-  while (*p == ' ') ++p;
-  return p;
-}
-
-// Skips blanks, an optional "=" or "==", and blanks again.
-char *skip_equals(char *p) {
-  p = skip_spaces(p);
-  if (*p == '=') {
-    ++p;
-    if (*p == '=') ++p;
-  }
-  return skip_spaces(p);
-}
-
-char *word_end(char *p) {
-  while (*p && *p != ' ') ++p;
-  return p;
-}
 
 // ---- Comparison operators of value lists and ip.len ----
 
@@ -67,22 +47,22 @@ struct Comparison {
 
 // "80", "1000-2000", ">= 8000", "!=22".
 int parse_comparison(char *text, char **end, Comparison &out) {
-  char *p = skip_spaces(text);
+  char *p = dp::skip_spaces(text);
   if (is_digit(*p)) {
     if (parse_u16(p, end, &out.value1) < 0) return -1;
-    char *q = skip_spaces(*end);
+    char *q = dp::skip_spaces(*end);
     if (*q != '-') {
       out.op = NUV_CLFY_OP_EQ;
       return 0;
     }
-    if (parse_u16(skip_spaces(q + 1), end, &out.value2) < 0) return -1;
+    if (parse_u16(dp::skip_spaces(q + 1), end, &out.value2) < 0) return -1;
     out.op = NUV_CLFY_OP_RANGE;
     return 0;
   }
   const OperatorText *op = find_operator(p);
   if (!op) return -1;
   out.op = op->op;
-  return parse_u16(skip_spaces(p + std::strlen(op->text)), end, &out.value1);
+  return parse_u16(dp::skip_spaces(p + std::strlen(op->text)), end, &out.value1);
 }
 
 using AddComparison = void (*)(nuv_clfy *, std::uint32_t, std::uint16_t, std::uint16_t);
@@ -98,7 +78,7 @@ int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison 
     if (comma) *comma = '\0';
     Comparison c;
     const int rc = parse_comparison(element, end, c);
-    const bool clean = rc == 0 && (!comma || *skip_spaces(*end) == '\0');
+    const bool clean = rc == 0 && (!comma || *dp::skip_spaces(*end) == '\0');
     if (comma) *comma = ',';
     if (!clean) return -1;
     add(rule, c.op, c.value1, c.value2);
@@ -110,8 +90,8 @@ int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison 
 // ---- Keyword handlers ----
 
 int set_name(char *text, char **end, char *name, std::size_t size) {
-  char *p = skip_equals(text);
-  char *stop = word_end(p);
+  char *p = dp::skip_equals(text);
+  char *stop = dp::word_end(p);
   if (*stop == ' ') *stop++ = '\0';
   std::size_t len = std::strlen(p);
   if (len > size - 1) len = size - 1;
@@ -137,14 +117,14 @@ int handle_brdev(char *text, char **end, nuv_clfy *rule) {
 
 // Older configurations name the switch port; the classifier has no use for it.
 int handle_ethport(char *text, char **end, nuv_clfy *) {
-  *end = word_end(skip_equals(text));
+  *end = dp::word_end(dp::skip_equals(text));
   return 0;
 }
 
 int handle_localmark(char *text, char **end, nuv_clfy *rule) {
   unsigned char map[dp::clfy::kClassMapSize];
   std::memset(map, 0, sizeof map);
-  char *name = skip_equals(text);
+  char *name = dp::skip_equals(text);
   for (;;) {
     char *stop = name;
     while (*stop && *stop != ' ' && *stop != ',') ++stop;
@@ -163,31 +143,31 @@ int handle_localmark(char *text, char **end, nuv_clfy *rule) {
 }
 
 int handle_eth_proto(char *text, char **end, nuv_clfy *rule) {
-  if (parse_u16(skip_equals(text), end, &rule->eth_proto) < 0) return -1;
+  if (parse_u16(dp::skip_equals(text), end, &rule->eth_proto) < 0) return -1;
   rule->flags |= NUV_CLFY_F_ETH_PROTO;
   return 0;
 }
 
 int handle_eth_source(char *text, char **end, nuv_clfy *rule) {
-  if (parse_mac(skip_equals(text), end, rule->eth_source) < 0) return -1;
+  if (parse_mac(dp::skip_equals(text), end, rule->eth_source) < 0) return -1;
   rule->flags |= NUV_CLFY_F_ETH_SOURCE;
   return 0;
 }
 
 int handle_eth_sourceoui(char *text, char **end, nuv_clfy *rule) {
-  if (parse_oui(skip_equals(text), end, rule->eth_source) < 0) return -1;
+  if (parse_oui(dp::skip_equals(text), end, rule->eth_source) < 0) return -1;
   rule->flags |= NUV_CLFY_F_ETH_SOURCEOUI;
   return 0;
 }
 
 int handle_eth_dest(char *text, char **end, nuv_clfy *rule) {
-  if (parse_mac(skip_equals(text), end, rule->eth_dest) < 0) return -1;
+  if (parse_mac(dp::skip_equals(text), end, rule->eth_dest) < 0) return -1;
   rule->flags |= NUV_CLFY_F_ETH_DEST;
   return 0;
 }
 
 int handle_eth_destoui(char *text, char **end, nuv_clfy *rule) {
-  if (parse_oui(skip_equals(text), end, rule->eth_dest) < 0) return -1;
+  if (parse_oui(dp::skip_equals(text), end, rule->eth_dest) < 0) return -1;
   rule->flags |= NUV_CLFY_F_ETH_DESTOUI;
   return 0;
 }
@@ -197,7 +177,7 @@ int handle_vlan_id(char *text, char **end, nuv_clfy *rule) {
 }
 
 int handle_vlan_prio(char *text, char **end, nuv_clfy *rule) {
-  if (parse_u8(skip_equals(text), end, &rule->vlan_prio) < 0) return -1;
+  if (parse_u8(dp::skip_equals(text), end, &rule->vlan_prio) < 0) return -1;
   rule->flags |= NUV_CLFY_F_VLAN_PRIO;
   return 0;
 }
@@ -206,8 +186,8 @@ int handle_vlan_prio(char *text, char **end, nuv_clfy *rule) {
 // the table is looked up.
 template <typename Table>
 int with_table_name(char *text, char **end, Table *(*find_or_create)(const char *), Table **out) {
-  char *name = skip_spaces(text);
-  char *stop = word_end(name);
+  char *name = dp::skip_spaces(text);
+  char *stop = dp::word_end(name);
   const char separator = *stop;
   *stop = '\0';
   *out = find_or_create(name);
@@ -230,7 +210,7 @@ int handle_ipdsttab(char *text, char **end, nuv_clfy *rule) {
 
 int handle_ip_version(char *text, char **end, nuv_clfy *rule) {
   std::uint8_t version = 0;
-  if (parse_u8(skip_equals(text), end, &version) < 0) return -1;
+  if (parse_u8(dp::skip_equals(text), end, &version) < 0) return -1;
   if (version != 4 && version != 6) return -1;
   rule->ip_version = version;
   rule->flags |= NUV_CLFY_F_IP_VERSION;
@@ -240,7 +220,7 @@ int handle_ip_version(char *text, char **end, nuv_clfy *rule) {
 // Only one protocol is taken: a comma ends the name like a space does, and
 // parsing goes on right behind it.
 int handle_ip_proto(char *text, char **end, nuv_clfy *rule) {
-  char *name = skip_equals(text);
+  char *name = dp::skip_equals(text);
   char *stop = name;
   while (*stop && *stop != ' ' && *stop != ',') ++stop;
   if (*stop) *stop++ = '\0';
@@ -255,8 +235,8 @@ int handle_ip_proto(char *text, char **end, nuv_clfy *rule) {
 // "value", "value/mask" or "value mask".
 template <typename T, typename Parse>
 int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_mask, Parse parse) {
-  if (parse(skip_equals(text), end, value) < 0) return -1;
-  char *p = skip_spaces(*end);
+  if (parse(dp::skip_equals(text), end, value) < 0) return -1;
+  char *p = dp::skip_spaces(*end);
   if (*p == '/') return parse(p + 1, end, mask) < 0 ? -1 : 0;
   if (is_digit(*p)) return parse(p, end, mask) < 0 ? -1 : 0;
   *mask = default_mask;
@@ -294,7 +274,7 @@ bool reads_as_ipv4(const char *p) {
 // one.  The IPv6 form takes the first "/" of the rest of the line as its
 // length separator, and without one the rest of the line as the address.
 int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *prefixlen, std::uint8_t *family) {
-  char *p = skip_equals(text);
+  char *p = dp::skip_equals(text);
   if (reads_as_ipv4(p)) {
     std::uint32_t address = 0, mask = 0;
     if (parse_prefix(p, end, &address, &mask) < 0) return -1;
@@ -340,7 +320,7 @@ int handle_ports(char *text, char **end, nuv_clfy *rule) {
 }
 
 int handle_icmp_type(char *text, char **end, nuv_clfy *rule) {
-  if (parse_u8(skip_equals(text), end, &rule->icmp_type) < 0) return -1;
+  if (parse_u8(dp::skip_equals(text), end, &rule->icmp_type) < 0) return -1;
   rule->flags |= NUV_CLFY_F_ICMP_TYPE;
   return 0;
 }
@@ -360,7 +340,7 @@ int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser
   char *pattern_end = text;
   const int length = parse(text, &pattern_end, &match);
   if (length < 0) return length;
-  char *table = skip_spaces(pattern_end);
+  char *table = dp::skip_spaces(pattern_end);
   char *table_end = table;
   while (is_keyword_char(*table_end)) ++table_end;
   if (table_end == table) return kDhcpMissingTable;
@@ -399,8 +379,8 @@ int handle_dhcpheader(char *text, char **end, nuv_clfy *rule) {
 // packetmatch pattern both apply and become part of the pattern.  Rule sets
 // in the field are written with packetmatch last, relying on that.
 int handle_packetmatch(char *text, char **end, nuv_clfy *rule) {
-  char *pattern = skip_spaces(text);
-  *end = word_end(pattern);
+  char *pattern = dp::skip_spaces(text);
+  *end = dp::word_end(pattern);
   return nuv_clfy_add_packetmatch(rule, pattern);
 }
 
@@ -484,7 +464,7 @@ extern "C" int nuv_clfy_parse(const char *text, nuv_clfy **result) {
   char line[kLineBuffer];
   std::memcpy(line, text, length + 1);
   // A handler may stop in front of the next keyword; no blank is needed there.
-  for (char *p = skip_spaces(line); *p; p = skip_spaces(p)) {
+  for (char *p = dp::skip_spaces(line); *p; p = dp::skip_spaces(p)) {
     p = parse_condition(p, rule);
     if (!p) {
       nuv_clfy_free(rule);

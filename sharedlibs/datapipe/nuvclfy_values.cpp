@@ -5,6 +5,7 @@
 
 #include "dp_bytes.h"
 #include "dp_number.h"
+#include "dp_text.h"
 #include "nuvaddr.h"
 #include "nuvaddr_priv.h"
 #include "nuvclfy.h"
@@ -30,21 +31,6 @@ int parse_number(const char *text, char **end, std::uint32_t mask, std::uint32_t
 
 // ---------------------------------------------------------------------------
 // IPv4
-
-const char *skip_spaces(const char *p) {
-  while (*p == ' ') ++p;
-  return p;
-}
-
-// Spaces, then an optional "=" or "==", then spaces.
-const char *skip_equals(const char *p) {
-  p = skip_spaces(p);
-  if (*p == '=') {
-    ++p;
-    if (*p == '=') ++p;
-  }
-  return skip_spaces(p);
-}
 
 // One component of a dotted address: -1 without a leading digit, -2 above 255.
 int read_ip_component(const char *&p, std::uint32_t *value) {
@@ -152,16 +138,16 @@ int parse_ipaddr(const char *text, char **end, uint32_t *out) {
 }
 
 int parse_prefix(const char *text, char **end, uint32_t *addr, uint32_t *mask) {
-  const char *p = skip_equals(text);
+  const char *p = dp::skip_equals(text);
   char *after;
   std::uint32_t host_addr;
   if (parse_ipaddr(p, &after, &host_addr) != 0) return -1;
   *addr = dp::host_to_net32(host_addr);
-  return read_prefix_mask(skip_spaces(after), end, mask);
+  return read_prefix_mask(dp::skip_spaces(after), end, mask);
 }
 
 int parse_prefix6(char *text, char **end, uint8_t *addr16, uint8_t *prefixlen) {
-  char *p = const_cast<char *>(skip_equals(text));
+  char *p = const_cast<char *>(dp::skip_equals(text));
   auto *addr = reinterpret_cast<struct in6_addr *>(addr16);
   char *slash = std::strchr(p, '/');
   if (slash != nullptr) {

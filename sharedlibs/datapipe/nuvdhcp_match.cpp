@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include "dp_scratch.h"
+#include "dp_text.h"
 #include "nuvclfy.h"
 #include "nuvcsock.h"
 #include "nuvdhcp.h"
@@ -20,16 +21,6 @@ constexpr std::uint32_t kClientIdEthernetBytes = 7;  // hardware type + 6 addres
 constexpr std::uint32_t kAddressBytes = 4;
 
 constexpr bool is_vendor_code(std::uint8_t code) { return code == 124 || code == 125; }
-
-const char *skip_spaces(const char *p) {
-  while (*p == ' ') ++p;
-  return p;
-}
-
-const char *word_end(const char *p) {
-  while (*p != '\0' && *p != ' ') ++p;
-  return p;
-}
 
 // The number readers take a non-const end pointer, like strtoul.
 int read_u8(const char *text, const char **end, std::uint8_t *out) {
@@ -126,7 +117,7 @@ extern "C" {
 
 NIKERKIOG_API int parse_dhcpoptionmatch(const char *text, char **endp, dhcp_match *match) {
   std::memset(match, 0, sizeof *match);
-  const char *p = skip_spaces(text);
+  const char *p = dp::skip_spaces(text);
   const char *end = nullptr;
   if (read_u8(p, &end, &match->code) != 0 || match->code == 0) return -2;
   p = end;
@@ -136,8 +127,8 @@ NIKERKIOG_API int parse_dhcpoptionmatch(const char *text, char **endp, dhcp_matc
     if (rc != 0) return rc;
   }
   // The pattern may follow the number directly ("12abc"); that is accepted.
-  const char *pattern = skip_spaces(p);
-  const char *pattern_end = word_end(pattern);
+  const char *pattern = dp::skip_spaces(p);
+  const char *pattern_end = dp::word_end(pattern);
   match->pattern = pattern;
   *endp = const_cast<char *>(pattern_end);
   return static_cast<int>(pattern_end - pattern);
@@ -145,8 +136,8 @@ NIKERKIOG_API int parse_dhcpoptionmatch(const char *text, char **endp, dhcp_matc
 
 NIKERKIOG_API int parse_dhcpheadermatch(char *text, char **endp, dhcp_match *match) {
   std::memset(match, 0, sizeof *match);
-  char *name = const_cast<char *>(skip_spaces(text));
-  char *separator = const_cast<char *>(word_end(name));
+  char *name = const_cast<char *>(dp::skip_spaces(text));
+  char *separator = const_cast<char *>(dp::word_end(name));
   if (*separator == '\0') return -1;
   const char saved = *separator;
   *separator = '\0';
@@ -154,8 +145,8 @@ NIKERKIOG_API int parse_dhcpheadermatch(char *text, char **endp, dhcp_match *mat
   // An unknown name leaves its terminating NUL in the text.
   if (index < 0) return -2;
   *separator = saved;
-  const char *pattern = skip_spaces(separator);
-  const char *pattern_end = word_end(pattern);
+  const char *pattern = dp::skip_spaces(separator);
+  const char *pattern_end = dp::word_end(pattern);
   match->sub = static_cast<std::uint8_t>(index);
   match->pattern = pattern;
   *endp = const_cast<char *>(pattern_end);

@@ -7,6 +7,7 @@
 
 #include "dp_number.h"
 #include "dp_scratch.h"
+#include "dp_text.h"
 #include "dp_textring.h"
 #include "dp_textwriter.h"
 #include "nuvclfy.h"
@@ -31,12 +32,6 @@ constexpr std::size_t kMaxEntries = 0xffff;
 constexpr std::size_t kWordSize = 32;
 
 constexpr std::uint16_t kAllPorts = 0xffff;
-
-// In these lines only the space separates words.
-const char *skip_blanks(const char *p) {
-  while (*p == ' ') ++p;
-  return p;
-}
 
 // One port of a forward rule list: the number's low 16 bits, which must not
 // be 0 ("65536" is refused, "70000" is port 4464).
@@ -74,10 +69,10 @@ int parse_port_list(ip6_forwardrule *block, std::uint8_t proto, const char *list
     std::uint16_t hi = 0;
     if (!read_list_port(p, &p, &lo)) return -1;
     hi = lo;
-    p = skip_blanks(p);
+    p = dp::skip_spaces(p);
     if (*p == '-') {
       if (!read_list_port(p + 1, &p, &hi)) return -1;
-      p = skip_blanks(p);
+      p = dp::skip_spaces(p);
       if (lo > hi) {
         std::uint16_t swap = lo;
         lo = hi;
@@ -149,7 +144,7 @@ void append_range_ports(dp::TextWriter &out, const ip6_portrange &range) {
 // Fields of a port range after the protocol word: ports, then up to two
 // words before a "#" (scope and "mark").
 void parse_range_ports(const char **cursor, ip6_portrange *range) {
-  const char *p = skip_blanks(*cursor);
+  const char *p = dp::skip_spaces(*cursor);
   char *end = nullptr;
   std::uint16_t port = 0;
   if (parse_ushort(p, &end, &port) != 0) {
@@ -158,9 +153,9 @@ void parse_range_ports(const char **cursor, ip6_portrange *range) {
   } else {
     range->port_lo = port;
     range->port_hi = port;
-    p = skip_blanks(end);
+    p = dp::skip_spaces(end);
     if (*p == '-') {
-      p = skip_blanks(p + 1);
+      p = dp::skip_spaces(p + 1);
       // A bad upper bound is passed over; the range keeps its single port.
       if (parse_ushort(p, &end, &port) == 0) {
         range->port_hi = port;
@@ -180,7 +175,7 @@ void parse_range_ports(const char **cursor, ip6_portrange *range) {
 // Reads the next word unless the line ends or a comment starts; `word` is
 // then the empty text.  -2 when the word is too long.
 int next_range_word(const char **cursor, char (&word)[kWordSize]) {
-  const char *p = skip_blanks(*cursor);
+  const char *p = dp::skip_spaces(*cursor);
   word[0] = '\0';
   *cursor = p;
   if (*p == '#' || *p == '\0') return 0;
@@ -229,7 +224,7 @@ int parse_range_words(const char **cursor, ip6_portrange *range) {
 void find_range_comment(const char *from, ip6_portrange *range) {
   range->comment = nullptr;
   const char *hash = std::strchr(from, '#');
-  if (hash) range->comment = skip_blanks(hash + 1);
+  if (hash) range->comment = dp::skip_spaces(hash + 1);
 }
 
 // PCP handling words, indexed by value.
@@ -250,7 +245,7 @@ ip6_forwardrule *ip6_forwardrule_init(void *block, size_t size) {
 }
 
 int ip6_forwardrule_parse(ip6_forwardrule *block, const char *line) {
-  const char *start = skip_blanks(line);
+  const char *start = dp::skip_spaces(line);
   if (*start == '#') return 0;
   dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
   if (!scratch) return -1;
@@ -287,11 +282,11 @@ const char *ip6_forwardrule2str(const ip6_forwardrule *block) {
 int ip6_portrange_parse(const char *text, ip6_portrange *range) {
   range->scope = IP6_PORTRANGE_SCOPE_NONE;
   range->mark = 0;
-  const char *p = skip_blanks(text);
+  const char *p = dp::skip_spaces(text);
   range->enabled = 1;
   if (*p == '#') {
     range->enabled = 0;
-    p = skip_blanks(p + 1);
+    p = dp::skip_spaces(p + 1);
   }
   char word[kWordSize];
   char *end = nullptr;

@@ -8,6 +8,7 @@
 #include "dp_bytes.h"
 #include "dp_number.h"
 #include "dp_scratch.h"
+#include "dp_text.h"
 #include "dp_textwriter.h"
 #include "nuvaddr.h"
 #include "nuvrules.h"
@@ -189,9 +190,7 @@ int parse_masq_words(WordCursor &cursor, ipmasqfwrule *rule, ipmasqfwruleex *ext
 void find_comment(ipmasqfwruleex *ext, const char *from) {
   const char *hash = std::strchr(from, '#');
   if (!hash) return;
-  ++hash;
-  while (*hash == ' ') ++hash;
-  ext->comment = hash;
+  ext->comment = dp::skip_spaces(hash + 1);
 }
 
 // The parser behind both forms; `ext` is null for the plain one.
