@@ -168,11 +168,7 @@ Ipv6Upper ipv6_upper(Bytes packet) {
 }
 
 // Recomputes the upper-layer checksum on a copy and compares it with the packet's.
-std::string ipv6_transport_verdict(Bytes ip) {
-  std::size_t total = kIpv6Header + be16(&ip[4]);
-  if (total > ip.size()) return "truncated";
-  Bytes packet = ip.first(total);
-  Ipv6Upper u = ipv6_upper(packet);
+std::string ipv6_transport_verdict(Bytes packet, const Ipv6Upper &u) {
   if (u.offset == 0) return "truncated";
   if (u.fragment) return "fragment";
   std::size_t field;
@@ -195,6 +191,21 @@ std::string ipv6_transport_verdict(Bytes ip) {
   return std::memcmp(&copy[u.offset + field], &packet[u.offset + field], 2) == 0 ? "ok" : "bad";
 }
 
+// Adds the upper-layer checksum verdict of a complete IPv6 packet, named
+// after its transport ("l4" when the chain does not say).
+void add_ipv6_transport_verdict(Bytes ip, FrameReport &r) {
+  std::size_t total = kIpv6Header + be16(&ip[4]);
+  Ipv6Upper u;
+  std::string verdict = "truncated";
+  if (total <= ip.size()) {
+    u = ipv6_upper(ip.first(total));
+    verdict = ipv6_transport_verdict(ip.first(total), u);
+  }
+  if (verdict.empty()) return;
+  const char *name = transport_name(u.proto);
+  r.checksums.emplace_back(name ? name : "l4", verdict);
+}
+
 void describe_ipv6(Bytes ip, FrameReport &r) {
   if (ip.size() < kIpv6Header) {
     r.problem = truncated("IPv6 header", kIpv6Header, ip.size());
@@ -206,13 +217,7 @@ void describe_ipv6(Bytes ip, FrameReport &r) {
     return;
   }
   r.description = ip6h2str(ip.data());
-  std::string verdict = ipv6_transport_verdict(ip);
-  if (!verdict.empty()) {
-    std::size_t total = kIpv6Header + be16(&ip[4]);
-    Ipv6Upper u = total <= ip.size() ? ipv6_upper(ip.first(total)) : Ipv6Upper{};
-    const char *name = transport_name(u.proto);
-    r.checksums.emplace_back(name ? name : "l4", verdict);
-  }
+  add_ipv6_transport_verdict(ip, r);
 }
 
 }  // namespace
