@@ -27,14 +27,7 @@ namespace {
 
 // ---- Captured packets ----
 
-std::string captures_dir() {
-  if (const char *dir = std::getenv("NIKERKIOG_SHARED_DIR")) return std::string(dir) + "/captures/";
-#ifdef NIKERKIOG_SHARED_DIR
-  return std::string(NIKERKIOG_SHARED_DIR) + "/captures/";
-#else
-  return "../shared/captures/";
-#endif
-}
+std::string captures_dir() { return NIKERKIOG_CAPTURES_DIR "/"; }
 
 const char *const kCaptures[] = {"ipv4_tcp_http_xml.pcap", "dns_udp.pcap",         "dhcp-rfc3004.pcap",
                                  "icmpv6.pcap",            "tcp-handshake-nano.pcap", "ipv6-routing-header.pcap",

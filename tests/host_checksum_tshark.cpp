@@ -45,7 +45,7 @@ std::vector<std::string> split(const std::string &line, char sep) {
 }
 
 std::map<std::size_t, Verdicts> tshark_verdicts(const std::string &capture) {
-  const std::string cmd = "tshark -r '" + testsupport::shared_path("captures/" + capture) +
+  const std::string cmd = "tshark -r '" + testsupport::data_path("captures/" + capture) +
                           "' -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE"
                           " -T fields -E separator='|' -e frame.number -e ip.checksum.status"
                           " -e tcp.checksum.status -e udp.checksum.status -e icmp.checksum.status"
@@ -168,7 +168,7 @@ TEST(ChecksumsAgainstTshark, EveryCapturedIpPacket) {
   Counts n;
   for (const std::string &name : testsupport::capture_names()) {
     const auto verdicts = tshark_verdicts(name);
-    const testsupport::Capture capture = testsupport::read_pcap(testsupport::shared_path("captures/" + name));
+    const testsupport::Capture capture = testsupport::read_pcap(testsupport::data_path("captures/" + name));
     for (const auto &packet : capture.packets) {
       const auto layer = capture.link_type == kLinkLoopback ? loopback_layer(packet)
                                                             : testsupport::find_network_layer(capture, packet);

@@ -35,7 +35,7 @@ std::vector<std::string> split(const std::string &line, char sep) {
 std::string first_of(const std::string &cell) { return cell.substr(0, cell.find(',')); }
 
 std::vector<TsharkFrame> tshark_frames(const std::string &capture) {
-  const std::string cmd = "tshark -r '" + testsupport::shared_path("captures/" + capture) +
+  const std::string cmd = "tshark -r '" + testsupport::data_path("captures/" + capture) +
                           "' -T fields -E separator='|' -e eth.src -e ip.dst -e ipv6.dst 2>/dev/null";
   std::vector<TsharkFrame> frames;
   std::istringstream lines(testsupport::run_command(cmd));
@@ -93,7 +93,7 @@ class ClfyTablesOnCaptures : public ::testing::TestWithParam<std::string> {
 }  // namespace
 
 TEST_P(ClfyTablesOnCaptures, SourceTableHoldsEachDistinctSourceOnceInOrder) {
-  const testsupport::Capture capture = testsupport::read_pcap(testsupport::shared_path("captures/" + GetParam()));
+  const testsupport::Capture capture = testsupport::read_pcap(testsupport::data_path("captures/" + GetParam()));
   if (capture.link_type != testsupport::kLinkEthernet) GTEST_SKIP() << "no Ethernet header";
   std::vector<std::string> expected;
   for (const TsharkFrame &frame : tshark_frames(GetParam())) append_distinct(expected, frame.eth_src);
@@ -109,7 +109,7 @@ TEST_P(ClfyTablesOnCaptures, SourceTableHoldsEachDistinctSourceOnceInOrder) {
 }
 
 TEST_P(ClfyTablesOnCaptures, DestinationTableHoldsEachDistinctDestinationOnceInOrder) {
-  const testsupport::Capture capture = testsupport::read_pcap(testsupport::shared_path("captures/" + GetParam()));
+  const testsupport::Capture capture = testsupport::read_pcap(testsupport::data_path("captures/" + GetParam()));
   std::vector<std::string> expected;
   for (const TsharkFrame &frame : tshark_frames(GetParam())) append_distinct(expected, frame.ip_dst);
   for (const auto &packet : capture.packets) {

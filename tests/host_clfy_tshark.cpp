@@ -32,7 +32,7 @@ int number_or(const std::string &text, int fallback) {
 std::string first(const std::string &text) { return text.substr(0, text.find(',')); }
 
 std::map<std::size_t, Dissected> dissect(const std::string &capture) {
-  const std::string command = "tshark -r '" + testsupport::shared_path("captures/" + capture) +
+  const std::string command = "tshark -r '" + testsupport::data_path("captures/" + capture) +
                               "' -T fields -E separator=/t -e frame.number -e ip.src -e ip.dst -e ip.proto "
                               "-e ipv6.src -e ipv6.dst -e ipv6.nxt -e tcp.srcport -e tcp.dstport -e udp.srcport "
                               "-e udp.dstport -e icmpv6.type 2>/dev/null";
@@ -76,7 +76,7 @@ TEST(ClfyAgainstTshark, AddressesProtocolsPortsAndIcmpv6Types) {
   if (!testsupport::have_program("tshark")) GTEST_SKIP() << "tshark is not installed";
   int checked = 0;
   for (const std::string &name : testsupport::capture_names()) {
-    const testsupport::Capture capture = testsupport::read_pcap(testsupport::shared_path("captures/" + name));
+    const testsupport::Capture capture = testsupport::read_pcap(testsupport::data_path("captures/" + name));
     const auto dissected = dissect(name);
     for (const auto &packet : capture.packets) {
       const testsupport::NetworkLayer layer = testsupport::find_network_layer(capture, packet);

@@ -27,7 +27,7 @@ struct DhcpMessage {
 // BOOTP messages: UDP to or from port 67 or 68 over IPv4.
 std::vector<DhcpMessage> captured_dhcp_messages(const std::string &name) {
   std::vector<DhcpMessage> out;
-  testsupport::Capture capture = testsupport::read_pcap(testsupport::shared_path("captures/" + name));
+  testsupport::Capture capture = testsupport::read_pcap(testsupport::data_path("captures/" + name));
   for (const testsupport::CapturedPacket &packet : capture.packets) {
     testsupport::NetworkLayer layer = testsupport::find_network_layer(capture, packet);
     if (!layer.found || layer.ethertype != 0x0800) continue;
@@ -51,7 +51,7 @@ std::vector<DhcpMessage> captured_dhcp_messages(const std::string &name) {
 std::map<std::size_t, std::vector<Bytes>> tshark_options(const std::string &name) {
   std::map<std::size_t, std::vector<Bytes>> out;
   const std::string pdml = testsupport::run_command(
-      "tshark -r '" + testsupport::shared_path("captures/" + name) + "' -d udp.port==67,dhcp -T pdml 2>/dev/null");
+      "tshark -r '" + testsupport::data_path("captures/" + name) + "' -d udp.port==67,dhcp -T pdml 2>/dev/null");
   static const std::regex frame_re(R"re(<field name="num" [^>]*show="(\d+)")re");
   static const std::regex option_re(R"re(<field name="dhcp\.option\.type" [^>]*value="([0-9a-f]*)")re");
   std::size_t frame = 0;

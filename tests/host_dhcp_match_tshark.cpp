@@ -120,7 +120,7 @@ std::optional<std::string> option_text(std::uint8_t code, const Bytes &v) {
 TEST(HostDhcpMatch, CapturedHeaderFieldsMatchTsharksDecoding) {
   if (!have_tshark()) GTEST_SKIP() << "tshark not installed";
   for (const std::string name : {"dhcp-mud.pcap", "dhcp-option-33.pcap", "dhcp-rfc3004.pcap", "dhcp-rfc5859.pcap"}) {
-    const std::string path = testsupport::shared_path("captures/" + name);
+    const std::string path = testsupport::data_path("captures/" + name);
     const auto rows = tshark_fields(path, {"dhcp.type", "dhcp.hw.type", "dhcp.hw.len", "dhcp.hops", "dhcp.id",
                                            "dhcp.secs", "dhcp.flags", "dhcp.ip.client", "dhcp.ip.your",
                                            "dhcp.ip.server", "dhcp.ip.relay", "dhcp.hw.mac_addr"});
@@ -163,7 +163,7 @@ TEST(HostDhcpMatch, CapturedOptionsMatchTsharksDecoding) {
   if (!have_tshark()) GTEST_SKIP() << "tshark not installed";
   int checked = 0;
   for (const std::string name : {"dhcp-mud.pcap", "dhcp-option-33.pcap", "dhcp-rfc3004.pcap", "dhcp-rfc5859.pcap"}) {
-    const std::string path = testsupport::shared_path("captures/" + name);
+    const std::string path = testsupport::data_path("captures/" + name);
     const auto rows = tshark_fields(path, {"dhcp.option.type", "dhcp.option.value"});
     const auto messages = captured_messages(path);
     ASSERT_EQ(rows.size(), messages.size()) << name;

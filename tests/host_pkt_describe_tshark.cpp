@@ -44,7 +44,7 @@ using Row = std::map<std::string, std::string>;
 
 // tshark's reading of every frame of a capture, by frame number.
 std::map<std::size_t, Row> tshark_rows(const std::string &capture) {
-  std::string cmd = "tshark -r '" + testsupport::shared_path("captures/" + capture) +
+  std::string cmd = "tshark -r '" + testsupport::data_path("captures/" + capture) +
                     "' -o ip.defragment:FALSE -o ipv6.defragment:FALSE -T fields -E separator='|'";
   for (const char *f : kFields) cmd += std::string(" -e ") + f;
   cmd += " 2>/dev/null";
@@ -65,7 +65,7 @@ std::map<std::size_t, Row> tshark_rows(const std::string &capture) {
 // exceptions written out here independently.
 std::map<int, std::string> registry_names() {
   std::map<int, std::string> names;
-  std::istringstream in(testsupport::read_text_file(testsupport::shared_path("iana-protocol-numbers.csv")));
+  std::istringstream in(testsupport::read_text_file(testsupport::data_path("iana-protocol-numbers.csv")));
   std::string line;
   while (std::getline(in, line)) {
     if (line.empty() || line[0] == '#') continue;

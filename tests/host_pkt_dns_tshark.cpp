@@ -142,13 +142,13 @@ class DnsPredicatesAgainstTshark : public ::testing::Test {
 };
 
 TEST_F(DnsPredicatesAgainstTshark, CapturedDnsUdpTrafficAgrees) {
-  Checked n = compare_with_tshark(testsupport::shared_path("captures/dns_udp.pcap"));
+  Checked n = compare_with_tshark(testsupport::data_path("captures/dns_udp.pcap"));
   EXPECT_EQ(n.packets, 2u);
   EXPECT_EQ(n.replies, 1u);
 }
 
 TEST_F(DnsPredicatesAgainstTshark, CapturedCookieExchangeAgrees) {
-  Checked n = compare_with_tshark(testsupport::shared_path("captures/dns-badcookie.pcap"));
+  Checked n = compare_with_tshark(testsupport::data_path("captures/dns-badcookie.pcap"));
   EXPECT_EQ(n.packets, 4u);
   EXPECT_EQ(n.replies, 2u);
 }

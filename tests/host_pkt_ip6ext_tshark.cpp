@@ -42,7 +42,7 @@ struct TsharkChain {
 };
 
 std::map<std::size_t, TsharkChain> tshark_chains(const std::string &capture) {
-  std::string cmd = "tshark -r '" + testsupport::shared_path("captures/" + capture) +
+  std::string cmd = "tshark -r '" + testsupport::data_path("captures/" + capture) +
                     "' -o ipv6.defragment:FALSE -T fields -E separator='|' -E occurrence=a";
   for (const char *f : kFields) cmd += std::string(" -e ") + f;
   cmd += " 2>/dev/null";

@@ -20,7 +20,7 @@ using testsupport::DhcpTestMemops;
 // The DHCP message (UDP payload) of a captured frame, in a buffer of its
 // length plus the one byte after it that option parsing may look at.
 Bytes captured_message(const std::string &capture, std::size_t frame) {
-  const auto cap = testsupport::read_pcap(testsupport::shared_path("captures/" + capture));
+  const auto cap = testsupport::read_pcap(testsupport::data_path("captures/" + capture));
   if (frame == 0 || frame > cap.packets.size()) {
     ADD_FAILURE() << capture << " has no frame " << frame;
     return Bytes(241, 0);

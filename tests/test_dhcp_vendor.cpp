@@ -504,7 +504,7 @@ struct CapturedMessage {
 };
 
 CapturedMessage captured_message(const std::string &capture, std::size_t frame) {
-  const auto cap = testsupport::read_pcap(testsupport::shared_path("captures/" + capture));
+  const auto cap = testsupport::read_pcap(testsupport::data_path("captures/" + capture));
   CapturedMessage m;
   if (frame == 0 || frame > cap.packets.size()) {
     ADD_FAILURE() << capture << " has no frame " << frame;

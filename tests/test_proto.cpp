@@ -19,7 +19,7 @@ namespace {
 // (ranges such as "146-252" are skipped).  Reads the CSV itself.
 std::map<int, std::string> registry_keywords() {
   std::map<int, std::string> rows;
-  std::istringstream in(testsupport::read_text_file(testsupport::shared_path("iana-protocol-numbers.csv")));
+  std::istringstream in(testsupport::read_text_file(testsupport::data_path("iana-protocol-numbers.csv")));
   std::string line;
   while (std::getline(in, line)) {
     if (line.empty() || line[0] == '#') continue;

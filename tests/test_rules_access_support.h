@@ -124,7 +124,7 @@ inline Parsed parse(std::string_view text) {
 // Protocol keywords of the IANA registry by number (rows without a keyword
 // hold the empty text; ranges of unassigned numbers are left out).
 inline std::map<int, std::string> iana_keywords() {
-  std::istringstream in(testsupport::read_text_file(testsupport::shared_path("iana-protocol-numbers.csv")));
+  std::istringstream in(testsupport::read_text_file(testsupport::data_path("iana-protocol-numbers.csv")));
   std::map<int, std::string> keywords;
   std::string line;
   while (std::getline(in, line)) {

@@ -70,7 +70,7 @@ struct RegistryRow {
 // Rows 0..139 of the IANA registry that have a keyword.
 std::vector<RegistryRow> registry_rows() {
   std::vector<RegistryRow> rows;
-  std::ifstream in(testsupport::shared_path("iana-protocol-numbers.csv"));
+  std::ifstream in(testsupport::data_path("iana-protocol-numbers.csv"));
   EXPECT_TRUE(in.good());
   std::string line;
   while (std::getline(in, line)) {

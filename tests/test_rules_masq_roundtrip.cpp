@@ -40,7 +40,7 @@ class ExactText {
 // (a keyword without blanks, not one of the irregular rows).
 std::map<int, std::string> readable_protocol_names() {
   std::map<int, std::string> names;
-  std::ifstream in(testsupport::shared_path("iana-protocol-numbers.csv"));
+  std::ifstream in(testsupport::data_path("iana-protocol-numbers.csv"));
   EXPECT_TRUE(in.good());
   std::string line;
   while (std::getline(in, line)) {

@@ -8,13 +8,17 @@
 #include <dirent.h>
 #include <fstream>
 #include <sstream>
+#include <unistd.h>
 
 #include "nuvcsock_test.h"
 
 namespace testsupport {
 
-std::string shared_path(std::string_view relative) {
-  return std::string(NIKERKIOG_SHARED_DIR) + "/" + std::string(relative);
+std::string data_path(std::string_view relative) {
+  std::string path = std::string(NIKERKIOG_DATA_DIR) + "/" + std::string(relative);
+  EXPECT_EQ(access(path.c_str(), R_OK), 0) << "test data missing: " << path
+                                           << " (the repository's tests/data/ should hold it)";
+  return path;
 }
 
 std::string source_path(std::string_view relative) {
@@ -163,7 +167,7 @@ NetworkLayer find_network_layer(const Capture &capture, const CapturedPacket &pa
 
 std::vector<std::string> capture_names() {
   std::vector<std::string> names;
-  std::string dir = shared_path("captures");
+  std::string dir = data_path("captures");
   if (DIR *dp = opendir(dir.c_str())) {
     while (dirent *e = readdir(dp)) {
       std::string n = e->d_name;
@@ -180,7 +184,7 @@ std::vector<std::string> capture_names() {
 std::vector<IpPacket> all_captured_ip_packets() {
   std::vector<IpPacket> out;
   for (const auto &name : capture_names()) {
-    Capture c = read_pcap(shared_path("captures/" + name));
+    Capture c = read_pcap(data_path("captures/" + name));
     for (const auto &pkt : c.packets) {
       NetworkLayer l = find_network_layer(c, pkt);
       if (!l.found || (l.ethertype != 0x0800 && l.ethertype != 0x86DD)) continue;

@@ -13,8 +13,10 @@ namespace testsupport {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Path of a file in the shared reference data (captures, IANA registry, ...).
-std::string shared_path(std::string_view relative);
+// Path of a file in the repository's test data (tests/data/: captures, the
+// IANA registry, rule files).  A missing file fails the current test with a
+// message naming it.
+std::string data_path(std::string_view relative);
 // Path of a file in the source tree (tests/data/..., examples/...).
 std::string source_path(std::string_view relative);
 // Whole contents of a file as text; fails the current test when unreadable.

@@ -10,7 +10,7 @@
 #include "testsupport.h"
 
 using testsupport::run_command;
-using testsupport::shared_path;
+using testsupport::data_path;
 
 namespace {
 
@@ -35,7 +35,7 @@ std::vector<std::string> verdicts(const std::string &out) {
   return lines;
 }
 
-std::string capture(const char *name) { return shared_path(std::string("captures/") + name); }
+std::string capture(const char *name) { return data_path(std::string("captures/") + name); }
 
 }  // namespace
 
@@ -99,7 +99,7 @@ TEST(Classify, DevConditionsHoldOnlyForTheInterfaceNamed) {
 TEST(Classify, OptimisedSetGivesTheSameVerdictsOnEveryCapture) {
   std::string rules = testsupport::source_path("examples/rules.txt");
   for (const auto &name : testsupport::capture_names()) {
-    std::string file = shared_path("captures/" + name);
+    std::string file = data_path("captures/" + name);
     EXPECT_EQ(verdicts(classify(rules + " " + file)), verdicts(classify("--optimise " + rules + " " + file))) << name;
   }
 }

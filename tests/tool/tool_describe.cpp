@@ -13,7 +13,7 @@
 #include "testsupport.h"
 
 using testsupport::run_command;
-using testsupport::shared_path;
+using testsupport::data_path;
 
 namespace {
 
@@ -74,7 +74,7 @@ std::string verdict_in_line(const std::string &line, const std::string &layer) {
 
 TEST_F(DescribeWithTshark, PrintsOneNumberedLinePerFrame) {
   for (const auto &name : testsupport::capture_names()) {
-    std::string capture = shared_path("captures/" + name);
+    std::string capture = data_path("captures/" + name);
     auto frames = tshark_fields(capture, "-T fields -e frame.number");
     auto lines = lines_of(describe(capture));
     ASSERT_EQ(lines.size(), frames.size()) << name;
@@ -83,7 +83,7 @@ TEST_F(DescribeWithTshark, PrintsOneNumberedLinePerFrame) {
 }
 
 TEST_F(DescribeWithTshark, UdpLinesNameTheAddressesAndPortsTsharkDecodes) {
-  std::string capture = shared_path("captures/dns_udp.pcap");
+  std::string capture = data_path("captures/dns_udp.pcap");
   auto rows = tshark_fields(capture, "-T fields -e ip.src -e udp.srcport -e ip.dst -e udp.dstport");
   auto lines = lines_of(describe(capture));
   ASSERT_EQ(lines.size(), rows.size());
@@ -101,7 +101,7 @@ TEST_F(DescribeWithTshark, ChecksumVerdictsAgreeWithTsharkValidation) {
   const char *layers[] = {"ip", "tcp", "udp", "icmp"};
   int compared = 0;
   for (const auto &name : testsupport::capture_names()) {
-    std::string capture = shared_path("captures/" + name);
+    std::string capture = data_path("captures/" + name);
     auto rows = tshark_fields(capture, options);
     auto lines = lines_of(describe(capture));
     ASSERT_EQ(lines.size(), rows.size()) << name;
@@ -122,7 +122,7 @@ TEST_F(DescribeWithTshark, ChecksumVerdictsAgreeWithTsharkValidation) {
 
 TEST_F(DescribeWithTshark, VlanIdsOfStackedTagsAreShownOuterFirst) {
   // tshark names the outer 802.1ad service tag and the inner 802.1Q tag apart.
-  std::string capture = shared_path("captures/802.1ad_QinQ.pcap");
+  std::string capture = data_path("captures/802.1ad_QinQ.pcap");
   auto rows = tshark_fields(capture, "-T fields -e ieee8021ad.id -e vlan.id");
   auto lines = lines_of(describe(capture));
   ASSERT_EQ(lines.size(), rows.size());
@@ -134,7 +134,7 @@ TEST_F(DescribeWithTshark, VlanIdsOfStackedTagsAreShownOuterFirst) {
 }
 
 TEST_F(DescribeWithTshark, PcapngFileDescribesLikeThePcapItWasMadeFrom) {
-  std::string pcap = shared_path("captures/dns_udp.pcap");
+  std::string pcap = data_path("captures/dns_udp.pcap");
   std::string pcapng = std::string(NIKERKIOG_BINARY_DIR) + "/dns_udp.pcapng";
   int status = -1;
   run_command("tshark -r " + pcap + " -F pcapng -w " + pcapng + " 2>/dev/null", &status);
@@ -213,14 +213,14 @@ TEST(Describe, UnreadableFileGivesAnErrorAndExitStatus2) {
 
 TEST(Describe, NonCaptureFileGivesExitStatus2AfterDescribingTheOthers) {
   int status = -1;
-  std::string out = describe(shared_path("captures/dns_udp.pcap") + " " + shared_path("iana-protocol-numbers.csv"),
+  std::string out = describe(data_path("captures/dns_udp.pcap") + " " + data_path("iana-protocol-numbers.csv"),
                              &status);
   EXPECT_EQ(status, 2);
   EXPECT_NE(out.find("UDP "), std::string::npos);
 }
 
 TEST(Describe, JsonOutputHoldsOneObjectPerFrame) {
-  std::string out = describe("--json " + shared_path("captures/dns_udp.pcap"));
+  std::string out = describe("--json " + data_path("captures/dns_udp.pcap"));
   auto reports = nlohmann::json::parse(out);
   ASSERT_TRUE(reports.is_array());
   ASSERT_EQ(reports.size(), 2u);
