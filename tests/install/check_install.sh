@@ -7,6 +7,12 @@ here=$(cd "$(dirname "$0")" && pwd)
 work=$build/install-check
 rm -rf "$work"
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
+# Only public headers are installed: no private header of the sources.
+private=$(find "$work/prefix" -name '*_priv.h' -o -name 'dp_*.h' -o -name 'faultinject.h')
+if [ -n "$private" ]; then
+  echo "private headers installed: $private" >&2
+  exit 1
+fi
 libdir=$(dirname "$(find "$work/prefix" -name nikerkiog.pc | head -n 1)")/..
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 cc -std=c99 -Wall -Wextra -Werror -o "$work/consumer-pc" "$here/consumer.c" \

@@ -5,6 +5,8 @@
 #include <string.h>
 
 #include <nikerkiog.h>
+/* The module headers are reachable as <nikerkiog/...> too. */
+#include <nikerkiog/nuvclfy.h>
 
 int main(void) {
   struct in6_addr addr;
@@ -18,6 +20,14 @@ int main(void) {
   if (strcmp(text, "2001:db8::") != 0) {
     fprintf(stderr, "ip6addr2str gave %s\n", text);
     return 1;
+  }
+  {
+    struct nuv_clfy *rule = NULL;
+    if (nuv_clfy_parse("ip.proto tcp tcp.dport 80", &rule) != 0 || rule == NULL) {
+      fprintf(stderr, "nuv_clfy_parse refused a plain rule\n");
+      return 1;
+    }
+    nuv_clfy_free(rule);
   }
   puts(text);
   return 0;
