@@ -233,7 +233,7 @@ class Capture:
         self.sock.bind(("lo", 0))
         self.frames = []
 
-    def collect(self, quiet=0.3):
+    def collect(self, quiet=1.0):
         """Reads until nothing arrived for `quiet` seconds."""
         while select.select([self.sock], [], [], quiet)[0]:
             data, address = self.sock.recvfrom(65536)
