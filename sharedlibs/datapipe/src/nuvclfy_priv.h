@@ -109,8 +109,6 @@ namespace dp::clfy {
 inline constexpr std::size_t kIfNameLimit = 17;
 // Mask of an ip.tos condition written without one: the ECN bits are ignored.
 inline constexpr std::uint8_t kTosMaskDefault = 0xfc;
-inline constexpr std::uint8_t kProtoTcp = 6;
-inline constexpr std::uint8_t kProtoUdp = 17;
 
 // Link-layer conditions that read the Ethernet header.
 inline constexpr std::uint32_t kLinkAddressConditions = NUV_CLFY_F_ETH_SOURCE | NUV_CLFY_F_ETH_DEST |

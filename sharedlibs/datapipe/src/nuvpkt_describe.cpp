@@ -6,6 +6,7 @@
 #include "dp_bytes.h"
 #include "dp_textring.h"
 #include "dp_textwriter.h"
+#include "dp_wire.h"
 #include "nuvaddr.h"
 #include "nuvpkt.h"
 #include "nuvproto.h"
@@ -249,8 +250,9 @@ struct UpperLayer {
 // The protocol number alone selects the decoder, whichever IP version
 // carries it (so ICMP inside IPv6 is still read as ICMP).
 constexpr UpperLayer kUpperLayers[] = {
-    {17, udp_line}, {6, tcp_line},    {50, esp_line},   {51, ah_line},
-    {108, ipcomp_line}, {1, icmp_line}, {58, icmp6_line}, {2, igmp_line},
+    {dp::wire::kProtoUdp, udp_line},       {dp::wire::kProtoTcp, tcp_line},   {dp::wire::kProtoEsp, esp_line},
+    {dp::wire::kProtoAuthentication, ah_line}, {dp::wire::kProtoIpComp, ipcomp_line},
+    {dp::wire::kProtoIcmp, icmp_line},     {dp::wire::kProtoIcmpv6, icmp6_line}, {dp::wire::kProtoIgmp, igmp_line},
 };
 
 const char *upper_layer_line(std::uint8_t proto, const Endpoints &e) {
@@ -276,7 +278,7 @@ const char *ipv4_fragment_line(const std::uint8_t *ip, std::uint16_t offset, con
 extern "C" {
 
 const char *iph2str(const uint8_t *packet) {
-  if ((packet[0] >> 4) == 6) return ip6h2str(packet);
+  if ((packet[0] >> 4) == dp::wire::kFamilyIpv6) return ip6h2str(packet);
   Endpoints e{};
   e.source = ipv4_text(packet + 12);
   e.destination = ipv4_text(packet + 16);
@@ -288,10 +290,10 @@ const char *iph2str(const uint8_t *packet) {
 
 const char *ip6h2str(const uint8_t *packet) {
   Endpoints e{};
-  e.source = ipv6_text(packet + 8);
-  e.destination = ipv6_text(packet + 24);
-  e.upper = packet + 40;
-  return upper_layer_line(packet[6], e);
+  e.source = ipv6_text(packet + dp::wire::kIpv6SourceOffset);
+  e.destination = ipv6_text(packet + dp::wire::kIpv6DestinationOffset);
+  e.upper = packet + dp::wire::kIpv6HeaderLength;
+  return upper_layer_line(packet[dp::wire::kIpv6NextHeaderOffset], e);
 }
 
 }  // extern "C"
