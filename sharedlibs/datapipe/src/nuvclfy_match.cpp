@@ -21,14 +21,7 @@ namespace {
 
 using dp::load_be16;
 
-using dp::wire::kEthernetAddressLength;
-using dp::wire::kIpv6DestinationOffset;
-using dp::wire::kIpv6HeaderLength;
-using dp::wire::kIpv6NextHeaderOffset;
-using dp::wire::kIpv6PayloadLengthOffset;
-using dp::wire::kIpv6SourceOffset;
-using dp::wire::kOuiLength;
-using dp::wire::kUdpHeaderLength;
+using namespace dp::wire;
 
 // The ports of a packet with a hop-by-hop header are read behind it,
 // taking it to be of the smallest size.
@@ -70,7 +63,7 @@ bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::u
 }
 
 bool addresses_hold(const nuv_clfy &rule, const std::uint8_t *eth) {
-  const std::uint8_t *source = eth + dp::wire::kEthernetSourceOffset;
+  const std::uint8_t *source = eth + kEthernetSourceOffset;
   if (rule.flags & NUV_CLFY_F_ETH_SOURCE) {
     if (std::memcmp(source, rule.eth_source, kEthernetAddressLength) != 0) return false;
   } else if ((rule.flags & NUV_CLFY_F_ETH_SOURCEOUI) && std::memcmp(source, rule.eth_source, kOuiLength) != 0) {
@@ -115,7 +108,7 @@ bool ports_hold(const nuv_clfy &rule, const Transport &t) {
 
 bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
-  if (rule.ip_proto != dp::wire::kProtoTcp || !t.has(14)) return false;
+  if (rule.ip_proto != kProtoTcp || !t.has(14)) return false;
   const std::uint16_t word = load_be16(t.at(12));
   return (word & dp::net_to_host16(rule.tcp_flags_mask)) == dp::net_to_host16(rule.tcp_flags);
 }
@@ -124,9 +117,9 @@ bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
 // transport part), at most `declared` bytes and never past the packet.
 bool payload_matches(const nuv_clfy &rule, const Transport &t, std::uint8_t proto, std::int64_t declared) {
   std::uint32_t header = 0;
-  if (proto == dp::wire::kProtoUdp) {
+  if (proto == kProtoUdp) {
     header = kUdpHeaderLength;
-  } else if (proto == dp::wire::kProtoTcp) {
+  } else if (proto == kProtoTcp) {
     if (!t.has(13)) return false;
     header = (*t.at(12) >> 4) * 4u;
   }
@@ -193,7 +186,7 @@ bool dhcp_holds(nuv_clfy &rule, const Transport &t) {
 // ---- IPv4 ----
 
 bool ipv4_address_holds(const std::uint8_t *stored, std::uint8_t family, const std::uint8_t *packet_addr) {
-  if (family != dp::wire::kFamilyIpv4) return false;
+  if (family != kFamilyIpv4) return false;
   return (dp::load_net32(packet_addr) & dp::load_net32(stored + 4)) == dp::load_net32(stored);
 }
 
@@ -228,7 +221,7 @@ bool ipv4_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
 
 bool ipv6_prefix_holds(const std::uint8_t *stored, std::uint8_t prefixlen, std::uint8_t family,
                        const std::uint8_t *packet_addr) {
-  if (family != dp::wire::kFamilyIpv6) return false;
+  if (family != kFamilyIpv6) return false;
   const unsigned bits = prefixlen > 128 ? 128u : prefixlen;
   const unsigned whole = bits / 8;
   if (std::memcmp(stored, packet_addr, whole) != 0) return false;
@@ -246,7 +239,7 @@ bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
   std::uint16_t remaining = load_be16(ip + kIpv6PayloadLengthOffset);
   std::uint32_t pos = kIpv6HeaderLength;
   while (ip6_is_ext_hdr(nh)) {
-    if (remaining < 2 || nh == dp::wire::kProtoNoNextHeader || nh == dp::wire::kProtoFragment) return true;
+    if (remaining < 2 || nh == kProtoNoNextHeader || nh == kProtoFragment) return true;
     if (pos + 2 > available) return false;
     const std::uint32_t size = (ip[pos + 1] + 1u) * 8u;
     nh = ip[pos];
@@ -260,7 +253,7 @@ bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32
   if (!extension_chain_readable(ip, available)) return false;
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
-  if (offset < 0 || nh != dp::wire::kProtoIcmpv6) return false;
+  if (offset < 0 || nh != kProtoIcmpv6) return false;
   if (offset == 0) return true;
   return static_cast<std::uint32_t>(offset) < available && ip[offset] == rule.icmp_type;
 }
@@ -270,7 +263,7 @@ bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   const std::uint32_t flags = rule.flags;
   const std::uint32_t available = packet.ip_len;
   // One hop-by-hop header is looked through for the protocol and the ports.
-  const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == dp::wire::kProtoHopByHop;
+  const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
   if (hop_by_hop && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)) && available <= kIpv6HeaderLength)
     return false;
   const std::uint8_t next_header =
@@ -304,8 +297,8 @@ bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
 bool ip_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   if (!packet.ip_header) return false;
   const std::uint16_t eth_proto = dp::net_to_host16(packet.eth_proto);
-  if (eth_proto == dp::wire::kEtherTypeIpv6) return packet.ip_len >= kIpv6HeaderLength && ipv6_holds(rule, packet);
-  if (eth_proto == dp::wire::kEtherTypeIpv4) return packet.ip_len >= dp::wire::kIpv4HeaderLength && ipv4_holds(rule, packet);
+  if (eth_proto == kEtherTypeIpv6) return packet.ip_len >= kIpv6HeaderLength && ipv6_holds(rule, packet);
+  if (eth_proto == kEtherTypeIpv4) return packet.ip_len >= kIpv4HeaderLength && ipv4_holds(rule, packet);
   return false;
 }
 

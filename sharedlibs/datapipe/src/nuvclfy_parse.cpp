@@ -5,7 +5,6 @@
 
 #include "dp_bytes.h"
 #include "dp_text.h"
-#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 #include "nuvproto.h"
@@ -212,7 +211,7 @@ int handle_ipdsttab(char *text, char **end, nuv_clfy *rule) {
 int handle_ip_version(char *text, char **end, nuv_clfy *rule) {
   std::uint8_t version = 0;
   if (parse_u8(dp::skip_equals(text), end, &version) < 0) return -1;
-  if (version != dp::wire::kFamilyIpv4 && version != dp::wire::kFamilyIpv6) return -1;
+  if (version != 4 && version != 6) return -1;
   rule->ip_version = version;
   rule->flags |= NUV_CLFY_F_IP_VERSION;
   return 0;
@@ -253,7 +252,7 @@ int handle_ip_tos(char *text, char **end, nuv_clfy *rule) {
 }
 
 int handle_tcp_flags(char *text, char **end, nuv_clfy *rule) {
-  rule->ip_proto = dp::wire::kProtoTcp;
+  rule->ip_proto = dp::clfy::kProtoTcp;
   rule->flags |= NUV_CLFY_F_IP_PROTO;
   const std::uint16_t twelve_bits = dp::host_to_net16(0x0fff);
   if (parse_value_and_mask<std::uint16_t>(text, end, &rule->tcp_flags, &rule->tcp_flags_mask, twelve_bits,
@@ -281,13 +280,13 @@ int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *pref
     if (parse_prefix(p, end, &address, &mask) < 0) return -1;
     dp::store_net32(addr, address);
     dp::store_net32(addr + 4, mask);
-    *family = dp::wire::kFamilyIpv4;
+    *family = 4;
     return 0;
   }
   std::uint8_t length = 128;
   if (parse_prefix6(p, end, addr, &length) < 0) return -1;
   *prefixlen = length;
-  *family = dp::wire::kFamilyIpv6;
+  *family = 6;
   return 0;
 }
 
@@ -414,14 +413,14 @@ const nuv_clfy_keyword parsetab[] = {
     {"ipdsttab", handle_ipdsttab},
     {"ip.dest", handle_ip_daddr},
     {"ip.len", handle_ip_len},
-    {"udp.source", handle_ports<dp::wire::kProtoUdp, nuv_clfy_add_ip_sport>},
-    {"udp.sport", handle_ports<dp::wire::kProtoUdp, nuv_clfy_add_ip_sport>},
-    {"udp.dest", handle_ports<dp::wire::kProtoUdp, nuv_clfy_add_ip_dport>},
-    {"udp.dport", handle_ports<dp::wire::kProtoUdp, nuv_clfy_add_ip_dport>},
-    {"tcp.source", handle_ports<dp::wire::kProtoTcp, nuv_clfy_add_ip_sport>},
-    {"tcp.sport", handle_ports<dp::wire::kProtoTcp, nuv_clfy_add_ip_sport>},
-    {"tcp.dest", handle_ports<dp::wire::kProtoTcp, nuv_clfy_add_ip_dport>},
-    {"tcp.dport", handle_ports<dp::wire::kProtoTcp, nuv_clfy_add_ip_dport>},
+    {"udp.source", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>},
+    {"udp.sport", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>},
+    {"udp.dest", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>},
+    {"udp.dport", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>},
+    {"tcp.source", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>},
+    {"tcp.sport", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>},
+    {"tcp.dest", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>},
+    {"tcp.dport", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>},
     {"tcp.flags", handle_tcp_flags},
     {"icmp.type", handle_icmp_type},
     {"dhcpoption", handle_dhcpoption},

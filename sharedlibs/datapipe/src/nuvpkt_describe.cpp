@@ -21,19 +21,10 @@ const char *ring_vprintf(const char *format, va_list args) {
   return buf;
 }
 
-// Formats into a fresh result-ring buffer.
+// Formats into a fresh result-ring buffer.  The format may come from one of
+// the tables below; arguments it does not name are ignored.
 const char *ring_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 const char *ring_printf(const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  const char *text = ring_vprintf(format, args);
-  va_end(args);
-  return text;
-}
-
-// As ring_printf with a format taken from a table (numbers and an optional
-// address text, in the order the format names them).
-const char *ring_table_format(const char *format, ...) {
   va_list args;
   va_start(args, format);
   const char *text = ring_vprintf(format, args);
@@ -82,9 +73,9 @@ const char *message_text(const MessageKind *kinds, std::size_t count, const std:
     if (kind.describe) return kind.describe(hdr);
     if (!kind.by_code) return kind.text;
     if (code < kind.by_code->count) return kind.by_code->texts[code];
-    return ring_table_format(kind.by_code->other_code_format, code);
+    return ring_printf(kind.by_code->other_code_format, code);
   }
-  return ring_table_format(other_type_format, type, code);
+  return ring_printf(other_type_format, type, code);
 }
 
 constexpr const char *kIcmpUnreachable[] = {
@@ -105,7 +96,7 @@ constexpr const char *kIcmpRedirectFormats[] = {
 const char *icmp_redirect(const std::uint8_t *hdr) {
   const std::uint8_t code = hdr[1];
   const char *gateway = ipv4_text(hdr + 4);
-  if (code < count_of(kIcmpRedirectFormats)) return ring_table_format(kIcmpRedirectFormats[code], gateway);
+  if (code < count_of(kIcmpRedirectFormats)) return ring_printf(kIcmpRedirectFormats[code], gateway);
   return ring_printf("redirect code=%d to %s", code, gateway);
 }
 
@@ -188,7 +179,7 @@ const char *igmp_text(const std::uint8_t *hdr) {
   for (const IgmpMessage &m : kIgmpMessages) {
     if (m.type != hdr[0]) continue;
     if (!m.shows_group) return m.format;
-    return ring_table_format(m.format, ipv4_text(hdr + 4));
+    return ring_printf(m.format, ipv4_text(hdr + 4));
   }
   return ring_printf("type 0x%x", hdr[0]);
 }

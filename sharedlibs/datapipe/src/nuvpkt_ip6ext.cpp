@@ -8,13 +8,7 @@
 
 namespace {
 
-using dp::wire::kIpv6HeaderLength;
-using dp::wire::kIpv6NextHeaderOffset;
-using dp::wire::kIpv6PayloadLengthOffset;
-using dp::wire::kProtoFragment;
-using dp::wire::kProtoHopByHop;
-using dp::wire::kProtoNoNextHeader;
-using dp::wire::kProtoRouting;
+using namespace dp::wire;
 
 bool is_ext_hdr(std::uint8_t nexthdr) {
   // 0, and 43/44 with or without bit 4: 59 and 60 are the latter.
