@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_match_priv.h"
 #include "nuvclfy_priv.h"
@@ -29,14 +30,11 @@ namespace {
 
 using dp::load_be16;
 
-constexpr std::uint16_t kEthIpv4 = 0x0800;
-constexpr std::uint16_t kEthIpv6 = 0x86dd;
-constexpr std::uint32_t kIpv4HeaderLength = 20;
-constexpr std::uint32_t kIpv6HeaderLength = 40;
+using namespace dp::wire;
+
+// The ports of a packet with a hop-by-hop header are read behind it,
+// taking it to be of the smallest size.
 constexpr std::uint32_t kHopByHopLength = 8;
-constexpr std::uint32_t kUdpHeaderLength = 8;
-constexpr std::uint8_t kNextHeaderHopByHop = 0;
-constexpr std::uint8_t kNextHeaderIcmpv6 = 58;
 
 // ---- Policies ----
 
@@ -103,17 +101,17 @@ bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::u
 
 template <class P>
 bool addresses_hold(const nuv_clfy &rule, const std::uint8_t *eth, P &p) {
-  const std::uint8_t *source = eth + 6;
+  const std::uint8_t *source = eth + kEthernetSourceOffset;
   if (rule.flags & NUV_CLFY_F_ETH_SOURCE) {
-    if (std::memcmp(source, rule.eth_source, 6) != 0) return p.miss(Cond::kEthSource, Why::kValue, 0, source);
-  } else if ((rule.flags & NUV_CLFY_F_ETH_SOURCEOUI) && std::memcmp(source, rule.eth_source, 3) != 0) {
+    if (std::memcmp(source, rule.eth_source, kEthernetAddressLength) != 0) return p.miss(Cond::kEthSource, Why::kValue, 0, source);
+  } else if ((rule.flags & NUV_CLFY_F_ETH_SOURCEOUI) && std::memcmp(source, rule.eth_source, kOuiLength) != 0) {
     return p.miss(Cond::kEthSourceOui, Why::kValue, 0, source);
   }
   if ((rule.flags & NUV_CLFY_F_ETHSRCTAB) && !nuv_clfy_ethersrctab_is_in(rule.ethsrctab, source))
     return p.miss(Cond::kEthSrcTab, Why::kNotInTable, 0, source);
   if (rule.flags & NUV_CLFY_F_ETH_DEST) {
-    if (std::memcmp(eth, rule.eth_dest, 6) != 0) return p.miss(Cond::kEthDest, Why::kValue, 0, eth);
-  } else if ((rule.flags & NUV_CLFY_F_ETH_DESTOUI) && std::memcmp(eth, rule.eth_dest, 3) != 0) {
+    if (std::memcmp(eth, rule.eth_dest, kEthernetAddressLength) != 0) return p.miss(Cond::kEthDest, Why::kValue, 0, eth);
+  } else if ((rule.flags & NUV_CLFY_F_ETH_DESTOUI) && std::memcmp(eth, rule.eth_dest, kOuiLength) != 0) {
     return p.miss(Cond::kEthDestOui, Why::kValue, 0, eth);
   }
   return true;
@@ -323,11 +321,11 @@ bool ipv6_prefix_holds(const std::uint8_t *stored, std::uint8_t prefixlen, const
 // the packet.  It follows the same steps as the walk itself, bounded by the
 // readable bytes, so hostile header lengths cannot make it read beyond them.
 bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
-  std::uint8_t nh = ip[6];
-  std::uint16_t remaining = load_be16(ip + 4);
+  std::uint8_t nh = ip[kIpv6NextHeaderOffset];
+  std::uint16_t remaining = load_be16(ip + kIpv6PayloadLengthOffset);
   std::uint32_t pos = kIpv6HeaderLength;
   while (ip6_is_ext_hdr(nh)) {
-    if (remaining < 2 || nh == 59 || nh == 44) return true;
+    if (remaining < 2 || nh == kProtoNoNextHeader || nh == kProtoFragment) return true;
     if (pos + 2 > available) return false;
     const std::uint32_t size = (ip[pos + 1] + 1u) * 8u;
     nh = ip[pos];
@@ -342,7 +340,7 @@ bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32
   if (!extension_chain_readable(ip, available)) return p.miss(Cond::kIcmpType, Why::kShort);
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
-  if (offset < 0 || nh != kNextHeaderIcmpv6) return p.miss(Cond::kIcmpType, Why::kNotIcmpv6, nh);
+  if (offset < 0 || nh != kProtoIcmpv6) return p.miss(Cond::kIcmpType, Why::kNotIcmpv6, nh);
   if (offset == 0) return true;
   if (static_cast<std::uint32_t>(offset) >= available) return p.miss(Cond::kIcmpType, Why::kShort);
   if (ip[offset] != rule.icmp_type) return p.miss(Cond::kIcmpType, Why::kValue, ip[offset]);
@@ -366,13 +364,13 @@ bool ipv6_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
     return p.miss(flags & NUV_CLFY_F_IP_PROTO ? Cond::kIpProto : Cond::kPacketMatch, Why::kShort);
   if (!header_fields_hold(rule, f, p)) return false;
   if ((flags & NUV_CLFY_F_IP_SADDR) &&
-      !ipv6_address_holds(Cond::kIpSaddr, rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + 8, p))
+      !ipv6_address_holds(Cond::kIpSaddr, rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + kIpv6SourceOffset, p))
     return false;
   if ((flags & NUV_CLFY_F_IP_DADDR) &&
-      !ipv6_address_holds(Cond::kIpDaddr, rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + 24, p))
+      !ipv6_address_holds(Cond::kIpDaddr, rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + kIpv6DestinationOffset, p))
     return false;
-  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + 24))
-    return p.miss(Cond::kIpDstTab, Why::kNotInTable, 6, ip + 24);
+  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + kIpv6DestinationOffset))
+    return p.miss(Cond::kIpDstTab, Why::kNotInTable, 6, ip + kIpv6DestinationOffset);
   if (flags & NUV_CLFY_GROUP_TRANSPORT) {
     if (!ports_hold(rule, f, p) || !tcp_flags_hold(rule, f, p)) return false;
     // DHCP conditions are IPv4-only and pass untested here.
@@ -390,7 +388,7 @@ bool ip_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
   const nuv_clfy_packet &packet = *f.desc;
   if (!packet.ip_header) return p.miss(Cond::kIp, Why::kNoIpHeader);
   const std::uint16_t eth_proto = net_to_host16(packet.eth_proto);
-  if (eth_proto == kEthIpv6 || eth_proto == kEthIpv4) return p.miss(Cond::kIp, Why::kIpTooShort, eth_proto);
+  if (eth_proto == kEtherTypeIpv6 || eth_proto == kEtherTypeIpv4) return p.miss(Cond::kIp, Why::kIpTooShort, eth_proto);
   return p.miss(Cond::kIp, Why::kNotIp, eth_proto);
 }
 
@@ -435,13 +433,13 @@ void read_ipv4(PacketFacts &f) {
 
 void read_ipv6(PacketFacts &f) {
   const std::uint8_t *ip = f.ip;
-  const bool hop_by_hop = ip[6] == kNextHeaderHopByHop;
+  const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
   f.family = 6;
   f.hop_unreadable = hop_by_hop && f.available <= kIpv6HeaderLength;
   f.version = ip[0] >> 4;
-  f.proto = hop_by_hop ? (f.available > kIpv6HeaderLength ? ip[40] : 0) : ip[6];
+  f.proto = hop_by_hop ? (f.available > kIpv6HeaderLength ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
   f.tos = static_cast<std::uint8_t>((ip[0] << 4) | (ip[1] >> 4));
-  f.declared = load_be16(ip + 4);
+  f.declared = load_be16(ip + kIpv6PayloadLengthOffset);
   f.length = f.declared + kIpv6HeaderLength;
   f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
   read_transport(f);
@@ -456,8 +454,8 @@ void read_packet(const nuv_clfy_packet &packet, PacketFacts &f) {
   f.available = packet.ip_len;
   if (!f.ip) return;
   const std::uint16_t eth_proto = net_to_host16(packet.eth_proto);
-  if (eth_proto == kEthIpv6 && f.available >= kIpv6HeaderLength) read_ipv6(f);
-  if (eth_proto == kEthIpv4 && f.available >= kIpv4HeaderLength) read_ipv4(f);
+  if (eth_proto == kEtherTypeIpv6 && f.available >= kIpv6HeaderLength) read_ipv6(f);
+  if (eth_proto == kEtherTypeIpv4 && f.available >= kIpv4HeaderLength) read_ipv4(f);
 }
 
 bool rule_applies(nuv_clfy &rule, const PacketFacts &facts, std::uint32_t mark) {
