@@ -285,11 +285,11 @@ bool ipv4_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
   const std::uint32_t flags = rule.flags;
   if (!header_fields_hold(rule, f, p)) return false;
   if (flags & NUV_CLFY_F_IP_SADDR) {
-    if (rule.ip_saddr_family != 4) return p.miss(Cond::kIpSaddr, Why::kFamily, 4, ip + 12);
+    if (rule.ip_saddr_family != kFamilyIpv4) return p.miss(Cond::kIpSaddr, Why::kFamily, 4, ip + 12);
     if (!ipv4_address_holds(rule.ip_saddr.v6, ip + 12)) return p.miss(Cond::kIpSaddr, Why::kValue, 4, ip + 12);
   }
   if (flags & NUV_CLFY_F_IP_DADDR) {
-    if (rule.ip_daddr_family != 4) return p.miss(Cond::kIpDaddr, Why::kFamily, 4, ip + 16);
+    if (rule.ip_daddr_family != kFamilyIpv4) return p.miss(Cond::kIpDaddr, Why::kFamily, 4, ip + 16);
     if (!ipv4_address_holds(rule.ip_daddr.v6, ip + 16)) return p.miss(Cond::kIpDaddr, Why::kValue, 4, ip + 16);
   }
   if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ipdsttab_is_in(rule.ipdsttab, load_net32(ip + 16)))
@@ -350,7 +350,7 @@ bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32
 template <class P>
 bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
                         const std::uint8_t *packet_addr, P &p) {
-  if (family != 6) return p.miss(cond, Why::kFamily, 6, packet_addr);
+  if (family != kFamilyIpv6) return p.miss(cond, Why::kFamily, 6, packet_addr);
   if (!ipv6_prefix_holds(stored.v6, prefixlen, packet_addr)) return p.miss(cond, Why::kValue, 6, packet_addr);
   return true;
 }
@@ -383,8 +383,8 @@ bool ipv6_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
 // A packet too short for its fixed IP header satisfies no IP condition.
 template <class P>
 bool ip_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
-  if (f.family == 6) return ipv6_holds(rule, f, p);
-  if (f.family == 4) return ipv4_holds(rule, f, p);
+  if (f.family == kFamilyIpv6) return ipv6_holds(rule, f, p);
+  if (f.family == kFamilyIpv4) return ipv4_holds(rule, f, p);
   const nuv_clfy_packet &packet = *f.desc;
   if (!packet.ip_header) return p.miss(Cond::kIp, Why::kNoIpHeader);
   const std::uint16_t eth_proto = net_to_host16(packet.eth_proto);
@@ -422,7 +422,7 @@ void read_transport(PacketFacts &f) {
 
 void read_ipv4(PacketFacts &f) {
   const std::uint8_t *ip = f.ip;
-  f.family = 4;
+  f.family = kFamilyIpv4;
   f.version = ip[0] >> 4;
   f.proto = ip[9];
   f.tos = ip[1];
@@ -434,7 +434,7 @@ void read_ipv4(PacketFacts &f) {
 void read_ipv6(PacketFacts &f) {
   const std::uint8_t *ip = f.ip;
   const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
-  f.family = 6;
+  f.family = kFamilyIpv6;
   f.hop_unreadable = hop_by_hop && f.available <= kIpv6HeaderLength;
   f.version = ip[0] >> 4;
   f.proto = hop_by_hop ? (f.available > kIpv6HeaderLength ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
