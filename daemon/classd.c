@@ -265,6 +265,7 @@ static void write_stats(struct daemon *d) {
   if (d->queue) {
     counters = classd_queue_counters(d->queue);
     stats.packets = counters->packets;
+    stats.verdict_messages = counters->verdict_messages;
     stats.errors = counters->malformed + counters->send_errors;
     stats.overruns = counters->overruns;
   }

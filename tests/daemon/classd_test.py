@@ -574,6 +574,30 @@ def test_stats_file(t):
     check(not os.path.exists(stats_path + ".tmp"), "no temporary file stays behind")
 
 
+def test_verdicts_batched(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    write_file(rules, "udp.dport 5001 => 1\n")
+    queue_traffic(udp=(5001, 5002), tcp=())
+    count_marks([0, 1], udp=(5001, 5002), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                          "--stats-interval", "0"])
+    try:
+        daemon.wait_bound()
+        daemon.signal(signal.SIGSTOP)  # the packets wait in the queue, to be read in one turn
+        send_udp(20, 5001)
+        send_udp(20, 5002)
+        daemon.signal(signal.SIGCONT)
+        stats = wait_stats(daemon, stats_path, lambda s: s["packets"] == 40)
+    finally:
+        status = daemon.stop()
+    counts = counted()
+    print(f"40 packets answered by {stats['verdict_messages']} verdict messages; counted {sorted(counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(counts == {0: 20, 1: 20}, "20 packets marked, 20 unchanged")
+    check(stats["verdict_messages"] == 2, "each run of equal verdicts is answered by one message")
+
+
 def test_clean_stop(t):
     rules = os.path.join(t.workdir, "rules.txt")
     write_file(rules, "udp.dport 5001 => 1\n")
