@@ -598,6 +598,26 @@ def test_verdicts_batched(t):
     check(stats["verdict_messages"] == 2, "each run of equal verdicts is answered by one message")
 
 
+def test_interface_names(t):
+    """dev conditions: a name given with --dev, a name of the system, an unknown name."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "dev wan udp.dport 5001 => 1\ndev nosuch udp.dport 5002 => 2\ndev lo udp.dport 5003 => 3\n")
+    lo = socket.if_nametoindex("lo")
+    queue_traffic(udp=(5001, 5002, 5003), tcp=())
+    count_marks(range(0, 4), udp=(5001, 5002, 5003), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--dev", f"wan={lo}"])
+    try:
+        daemon.wait_bound()
+        for port in (5001, 5002, 5003):
+            send_udp(5, port)
+    finally:
+        status = daemon.stop()
+    counts = {m: c for m, c in counted().items() if c}
+    print(f"counted {sorted(counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(counts == {1: 5, 0: 5, 3: 5}, "wan is lo by --dev, lo by its own name, nosuch is no interface")
+
+
 def test_clean_stop(t):
     rules = os.path.join(t.workdir, "rules.txt")
     write_file(rules, "udp.dport 5001 => 1\n")
