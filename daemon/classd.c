@@ -43,6 +43,8 @@ enum {
 
 /* Packets answered per turn of the loop, between signal checks. */
 #define CLASSD_BATCH 64
+/* Turns of answering waiting packets between a stop signal and unbinding. */
+#define CLASSD_STOP_TURNS 16
 /* Default seconds between two statistics writes. */
 #define CLASSD_STATS_INTERVAL 10
 
@@ -314,6 +316,7 @@ static int timer_descriptor(long seconds) {
 static int serve(struct daemon *d, int signals, int timer) {
   struct pollfd fds[3];
   nfds_t count = timer >= 0 ? 3 : 2;
+  int turns;
   fds[0].fd = classd_queue_fd(d->queue);
   fds[1].fd = signals;
   fds[2].fd = timer;
@@ -334,8 +337,9 @@ static int serve(struct daemon *d, int signals, int timer) {
       if (read(timer, &expirations, sizeof expirations) > 0) write_stats(d);
     }
   }
-  /* Answer what already waits before letting the queue go. */
-  while (classd_queue_serve(d->queue, CLASSD_BATCH) > 0) {
+  /* Answer what already waits before letting the queue go; under steady
+   * traffic the queue never empties, so only a few turns. */
+  for (turns = 0; turns < CLASSD_STOP_TURNS && classd_queue_serve(d->queue, CLASSD_BATCH) > 0; ++turns) {
   }
   return EXIT_STOPPED;
 }
