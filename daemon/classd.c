@@ -87,6 +87,13 @@ static void say(int priority, const char *format, ...) {
   va_end(args);
 }
 
+/* Says each line of `text` on its own. */
+static void say_lines(int priority, const char *text) {
+  const char *end;
+  for (; (end = strchr(text, '\n')) != NULL; text = end + 1) say(priority, "%.*s", (int)(end - text), text);
+  say(priority, "%s", text);
+}
+
 static void usage(FILE *out) {
   fputs("usage: nikerkiog-classd --queue N --rules FILE [options]\n"
         "  --queue N              queue number of the firewall rule (--queue-num N)\n"
@@ -221,12 +228,9 @@ static int load_rules(struct daemon *d, int reload) {
   fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &d->classes, &error);
   if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
   if (!fresh) {
-    if (reload) {
-      d->reload_failures++;
-      say(LOG_ERR, "reload failed, the rules in use stay: %s", error.text);
-    } else {
-      say(LOG_ERR, "%s", error.text);
-    }
+    if (reload) d->reload_failures++;
+    if (reload) say(LOG_ERR, "reload failed, the rules in use stay:");
+    say_lines(LOG_ERR, error.text);
     return -1;
   }
   classd_ruleset_free(d->rules);

@@ -392,11 +392,13 @@ def test_reload_under_load(t):
 
 def test_rule_file_errors(t):
     rules = os.path.join(t.workdir, "rules.txt")
-    write_file(rules, "# two good rules, then a bad one\nudp.dport 53 => 1\n\n   tcp.dport 80 no.such.keyword 1 => 2\n")
+    write_file(rules, "# a good rule, then two bad ones\nudp.dport 53 => 1\n\n   tcp.dport 80 no.such.keyword 1 => 2\n"
+                      "ip.proto tcp => -1\n")
     status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules])
     print(output)
     check(status == 2, f"exit status {status}")
     check(re.search(re.escape(rules) + r":4:\d+: \S", output), "the error names file, line and column")
+    check(f"{rules}:5:17: the result after" in output, "every wrong line is reported")
     check("bound" not in output, "no queue is bound")
 
 
