@@ -43,6 +43,8 @@ enum {
 
 /* Packets answered per turn of the loop, between signal checks. */
 #define CLASSD_BATCH 64
+/* Turns of answering waiting packets between a stop signal and unbinding. */
+#define CLASSD_STOP_TURNS 16
 /* Default seconds between two statistics writes. */
 #define CLASSD_STATS_INTERVAL 10
 
@@ -83,6 +85,13 @@ static void say(int priority, const char *format, ...) {
     fputc('\n', stderr);
   }
   va_end(args);
+}
+
+/* Says each line of `text` on its own. */
+static void say_lines(int priority, const char *text) {
+  const char *end;
+  for (; (end = strchr(text, '\n')) != NULL; text = end + 1) say(priority, "%.*s", (int)(end - text), text);
+  say(priority, "%s", text);
 }
 
 static void usage(FILE *out) {
@@ -219,12 +228,9 @@ static int load_rules(struct daemon *d, int reload) {
   fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &d->classes, &error);
   if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
   if (!fresh) {
-    if (reload) {
-      d->reload_failures++;
-      say(LOG_ERR, "reload failed, the rules in use stay: %s", error.text);
-    } else {
-      say(LOG_ERR, "%s", error.text);
-    }
+    if (reload) d->reload_failures++;
+    if (reload) say(LOG_ERR, "reload failed, the rules in use stay:");
+    say_lines(LOG_ERR, error.text);
     return -1;
   }
   classd_ruleset_free(d->rules);
@@ -265,6 +271,7 @@ static void write_stats(struct daemon *d) {
   if (d->queue) {
     counters = classd_queue_counters(d->queue);
     stats.packets = counters->packets;
+    stats.verdict_messages = counters->verdict_messages;
     stats.errors = counters->malformed + counters->send_errors;
     stats.overruns = counters->overruns;
   }
@@ -313,6 +320,7 @@ static int timer_descriptor(long seconds) {
 static int serve(struct daemon *d, int signals, int timer) {
   struct pollfd fds[3];
   nfds_t count = timer >= 0 ? 3 : 2;
+  int turns;
   fds[0].fd = classd_queue_fd(d->queue);
   fds[1].fd = signals;
   fds[2].fd = timer;
@@ -333,8 +341,9 @@ static int serve(struct daemon *d, int signals, int timer) {
       if (read(timer, &expirations, sizeof expirations) > 0) write_stats(d);
     }
   }
-  /* Answer what already waits before letting the queue go. */
-  while (classd_queue_serve(d->queue, CLASSD_BATCH) > 0) {
+  /* Answer what already waits before letting the queue go; under steady
+   * traffic the queue never empties, so only a few turns. */
+  for (turns = 0; turns < CLASSD_STOP_TURNS && classd_queue_serve(d->queue, CLASSD_BATCH) > 0; ++turns) {
   }
   return EXIT_STOPPED;
 }
