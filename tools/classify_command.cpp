@@ -59,7 +59,17 @@ struct ExplainStep {
   bool matched;
   std::string keyword;
   std::string why;
+  std::string group;  // for a rule with sub-rules (an optimised set's group): its conditions
 };
+
+// The conditions of a group rule as the classifier prints them.
+std::string group_text(const nuv_clfy *rule) {
+  char buf[1024];
+  std::string text = nuv_clfy_as_string(-1, rule, buf, sizeof buf);
+  if (auto action = text.find(" ("); action != std::string::npos) text.erase(action);
+  text.erase(0, text.find_first_not_of(' '));
+  return text;
+}
 
 // Tries the rules of one level of the set's tree in order, as the set's
 // search does: the first matching rule without sub-rules is the verdict; a
@@ -68,9 +78,11 @@ struct ExplainStep {
 const nuv_clfy *explain_level(const nuv_clfy *rule, int depth, const nuv_clfy_packet &packet,
                               std::vector<ExplainStep> &steps) {
   for (; rule; rule = rule->next) {
-    (void)packet;
-    steps.push_back({RuleSet::line_of(rule), depth, false, "", "explanations are not available yet"});
-    continue;
+    nuv_clfy_explanation e{};
+    nuv_clfy_explain(rule, &packet, 0, &e);
+    steps.push_back({RuleSet::line_of(rule), depth, e.matched != 0, e.keyword, e.text,
+                     rule->children ? group_text(rule) : std::string()});
+    if (!e.matched) continue;
     if (!rule->children) return rule;
     if (const nuv_clfy *found = explain_level(rule->children, depth + 1, packet, steps)) return found;
   }
@@ -156,8 +168,10 @@ class ClassifyRun {
 
   void print_steps(const std::vector<ExplainStep> &steps, std::size_t line) {
     for (const auto &s : steps) {
-      std::string rule = texts_[s.line];
-      fmt::print("       {:{}}line {:<4} {:<40} {}\n", "", 2 * s.depth, s.line, rule, step_text(s));
+      if (!s.group.empty())
+        fmt::print("       {:{}}group      {:<40} {}\n", "", 2 * s.depth, s.group, step_text(s));
+      else
+        fmt::print("       {:{}}line {:<5} {:<40} {}\n", "", 2 * s.depth, s.line, texts_[s.line], step_text(s));
     }
     fmt::print("       verdict: {}\n", verdict_text(line, set_.result_of(line)));
   }
@@ -165,7 +179,9 @@ class ClassifyRun {
   nlohmann::json steps_json(const std::vector<ExplainStep> &steps) {
     nlohmann::json out = nlohmann::json::array();
     for (const auto &s : steps) {
-      nlohmann::json j{{"line", s.line}, {"depth", s.depth}, {"matched", s.matched}};
+      nlohmann::json j{{"depth", s.depth}, {"matched", s.matched}};
+      if (s.group.empty()) j["line"] = s.line;
+      else j["group"] = s.group;
       if (!s.matched) j["keyword"] = s.keyword, j["reason"] = s.why;
       out.push_back(j);
     }

@@ -67,6 +67,7 @@ int main(int argc, char **argv) {
   classify->add_flag("--optimise", co.optimise, "Restructure the rule set into a tree first");
   classify->add_flag("--json", co.json, "Write JSON Lines: one object per packet, then a summary with the rule set");
   classify->add_flag("--keep-going", co.keep_going, "Report rejected rule lines and use the others");
+  classify->add_option("--explain", explain_items, "Explain the verdicts of these packets (N[,N...])");
   CLI::Option *live = classify->add_option("--live", co.live, "Classify live traffic of this interface instead of files");
   classify->add_option("--count", co.count, "With --live: stop after N packets")->needs(live);
   classify->add_option("--seconds", co.seconds, "With --live: stop after S seconds")->needs(live);

@@ -48,6 +48,12 @@ TEST(ToolCli, ClassifyNeedsCapturesOrLiveInterface) {
   EXPECT_EQ(r.err, "nikerkiog classify: give capture files or --live INTERFACE (one of the two)\n");
 }
 
+TEST(ToolCli, ExplainTakesOnlyPacketNumbers) {
+  auto r = run_tool("classify ../../examples/rules.txt captures/dns_udp.pcap --explain 1,x");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("not a packet number: x"), std::string::npos) << r.err;
+}
+
 TEST(ToolCli, MissingCaptureGivesStatus2ForEveryCaptureCommand) {
   for (const char *command : {"describe", "dhcp", "classify ../../examples/rules.txt"}) {
     auto r = run_tool(std::string(command) + " captures/no-such-file.pcap");
