@@ -95,3 +95,13 @@ TEST(ToolCli, NonCaptureFileGivesStatus2ForDhcp) {
   EXPECT_EQ(r.out, "# 0 DHCP messages in 0 frames\n");
   EXPECT_NE(r.err.find("nikerkiog: iana-protocol-numbers.csv: "), std::string::npos) << r.err;
 }
+
+TEST(ToolCli, ManualPageShowsEveryCommandWithAnExample) {
+  std::string page = testsupport::read_text_file(std::string(NIKERKIOG_BINARY_DIR) + "/tools/nikerkiog.1");
+  for (const char *example : {"nikerkiog check ", "nikerkiog acl check ", "nikerkiog masq check ",
+                              "nikerkiog ip6fw check ", "nikerkiog classify ", "--live ", "--explain ",
+                              "nikerkiog dhcp ", "nikerkiog describe "})
+    EXPECT_NE(page.find(example), std::string::npos) << example;
+  EXPECT_NE(page.find("JSON LINES"), std::string::npos);
+  EXPECT_NE(page.find("EXIT STATUS"), std::string::npos);
+}
