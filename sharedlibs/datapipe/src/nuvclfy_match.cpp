@@ -149,19 +149,6 @@ constexpr std::uint32_t kDhcpChaddrOffset = 28;
 constexpr std::uint8_t kDhcpOptionMessageType = 53;
 constexpr std::uint8_t kDhcpEndOption = 255;
 
-// Removes a client from a learning table; the slots behind it move down.
-void forget_client(ethersrctab *table, const std::uint8_t *mac) {
-  if (!table || !table->entries) return;
-  for (std::uint32_t i = 0; i < table->count; ++i) {
-    std::uint8_t *slot = table->entries + 6 * i;
-    if (std::memcmp(slot, mac, 6) != 0) continue;
-    std::memmove(slot, slot + 6, 6 * (table->count - 1 - i));
-    std::memset(table->entries + 6 * (table->count - 1), 0, 6);
-    --table->count;
-    return;
-  }
-}
-
 // Verdict on a parsed DHCP message: requests and discoveries that match are
 // learned into the rule's table, releases are forgotten and never match.
 bool dhcp_message_holds(nuv_clfy_dhcp &condition, const std::uint8_t *msg) {
@@ -175,7 +162,7 @@ bool dhcp_message_holds(nuv_clfy_dhcp &condition, const std::uint8_t *msg) {
       _nuv_clfy_ethersrctab_add(condition.ethsrctab, msg + kDhcpChaddrOffset);
       return true;
     case 7:  // RELEASE
-      forget_client(condition.ethsrctab, msg + kDhcpChaddrOffset);
+      dp::clfy::ethersrctab_forget(condition.ethsrctab, msg + kDhcpChaddrOffset);
       return false;
     default: return false;
   }

@@ -74,6 +74,13 @@ inline dhcp_match match_of(const nuv_clfy_dhcp &condition) {
   return dhcp_match{condition.code, condition.sub, condition.enterprise, condition.pattern};
 }
 
+// ---- Tables ----
+
+// Removes the 6-byte address `mac` from `table`; later addresses move down
+// by one slot.  False when the table or address is null or the table does
+// not hold the address.
+bool ethersrctab_forget(ethersrctab *table, const std::uint8_t *mac);
+
 // ---- Value lists ----
 
 // Appends one entry (values already in host order).  Returns false when
