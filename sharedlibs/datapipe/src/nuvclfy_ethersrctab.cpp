@@ -2,13 +2,14 @@
 // rules test with "ethsrctab" and that DHCP rules fill with learned clients.
 #include <cstring>
 
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 #include "nuvclfy_tables_priv.h"
 
 namespace {
 
-constexpr std::size_t kMacSize = 6;
+constexpr std::size_t kMacSize = dp::wire::kEthernetAddressLength;
 
 using Tables = dp::clfy::NamedTables<ethersrctab, kMacSize>;
 

@@ -3,14 +3,15 @@
 // lookup, addition and removal goes through the same covering test.
 #include <cstring>
 
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 #include "nuvclfy_tables_priv.h"
 
 namespace {
 
-constexpr std::uint8_t kFamily4 = 4;
-constexpr std::uint8_t kFamily6 = 6;
+using dp::wire::kFamilyIpv4;
+using dp::wire::kFamilyIpv6;
 constexpr std::uint8_t kHostPrefix6 = 128;
 constexpr std::uint32_t kHostMask4 = 0xffffffffu;
 
@@ -28,11 +29,11 @@ struct Address {
 
 bool covers4(const ipdsttab_entry &entry, std::uint32_t addr) {
   // The entry's own address is taken as stored, not masked again.
-  return entry.family == kFamily4 && (addr & entry.addr.v4.mask) == entry.addr.v4.addr;
+  return entry.family == kFamilyIpv4 && (addr & entry.addr.v4.mask) == entry.addr.v4.addr;
 }
 
 bool covers6(const ipdsttab_entry &entry, const std::uint8_t *addr) {
-  if (entry.family != kFamily6) return false;
+  if (entry.family != kFamilyIpv6) return false;
   // Host entries (all that the add functions make) need one fixed-size
   // compare; prefix lengths beyond the address would compare past its end.
   if (entry.prefixlen >= kHostPrefix6) return std::memcmp(entry.addr.v6, addr, sizeof entry.addr.v6) == 0;
@@ -47,7 +48,7 @@ bool covers6(const ipdsttab_entry &entry, const std::uint8_t *addr) {
 }
 
 bool covers(const ipdsttab_entry &entry, const Address &address) {
-  return address.family == kFamily4 ? covers4(entry, address.v4) : covers6(entry, address.v6);
+  return address.family == kFamilyIpv4 ? covers4(entry, address.v4) : covers6(entry, address.v6);
 }
 
 // Matches the entries covering the address.
@@ -63,7 +64,7 @@ long find_covering(const ipdsttab *table, const Address &address) {
 void fill_host_entry(ipdsttab_entry &entry, const Address &address) {
   std::memset(&entry, 0, sizeof entry);
   entry.family = address.family;
-  if (address.family == kFamily4) {
+  if (address.family == kFamilyIpv4) {
     entry.addr.v4.addr = address.v4;
     entry.addr.v4.mask = kHostMask4;
   } else {
@@ -85,8 +86,8 @@ int del(const char *name, const Address &address) {
   return Tables::remove_first(table, covering(address)) ? 0 : -1;
 }
 
-Address ip4(std::uint32_t addr) { return Address{kFamily4, addr, nullptr}; }
-Address ip6(const std::uint8_t *addr) { return Address{kFamily6, 0, addr}; }
+Address ip4(std::uint32_t addr) { return Address{kFamilyIpv4, addr, nullptr}; }
+Address ip6(const std::uint8_t *addr) { return Address{kFamilyIpv6, 0, addr}; }
 
 }  // namespace
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 #include "nuvcsock.h"
@@ -20,14 +21,11 @@ namespace {
 
 using dp::load_be16;
 
-constexpr std::uint16_t kEthIpv4 = 0x0800;
-constexpr std::uint16_t kEthIpv6 = 0x86dd;
-constexpr std::uint32_t kIpv4HeaderLength = 20;
-constexpr std::uint32_t kIpv6HeaderLength = 40;
+using namespace dp::wire;
+
+// The ports of a packet with a hop-by-hop header are read behind it,
+// taking it to be of the smallest size.
 constexpr std::uint32_t kHopByHopLength = 8;
-constexpr std::uint32_t kUdpHeaderLength = 8;
-constexpr std::uint8_t kNextHeaderHopByHop = 0;
-constexpr std::uint8_t kNextHeaderIcmpv6 = 58;
 
 bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t value2, std::uint32_t x) {
   switch (op) {
@@ -65,16 +63,16 @@ bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::u
 }
 
 bool addresses_hold(const nuv_clfy &rule, const std::uint8_t *eth) {
-  const std::uint8_t *source = eth + 6;
+  const std::uint8_t *source = eth + kEthernetSourceOffset;
   if (rule.flags & NUV_CLFY_F_ETH_SOURCE) {
-    if (std::memcmp(source, rule.eth_source, 6) != 0) return false;
-  } else if ((rule.flags & NUV_CLFY_F_ETH_SOURCEOUI) && std::memcmp(source, rule.eth_source, 3) != 0) {
+    if (std::memcmp(source, rule.eth_source, kEthernetAddressLength) != 0) return false;
+  } else if ((rule.flags & NUV_CLFY_F_ETH_SOURCEOUI) && std::memcmp(source, rule.eth_source, kOuiLength) != 0) {
     return false;
   }
   if ((rule.flags & NUV_CLFY_F_ETHSRCTAB) && !nuv_clfy_ethersrctab_is_in(rule.ethsrctab, source)) return false;
   if (rule.flags & NUV_CLFY_F_ETH_DEST) {
-    if (std::memcmp(eth, rule.eth_dest, 6) != 0) return false;
-  } else if ((rule.flags & NUV_CLFY_F_ETH_DESTOUI) && std::memcmp(eth, rule.eth_dest, 3) != 0) {
+    if (std::memcmp(eth, rule.eth_dest, kEthernetAddressLength) != 0) return false;
+  } else if ((rule.flags & NUV_CLFY_F_ETH_DESTOUI) && std::memcmp(eth, rule.eth_dest, kOuiLength) != 0) {
     return false;
   }
   return true;
@@ -110,7 +108,7 @@ bool ports_hold(const nuv_clfy &rule, const Transport &t) {
 
 bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
-  if (rule.ip_proto != dp::clfy::kProtoTcp || !t.has(14)) return false;
+  if (rule.ip_proto != kProtoTcp || !t.has(14)) return false;
   const std::uint16_t word = load_be16(t.at(12));
   return (word & dp::net_to_host16(rule.tcp_flags_mask)) == dp::net_to_host16(rule.tcp_flags);
 }
@@ -119,9 +117,9 @@ bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
 // transport part), at most `declared` bytes and never past the packet.
 bool payload_matches(const nuv_clfy &rule, const Transport &t, std::uint8_t proto, std::int64_t declared) {
   std::uint32_t header = 0;
-  if (proto == dp::clfy::kProtoUdp) {
+  if (proto == kProtoUdp) {
     header = kUdpHeaderLength;
-  } else if (proto == dp::clfy::kProtoTcp) {
+  } else if (proto == kProtoTcp) {
     if (!t.has(13)) return false;
     header = (*t.at(12) >> 4) * 4u;
   }
@@ -188,7 +186,7 @@ bool dhcp_holds(nuv_clfy &rule, const Transport &t) {
 // ---- IPv4 ----
 
 bool ipv4_address_holds(const std::uint8_t *stored, std::uint8_t family, const std::uint8_t *packet_addr) {
-  if (family != 4) return false;
+  if (family != kFamilyIpv4) return false;
   return (dp::load_net32(packet_addr) & dp::load_net32(stored + 4)) == dp::load_net32(stored);
 }
 
@@ -223,7 +221,7 @@ bool ipv4_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
 
 bool ipv6_prefix_holds(const std::uint8_t *stored, std::uint8_t prefixlen, std::uint8_t family,
                        const std::uint8_t *packet_addr) {
-  if (family != 6) return false;
+  if (family != kFamilyIpv6) return false;
   const unsigned bits = prefixlen > 128 ? 128u : prefixlen;
   const unsigned whole = bits / 8;
   if (std::memcmp(stored, packet_addr, whole) != 0) return false;
@@ -237,11 +235,11 @@ bool ipv6_prefix_holds(const std::uint8_t *stored, std::uint8_t prefixlen, std::
 // the packet.  It follows the same steps as the walk itself, bounded by the
 // readable bytes, so hostile header lengths cannot make it read beyond them.
 bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
-  std::uint8_t nh = ip[6];
-  std::uint16_t remaining = load_be16(ip + 4);
+  std::uint8_t nh = ip[kIpv6NextHeaderOffset];
+  std::uint16_t remaining = load_be16(ip + kIpv6PayloadLengthOffset);
   std::uint32_t pos = kIpv6HeaderLength;
   while (ip6_is_ext_hdr(nh)) {
-    if (remaining < 2 || nh == 59 || nh == 44) return true;
+    if (remaining < 2 || nh == kProtoNoNextHeader || nh == kProtoFragment) return true;
     if (pos + 2 > available) return false;
     const std::uint32_t size = (ip[pos + 1] + 1u) * 8u;
     nh = ip[pos];
@@ -255,7 +253,7 @@ bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32
   if (!extension_chain_readable(ip, available)) return false;
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
-  if (offset < 0 || nh != kNextHeaderIcmpv6) return false;
+  if (offset < 0 || nh != kProtoIcmpv6) return false;
   if (offset == 0) return true;
   return static_cast<std::uint32_t>(offset) < available && ip[offset] == rule.icmp_type;
 }
@@ -265,25 +263,26 @@ bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   const std::uint32_t flags = rule.flags;
   const std::uint32_t available = packet.ip_len;
   // One hop-by-hop header is looked through for the protocol and the ports.
-  const bool hop_by_hop = ip[6] == kNextHeaderHopByHop;
+  const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
   if (hop_by_hop && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)) && available <= kIpv6HeaderLength)
     return false;
-  const std::uint8_t next_header = hop_by_hop ? (available > kIpv6HeaderLength ? ip[40] : 0) : ip[6];
+  const std::uint8_t next_header =
+      hop_by_hop ? (available > kIpv6HeaderLength ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
   if ((flags & NUV_CLFY_F_IP_VERSION) && (ip[0] >> 4) != rule.ip_version) return false;
   if ((flags & NUV_CLFY_F_IP_PROTO) && next_header != rule.ip_proto) return false;
   const auto traffic_class = static_cast<std::uint8_t>((ip[0] << 4) | (ip[1] >> 4));
   if ((flags & NUV_CLFY_F_IP_TOS) && (traffic_class & rule.ip_tos_mask) != rule.ip_tos) return false;
-  const std::uint32_t payload_length = load_be16(ip + 4);
+  const std::uint32_t payload_length = load_be16(ip + kIpv6PayloadLengthOffset);
   if ((flags & NUV_CLFY_F_IP_LEN) &&
       !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, payload_length + kIpv6HeaderLength))
     return false;
   if ((flags & NUV_CLFY_F_IP_SADDR) &&
-      !ipv6_prefix_holds(rule.ip_saddr.v6, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + 8))
+      !ipv6_prefix_holds(rule.ip_saddr.v6, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + kIpv6SourceOffset))
     return false;
   if ((flags & NUV_CLFY_F_IP_DADDR) &&
-      !ipv6_prefix_holds(rule.ip_daddr.v6, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + 24))
+      !ipv6_prefix_holds(rule.ip_daddr.v6, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + kIpv6DestinationOffset))
     return false;
-  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + 24)) return false;
+  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + kIpv6DestinationOffset)) return false;
   if (flags & NUV_CLFY_GROUP_TRANSPORT) {
     const Transport t{ip, available, kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0)};
     if (!ports_hold(rule, t) || !tcp_flags_hold(rule, t)) return false;
@@ -298,8 +297,8 @@ bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
 bool ip_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   if (!packet.ip_header) return false;
   const std::uint16_t eth_proto = dp::net_to_host16(packet.eth_proto);
-  if (eth_proto == kEthIpv6) return packet.ip_len >= kIpv6HeaderLength && ipv6_holds(rule, packet);
-  if (eth_proto == kEthIpv4) return packet.ip_len >= kIpv4HeaderLength && ipv4_holds(rule, packet);
+  if (eth_proto == kEtherTypeIpv6) return packet.ip_len >= kIpv6HeaderLength && ipv6_holds(rule, packet);
+  if (eth_proto == kEtherTypeIpv4) return packet.ip_len >= kIpv4HeaderLength && ipv4_holds(rule, packet);
   return false;
 }
 

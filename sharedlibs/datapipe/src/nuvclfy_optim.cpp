@@ -5,6 +5,7 @@
 
 #include "dp_bytes.h"
 #include "dp_portrange.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 
@@ -108,7 +109,7 @@ void optimise_list(nuv_clfy_valuelist &list) {
 // 0.0.0.0/0 holds for every address, so the condition goes; otherwise the
 // address is reduced once here instead of per packet.
 void fold_ipv4_mask(nuv_clfy &rule, std::uint8_t *addr, std::uint8_t family, std::uint32_t bit) {
-  if (family != 4) return;
+  if (family != dp::wire::kFamilyIpv4) return;
   const std::uint32_t address = dp::load_net32(addr);
   const std::uint32_t mask = dp::load_net32(addr + 4);
   if (mask == 0) rule.flags &= ~bit;
@@ -118,10 +119,11 @@ void fold_ipv4_mask(nuv_clfy &rule, std::uint8_t *addr, std::uint8_t family, std
 void derive_eth_proto(nuv_clfy &rule) {
   if (!(rule.flags & NUV_CLFY_GROUP_IP_NO_ICMP)) return;
   // The family fields count even when the address condition itself went away.
-  if (rule.ip_saddr_family == 4 || rule.ip_daddr_family == 4) {
-    rule.eth_proto = host_to_net16(0x0800);
-  } else if (rule.ip_saddr_family == 6 || rule.ip_daddr_family == 6) {
-    rule.eth_proto = host_to_net16(0x86dd);
+  using namespace dp::wire;
+  if (rule.ip_saddr_family == kFamilyIpv4 || rule.ip_daddr_family == kFamilyIpv4) {
+    rule.eth_proto = host_to_net16(kEtherTypeIpv4);
+  } else if (rule.ip_saddr_family == kFamilyIpv6 || rule.ip_daddr_family == kFamilyIpv6) {
+    rule.eth_proto = host_to_net16(kEtherTypeIpv6);
   } else {
     return;
   }

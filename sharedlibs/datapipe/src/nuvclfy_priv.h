@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvcsock.h"
 
@@ -109,8 +110,9 @@ namespace dp::clfy {
 inline constexpr std::size_t kIfNameLimit = 17;
 // Mask of an ip.tos condition written without one: the ECN bits are ignored.
 inline constexpr std::uint8_t kTosMaskDefault = 0xfc;
-inline constexpr std::uint8_t kProtoTcp = 6;
-inline constexpr std::uint8_t kProtoUdp = 17;
+// The two protocols whose ports rules test.
+using dp::wire::kProtoTcp;
+using dp::wire::kProtoUdp;
 
 // Link-layer conditions that read the Ethernet header.
 inline constexpr std::uint32_t kLinkAddressConditions = NUV_CLFY_F_ETH_SOURCE | NUV_CLFY_F_ETH_DEST |

@@ -2,13 +2,14 @@
 #include <cstdint>
 
 #include "dp_portrange.h"
+#include "dp_wire.h"
 #include "nuvrules.h"
 
 namespace {
 
-constexpr std::uint8_t kProtoIcmp = 1;
-constexpr std::uint8_t kProtoTcp = 6;
-constexpr std::uint8_t kProtoUdp = 17;
+using dp::wire::kProtoIcmp;
+using dp::wire::kProtoTcp;
+using dp::wire::kProtoUdp;
 
 // Highest port a protocol's port fields can hold; 0 for protocols without
 // port conditions.  ICMP rules use the port fields for ICMP types.
