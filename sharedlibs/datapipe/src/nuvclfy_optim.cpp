@@ -149,7 +149,7 @@ namespace {
 // address and prefix length.
 bool same_address(const nuv_clfy_ipaddr &a, std::uint8_t a_prefixlen, const nuv_clfy_ipaddr &b,
                   std::uint8_t b_prefixlen, std::uint8_t family) {
-  if (family == 4) return std::memcmp(a.v6, b.v6, 8) == 0;
+  if (family == dp::wire::kFamilyIpv4) return std::memcmp(a.v6, b.v6, 8) == 0;
   return a_prefixlen == b_prefixlen && std::memcmp(a.v6, b.v6, sizeof a.v6) == 0;
 }
 

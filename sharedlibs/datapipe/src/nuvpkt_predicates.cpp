@@ -11,9 +11,7 @@ namespace {
 
 using dp::wire::kUdpHeaderLength;
 constexpr std::size_t kDnsHeaderLength = 12;
-constexpr std::uint8_t kIpVersion4 = 4;
-constexpr std::size_t kIpProtocolOffset = 9;
-constexpr std::uint8_t kProtocolUdp = 17;
+constexpr std::size_t kIpv4ProtocolOffset = 9;
 constexpr std::uint16_t kMaxDnsPayload = 512;
 constexpr std::uint8_t kOpcodeMask = 0x78;
 constexpr std::uint8_t kQrBit = 0x80;
@@ -114,7 +112,7 @@ bool walk_dns_message(const std::uint8_t *ip, DnsHeader *header) {
   if (total_length < ip_header_length + kUdpHeaderLength + kDnsHeaderLength) return false;
   // Only an IPv4 header carrying UDP holds a UDP header: other protocols'
   // payloads are not DNS messages, however much they look like one.
-  if ((ip[0] >> 4) != kIpVersion4 || ip[kIpProtocolOffset] != kProtocolUdp) return false;
+  if ((ip[0] >> 4) != dp::wire::kFamilyIpv4 || ip[kIpv4ProtocolOffset] != dp::wire::kProtoUdp) return false;
   const std::uint8_t *udp = ip + ip_header_length;
   const std::uint8_t *dns = udp + kUdpHeaderLength;
   const std::uint16_t dns_length = static_cast<std::uint16_t>(dp::load_be16(udp + 4) - kUdpHeaderLength);
