@@ -21,4 +21,17 @@ cc -std=c99 -Wall -Wextra -Werror -o "$work/consumer-pc" "$here/consumer.c" \
 cmake -S "$here" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 "$work/cmake/consumer"
+# The classifier daemon is the reference for how a C daemon links: it is
+# installed, and its sources build against the installed tree alone.
+if [ -x "$build/daemon/nikerkiog-classd" ]; then
+  installed=$(find "$work/prefix" -name nikerkiog-classd -type f | head -n 1)
+  if [ -z "$installed" ]; then
+    echo "nikerkiog-classd is not installed" >&2
+    exit 1
+  fi
+  cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$here"/../../daemon/*.c \
+     $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl) -Wl,-rpath,"$libdir"
+  "$work/classd-pc" --help >/dev/null
+  "$installed" --help >/dev/null
+fi
 echo "install check passed"

@@ -1,5 +1,6 @@
 // Internet checksums of IPv4, TCP, UDP, ICMP and the IPv6 upper layers:
 // set, verify and update incrementally.
+#include "dp_wire.h"
 #include "nuvcksum.h"
 
 #include "dp_bytes.h"
@@ -84,25 +85,23 @@ int transport_checksum_ok(const std::uint8_t *ip, const Ip4Transport &t) {
 // ---------------------------------------------------------------------------
 // IPv6
 
-constexpr std::int32_t kIp6HeaderLength = 40;
-constexpr std::size_t kIp6AddressesOffset = 8;
-constexpr std::uint8_t kAuthenticationHeader = 51;
+constexpr std::size_t kIp6AddressesOffset = dp::wire::kIpv6SourceOffset;
 
 // Next-header values walked as extension headers when looking for the
 // upper layer: hop-by-hop, routing, fragment, authentication, no next
 // header and destination options.
 bool walked_as_extension(std::uint8_t next_header) {
   switch (next_header) {
-    case 0: case 43: case 44: case 51: case 59: case 60:
+    case dp::wire::kProtoHopByHop:
+    case dp::wire::kProtoRouting:
+    case dp::wire::kProtoFragment:
+    case dp::wire::kProtoAuthentication:
+    case dp::wire::kProtoNoNextHeader:
+    case dp::wire::kProtoDestinationOptions:
       return true;
     default:
       return false;
   }
-}
-
-std::int32_t extension_length(std::uint8_t next_header, const std::uint8_t *ext) {
-  if (next_header == kAuthenticationHeader) return (ext[1] + 2) * 4;
-  return (ext[1] + 1) * 8;
 }
 
 // Where the upper-layer header starts (relative to the IPv6 header) and how
@@ -119,12 +118,12 @@ struct UpperLayer {
 constexpr UpperLayer kBrokenChain{-1, 0};
 
 UpperLayer find_upper_layer(const std::uint8_t *ip6) {
-  std::uint8_t next = ip6[6];
-  UpperLayer at{kIp6HeaderLength, dp::load_be16(ip6 + 4)};
+  std::uint8_t next = ip6[dp::wire::kIpv6NextHeaderOffset];
+  UpperLayer at{dp::wire::kIpv6HeaderLength, dp::load_be16(ip6 + dp::wire::kIpv6PayloadLengthOffset)};
   while (walked_as_extension(next)) {
     if (at.length < 2) return kBrokenChain;
     const std::uint8_t *ext = ip6 + at.offset;
-    const std::int32_t len = extension_length(next, ext);
+    const std::int32_t len = dp::wire::ip6_extension_length(next, ext);
     at.length -= len;
     at.offset += len;
     next = ext[0];
@@ -203,9 +202,15 @@ int udp_checksum_ok(const void *iph) { return transport_checksum_ok(static_cast<
 void set_icmp_checksum(void *iph) { set_transport_checksum(static_cast<std::uint8_t *>(iph), kIcmp4); }
 int icmp_checksum_ok(const void *iph) { return transport_checksum_ok(static_cast<const std::uint8_t *>(iph), kIcmp4); }
 
-void set_tcpv6_checksum(void *ip6h) { set_ip6_upper_checksum(static_cast<std::uint8_t *>(ip6h), 6, 16); }
-void set_udpv6_checksum(void *ip6h) { set_ip6_upper_checksum(static_cast<std::uint8_t *>(ip6h), 17, 6); }
-void set_icmpv6_checksum(void *ip6h) { set_ip6_upper_checksum(static_cast<std::uint8_t *>(ip6h), 58, 2); }
+void set_tcpv6_checksum(void *ip6h) {
+  set_ip6_upper_checksum(static_cast<std::uint8_t *>(ip6h), dp::wire::kProtoTcp, 16);
+}
+void set_udpv6_checksum(void *ip6h) {
+  set_ip6_upper_checksum(static_cast<std::uint8_t *>(ip6h), dp::wire::kProtoUdp, 6);
+}
+void set_icmpv6_checksum(void *ip6h) {
+  set_ip6_upper_checksum(static_cast<std::uint8_t *>(ip6h), dp::wire::kProtoIcmpv6, 2);
+}
 
 uint16_t update_checksum_u16(uint16_t old_checksum, uint16_t old_value, uint16_t new_value) {
   return replace_in_checksum(old_checksum, static_cast<std::uint32_t>(dp::net_to_host16(old_value)) << 16,

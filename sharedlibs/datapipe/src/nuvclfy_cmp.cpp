@@ -4,15 +4,15 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 
 namespace {
 
-constexpr std::uint8_t kFamily4 = 4;
-constexpr std::uint8_t kFamily6 = 6;
+using dp::wire::kFamilyIpv4;
+using dp::wire::kFamilyIpv6;
 constexpr std::size_t kOuiSize = 3;
-constexpr std::size_t kMacSize = 6;
 
 // The outcome of one comparison step: decided (with a result) or equal so far.
 struct Step {
@@ -84,9 +84,9 @@ int compare_length(const nuv_clfy *a, const nuv_clfy *b) {
 int compare_address(std::uint8_t family_a, const nuv_clfy_ipaddr &a, std::uint8_t family_b,
                     const nuv_clfy_ipaddr &b) {
   if (family_a != family_b) return -1;
-  if (family_a == kFamily4) return order_masked(a.v4.addr, a.v4.mask, b.v4.addr, b.v4.mask);
+  if (family_a == kFamilyIpv4) return order_masked(a.v4.addr, a.v4.mask, b.v4.addr, b.v4.mask);
   // IPv6 conditions compare by address alone; the prefix lengths do not count.
-  if (family_a == kFamily6) return std::memcmp(a.v6, b.v6, sizeof a.v6);
+  if (family_a == kFamilyIpv6) return std::memcmp(a.v6, b.v6, sizeof a.v6);
   return -1;
 }
 
@@ -129,7 +129,7 @@ Step compare_mac(const nuv_clfy *a, const nuv_clfy *b, std::uint32_t mask, std::
   std::size_t size = 0;
   if (mask & full_bit) {
     bit = full_bit;
-    size = kMacSize;
+    size = dp::wire::kEthernetAddressLength;
   } else if (mask & oui_bit) {
     bit = oui_bit;
     size = kOuiSize;

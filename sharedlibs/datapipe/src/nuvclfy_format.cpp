@@ -4,6 +4,7 @@
 
 #include "dp_bytes.h"
 #include "dp_textwriter.h"
+#include "dp_wire.h"
 #include "nuvaddr.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
@@ -23,15 +24,17 @@ constexpr const char *kOperatorFormats[] = {
     nullptr, "%hu", "!= %hu", "< %hu", "<= %hu", "> %hu", ">= %hu", "%hu-%hu",
 };
 
+}  // namespace
+
+namespace dp::clfy {
+
 void print_comparison(TextWriter &out, std::uint32_t op, std::uint16_t value1, std::uint16_t value2) {
   const bool known = op >= NUV_CLFY_OP_EQ && op <= NUV_CLFY_OP_RANGE;
   const char *format = known ? kOperatorFormats[op] : "op? %hu %hu";
   out.printf(format, value1, value2);
 }
 
-// "80,443,>= 8000", cut at the scratch size.
-const char *list_text(const nuv_clfy_valuelist &list, char (&text)[kPieceSize]) {
-  TextWriter out(text, sizeof text);
+void print_value_list(TextWriter &out, const nuv_clfy_valuelist &list) {
   for (std::uint32_t i = 0; i < list.count; ++i) {
     char piece[kPieceSize];
     TextWriter entry(piece, sizeof piece);
@@ -40,6 +43,18 @@ const char *list_text(const nuv_clfy_valuelist &list, char (&text)[kPieceSize]) 
     if (i) out.append(",");
     out.printf("%s", piece);
   }
+}
+
+}  // namespace dp::clfy
+
+namespace {
+
+using dp::clfy::print_comparison;
+
+// "80,443,>= 8000", cut at the scratch size.
+const char *list_text(const nuv_clfy_valuelist &list, char (&text)[kPieceSize]) {
+  TextWriter out(text, sizeof text);
+  dp::clfy::print_value_list(out, list);
   return text;
 }
 
@@ -62,7 +77,7 @@ void print_link_layer(TextWriter &out, const nuv_clfy &rule) {
   if ((rule.flags & NUV_CLFY_F_ETHSRCTAB) && rule.ethsrctab) {
     const ethersrctab &table = *rule.ethsrctab;
     out.printf(" ethsrctab %s", table.name);
-    for (std::uint32_t i = 0; i < table.count; ++i) out.printf(" %s", ethaddr2str(table.entries + 6 * i));
+    for (std::uint32_t i = 0; i < table.count; ++i) out.printf(" %s", ethaddr2str(table.entries + dp::wire::kEthernetAddressLength * i));
   }
   if (rule.flags & NUV_CLFY_F_ETH_SOURCE)
     out.printf(" eth.source %s", ethaddr2str(rule.eth_source));
@@ -85,9 +100,9 @@ const in6_addr *as_in6(const std::uint8_t *bytes) { return reinterpret_cast<cons
 // IPv4 conditions print address and mask as two dotted quads.
 void print_address(TextWriter &out, const char *keyword, const std::uint8_t *addr, std::uint8_t prefixlen,
                    std::uint8_t family) {
-  if (family == 4)
+  if (family == dp::wire::kFamilyIpv4)
     out.printf(" %s %s %s", keyword, ipaddr2str(dp::load_net32(addr)), ipaddr2str(dp::load_net32(addr + 4)));
-  else if (family == 6)
+  else if (family == dp::wire::kFamilyIpv6)
     out.printf(" %s %s/%u", keyword, ip6addr2str(as_in6(addr)), prefixlen);
 }
 
@@ -95,7 +110,7 @@ void print_ipdsttab(TextWriter &out, const ipdsttab &table) {
   out.printf(" ipdsttab %s", table.name);
   for (std::uint32_t i = 0; i < table.count; ++i) {
     const ipdsttab_entry &entry = table.entries[i];
-    if (entry.family == 6)
+    if (entry.family == dp::wire::kFamilyIpv6)
       out.printf(" %s", ip6addr2str(as_in6(entry.addr.v6)));
     else
       out.printf(" %s", ipaddr2str(dp::load_net32(entry.addr.v6)));
@@ -104,8 +119,8 @@ void print_ipdsttab(TextWriter &out, const ipdsttab &table) {
 
 // " tcp", " udp", or a lone space for ports under any other protocol.
 const char *port_prefix(std::uint8_t proto) {
-  if (proto == dp::clfy::kProtoTcp) return " tcp";
-  if (proto == dp::clfy::kProtoUdp) return " udp";
+  if (proto == dp::wire::kProtoTcp) return " tcp";
+  if (proto == dp::wire::kProtoUdp) return " udp";
   return " ";
 }
 

@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_portrange.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 
@@ -11,7 +13,9 @@ namespace {
 
 using dp::host_to_net16;
 
-constexpr std::uint16_t kPortMax = 65535;
+static_assert(NUV_CLFY_OP_ANY == std::uint32_t(dp::PortOp::any) && NUV_CLFY_OP_EQ == std::uint32_t(dp::PortOp::eq) &&
+              NUV_CLFY_OP_LE == std::uint32_t(dp::PortOp::le) && NUV_CLFY_OP_GE == std::uint32_t(dp::PortOp::ge) &&
+              NUV_CLFY_OP_RANGE == std::uint32_t(dp::PortOp::range));
 
 // Turns degenerate ranges into the single comparison they amount to, so the
 // matcher tests one bound instead of two.
@@ -20,42 +24,10 @@ void normalise_range(nuv_clfy_value &entry) {
     entry.value2 = 0;
     return;
   }
-  std::uint16_t lo = entry.value1;
-  std::uint16_t hi = entry.value2;
-  if (hi == 0) {
-    if (lo != 0) {
-      entry.op = NUV_CLFY_OP_EQ;
-    } else {
-      entry.op = NUV_CLFY_OP_ANY;
-      entry.value1 = 0;
-    }
-    return;
-  }
-  if (hi < lo) {
-    entry.value1 = hi;
-    entry.value2 = lo;
-    lo = entry.value1;
-    hi = entry.value2;
-  }
-  if (lo != 0) {
-    if (lo == hi) {
-      entry.op = NUV_CLFY_OP_EQ;
-      entry.value2 = 0;
-    } else if (hi == kPortMax) {
-      entry.op = NUV_CLFY_OP_GE;
-      entry.value2 = 0;
-    }
-    return;
-  }
-  if (hi < kPortMax) {
-    entry.op = NUV_CLFY_OP_LE;
-    entry.value1 = hi;
-    entry.value2 = 0;
-  } else {
-    entry.op = NUV_CLFY_OP_ANY;
-    entry.value1 = 0;
-    entry.value2 = 0;
-  }
+  const dp::PortCondition simplest = dp::simplest_port_range(entry.value1, entry.value2, dp::kPortMax);
+  entry.op = static_cast<std::uint32_t>(simplest.op);
+  entry.value1 = simplest.low;
+  entry.value2 = simplest.high;
 }
 
 bool same_entry(const nuv_clfy_value &e, const nuv_clfy_value &f) {
@@ -137,7 +109,7 @@ void optimise_list(nuv_clfy_valuelist &list) {
 // 0.0.0.0/0 holds for every address, so the condition goes; otherwise the
 // address is reduced once here instead of per packet.
 void fold_ipv4_mask(nuv_clfy &rule, std::uint8_t *addr, std::uint8_t family, std::uint32_t bit) {
-  if (family != 4) return;
+  if (family != dp::wire::kFamilyIpv4) return;
   const std::uint32_t address = dp::load_net32(addr);
   const std::uint32_t mask = dp::load_net32(addr + 4);
   if (mask == 0) rule.flags &= ~bit;
@@ -147,10 +119,11 @@ void fold_ipv4_mask(nuv_clfy &rule, std::uint8_t *addr, std::uint8_t family, std
 void derive_eth_proto(nuv_clfy &rule) {
   if (!(rule.flags & NUV_CLFY_GROUP_IP_NO_ICMP)) return;
   // The family fields count even when the address condition itself went away.
-  if (rule.ip_saddr_family == 4 || rule.ip_daddr_family == 4) {
-    rule.eth_proto = host_to_net16(0x0800);
-  } else if (rule.ip_saddr_family == 6 || rule.ip_daddr_family == 6) {
-    rule.eth_proto = host_to_net16(0x86dd);
+  using namespace dp::wire;
+  if (rule.ip_saddr_family == kFamilyIpv4 || rule.ip_daddr_family == kFamilyIpv4) {
+    rule.eth_proto = host_to_net16(kEtherTypeIpv4);
+  } else if (rule.ip_saddr_family == kFamilyIpv6 || rule.ip_daddr_family == kFamilyIpv6) {
+    rule.eth_proto = host_to_net16(kEtherTypeIpv6);
   } else {
     return;
   }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvcsock.h"
 
@@ -74,6 +75,13 @@ inline dhcp_match match_of(const nuv_clfy_dhcp &condition) {
   return dhcp_match{condition.code, condition.sub, condition.enterprise, condition.pattern};
 }
 
+// ---- Tables ----
+
+// Removes the 6-byte address `mac` from `table`; later addresses move down
+// by one slot.  False when the table or address is null or the table does
+// not hold the address.
+bool ethersrctab_forget(ethersrctab *table, const std::uint8_t *mac);
+
 // ---- Value lists ----
 
 // Appends one entry (values already in host order).  Returns false when
@@ -94,16 +102,27 @@ bool valuelist_identical(const nuv_clfy_valuelist &a, const nuv_clfy_valuelist &
 
 }  // namespace dp::clfy
 
+namespace dp {
+class TextWriter;
+}
+
 namespace dp::clfy {
 
 // ---- Rule text, matching and optimisation ----
+
+// Appends a comparison as rule text prints it ("80", ">= 8000", "10-20").
+void print_comparison(TextWriter &out, std::uint32_t op, std::uint16_t value1, std::uint16_t value2);
+
+// Appends a value list as rule text prints it ("80,443,>= 8000").
+void print_value_list(TextWriter &out, const nuv_clfy_valuelist &list);
 
 // Interface names keep at most 16 characters and the NUL.
 inline constexpr std::size_t kIfNameLimit = 17;
 // Mask of an ip.tos condition written without one: the ECN bits are ignored.
 inline constexpr std::uint8_t kTosMaskDefault = 0xfc;
-inline constexpr std::uint8_t kProtoTcp = 6;
-inline constexpr std::uint8_t kProtoUdp = 17;
+// The two protocols whose ports rules test.
+using dp::wire::kProtoTcp;
+using dp::wire::kProtoUdp;
 
 // Link-layer conditions that read the Ethernet header.
 inline constexpr std::uint32_t kLinkAddressConditions = NUV_CLFY_F_ETH_SOURCE | NUV_CLFY_F_ETH_DEST |

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 
@@ -167,7 +168,7 @@ int nuv_clfy_add_dhcppacketmatch(nuv_clfy *rule, uint8_t code, uint32_t enterpri
   dhcp->enterprise = enterprise;
   dhcp->ethsrctab = table;
   rule->dhcp = dhcp;
-  rule->ip_proto = kProtoUdp;
+  rule->ip_proto = dp::wire::kProtoUdp;
   rule->flags |= NUV_CLFY_F_DHCP | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS;
   return 0;
 }

@@ -6,14 +6,15 @@
 #include "dp_bytes.h"
 #include "dp_number.h"
 #include "dp_text.h"
+#include "dp_wire.h"
 #include "nuvaddr.h"
 #include "nuvaddr_priv.h"
 #include "nuvclfy.h"
 
 namespace {
 
-constexpr int kMacBytes = 6;
-constexpr int kOuiBytes = 3;
+constexpr int kMacBytes = dp::wire::kEthernetAddressLength;
+constexpr int kOuiBytes = dp::wire::kOuiLength;
 
 // ---------------------------------------------------------------------------
 // Numbers

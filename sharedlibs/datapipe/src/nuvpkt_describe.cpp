@@ -6,6 +6,7 @@
 #include "dp_bytes.h"
 #include "dp_textring.h"
 #include "dp_textwriter.h"
+#include "dp_wire.h"
 #include "nuvaddr.h"
 #include "nuvpkt.h"
 #include "nuvproto.h"
@@ -20,19 +21,10 @@ const char *ring_vprintf(const char *format, va_list args) {
   return buf;
 }
 
-// Formats into a fresh result-ring buffer.
+// Formats into a fresh result-ring buffer.  The format may come from one of
+// the tables below; arguments it does not name are ignored.
 const char *ring_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 const char *ring_printf(const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  const char *text = ring_vprintf(format, args);
-  va_end(args);
-  return text;
-}
-
-// As ring_printf with a format taken from a table (numbers and an optional
-// address text, in the order the format names them).
-const char *ring_table_format(const char *format, ...) {
   va_list args;
   va_start(args, format);
   const char *text = ring_vprintf(format, args);
@@ -81,9 +73,9 @@ const char *message_text(const MessageKind *kinds, std::size_t count, const std:
     if (kind.describe) return kind.describe(hdr);
     if (!kind.by_code) return kind.text;
     if (code < kind.by_code->count) return kind.by_code->texts[code];
-    return ring_table_format(kind.by_code->other_code_format, code);
+    return ring_printf(kind.by_code->other_code_format, code);
   }
-  return ring_table_format(other_type_format, type, code);
+  return ring_printf(other_type_format, type, code);
 }
 
 constexpr const char *kIcmpUnreachable[] = {
@@ -104,7 +96,7 @@ constexpr const char *kIcmpRedirectFormats[] = {
 const char *icmp_redirect(const std::uint8_t *hdr) {
   const std::uint8_t code = hdr[1];
   const char *gateway = ipv4_text(hdr + 4);
-  if (code < count_of(kIcmpRedirectFormats)) return ring_table_format(kIcmpRedirectFormats[code], gateway);
+  if (code < count_of(kIcmpRedirectFormats)) return ring_printf(kIcmpRedirectFormats[code], gateway);
   return ring_printf("redirect code=%d to %s", code, gateway);
 }
 
@@ -187,7 +179,7 @@ const char *igmp_text(const std::uint8_t *hdr) {
   for (const IgmpMessage &m : kIgmpMessages) {
     if (m.type != hdr[0]) continue;
     if (!m.shows_group) return m.format;
-    return ring_table_format(m.format, ipv4_text(hdr + 4));
+    return ring_printf(m.format, ipv4_text(hdr + 4));
   }
   return ring_printf("type 0x%x", hdr[0]);
 }
@@ -249,8 +241,9 @@ struct UpperLayer {
 // The protocol number alone selects the decoder, whichever IP version
 // carries it (so ICMP inside IPv6 is still read as ICMP).
 constexpr UpperLayer kUpperLayers[] = {
-    {17, udp_line}, {6, tcp_line},    {50, esp_line},   {51, ah_line},
-    {108, ipcomp_line}, {1, icmp_line}, {58, icmp6_line}, {2, igmp_line},
+    {dp::wire::kProtoUdp, udp_line},       {dp::wire::kProtoTcp, tcp_line},   {dp::wire::kProtoEsp, esp_line},
+    {dp::wire::kProtoAuthentication, ah_line}, {dp::wire::kProtoIpComp, ipcomp_line},
+    {dp::wire::kProtoIcmp, icmp_line},     {dp::wire::kProtoIcmpv6, icmp6_line}, {dp::wire::kProtoIgmp, igmp_line},
 };
 
 const char *upper_layer_line(std::uint8_t proto, const Endpoints &e) {
@@ -276,7 +269,7 @@ const char *ipv4_fragment_line(const std::uint8_t *ip, std::uint16_t offset, con
 extern "C" {
 
 const char *iph2str(const uint8_t *packet) {
-  if ((packet[0] >> 4) == 6) return ip6h2str(packet);
+  if ((packet[0] >> 4) == dp::wire::kFamilyIpv6) return ip6h2str(packet);
   Endpoints e{};
   e.source = ipv4_text(packet + 12);
   e.destination = ipv4_text(packet + 16);
@@ -288,10 +281,10 @@ const char *iph2str(const uint8_t *packet) {
 
 const char *ip6h2str(const uint8_t *packet) {
   Endpoints e{};
-  e.source = ipv6_text(packet + 8);
-  e.destination = ipv6_text(packet + 24);
-  e.upper = packet + 40;
-  return upper_layer_line(packet[6], e);
+  e.source = ipv6_text(packet + dp::wire::kIpv6SourceOffset);
+  e.destination = ipv6_text(packet + dp::wire::kIpv6DestinationOffset);
+  e.upper = packet + dp::wire::kIpv6HeaderLength;
+  return upper_layer_line(packet[dp::wire::kIpv6NextHeaderOffset], e);
 }
 
 }  // extern "C"

@@ -3,32 +3,18 @@
 #include <cstdint>
 
 #include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvpkt.h"
 
 namespace {
 
-constexpr std::uint8_t kHopByHop = 0;
-constexpr std::uint8_t kRouting = 43;
-constexpr std::uint8_t kFragment = 44;
-constexpr std::uint8_t kAuthentication = 51;
-constexpr std::uint8_t kNoNextHeader = 59;
-
-constexpr int kIp6HeaderLength = 40;
-constexpr std::size_t kNextHeaderByte = 6;
-constexpr std::size_t kPayloadLengthByte = 4;
+using namespace dp::wire;
 
 bool is_ext_hdr(std::uint8_t nexthdr) {
   // 0, and 43/44 with or without bit 4: 59 and 60 are the latter.
-  return nexthdr == kHopByHop || (nexthdr & ~0x10u) == kRouting || (nexthdr & ~0x10u) == kFragment;
+  return nexthdr == kProtoHopByHop || (nexthdr & ~0x10u) == kProtoRouting || (nexthdr & ~0x10u) == kProtoFragment;
 }
 
-// Size in bytes of the extension header at `hdr` of type `nexthdr`: the
-// authentication header counts its length in 4-byte units minus two, all
-// others in 8-byte units minus one.
-int ext_hdr_size(std::uint8_t nexthdr, const std::uint8_t *hdr) {
-  if (nexthdr == kAuthentication) return (hdr[1] + 2) * 4;
-  return (hdr[1] + 1) * 8;
-}
 
 // The walks that start from the IPv6 header count the payload left in 16
 // bits, as the payload length field does.  A header claiming more than is
@@ -37,7 +23,7 @@ int ext_hdr_size(std::uint8_t nexthdr, const std::uint8_t *hdr) {
 bool payload_has_room(int remaining) { return static_cast<std::uint16_t>(remaining) >= 2; }
 bool payload_overrun(int remaining) { return remaining < 0; }
 
-int payload_length(const std::uint8_t *ip6hdr) { return dp::load_be16(ip6hdr + kPayloadLengthByte); }
+int payload_length(const std::uint8_t *ip6hdr) { return dp::load_be16(ip6hdr + kIpv6PayloadLengthOffset); }
 
 }  // namespace
 
@@ -46,18 +32,18 @@ extern "C" {
 int ip6_is_ext_hdr(uint8_t nexthdr) { return is_ext_hdr(nexthdr) ? 1 : 0; }
 
 const uint8_t *ip6_find_fraghdr(const nuv_pktbuf *buf, const uint8_t *ip6hdr) {
-  const std::uint8_t *p = ip6hdr + kIp6HeaderLength;
-  std::uint8_t nh = ip6hdr[kNextHeaderByte];
-  if (nh == kFragment) return p;
+  const std::uint8_t *p = ip6hdr + kIpv6HeaderLength;
+  std::uint8_t nh = ip6hdr[kIpv6NextHeaderOffset];
+  if (nh == kProtoFragment) return p;
   std::ptrdiff_t remaining = static_cast<std::ptrdiff_t>(buf->len) - (p - buf->data);
   while (true) {
-    if (!is_ext_hdr(nh) || nh == kNoNextHeader || remaining < 2) return nullptr;
-    const std::ptrdiff_t size = ext_hdr_size(nh, p);
+    if (!is_ext_hdr(nh) || nh == kProtoNoNextHeader || remaining < 2) return nullptr;
+    const std::ptrdiff_t size = dp::wire::ip6_extension_length(nh, p);
     nh = p[0];
     if (size > remaining) return nullptr;
     p += size;
     remaining -= size;
-    if (nh == kFragment) return p;
+    if (nh == kProtoFragment) return p;
   }
 }
 
@@ -68,7 +54,7 @@ int ip6_skip_exthdr_raw(const uint8_t *data, int len, int offset, uint8_t *nexth
   std::int64_t pos = offset;
   while (is_ext_hdr(nh)) {
     if (pos + 2 > len) return -1;
-    if (nh == kNoNextHeader || nh == kFragment || nh == kRouting) break;
+    if (nh == kProtoNoNextHeader || nh == kProtoFragment || nh == kProtoRouting) break;
     nh = data[pos];
     pos += (data[pos + 1] + 1) * 8;
   }
@@ -82,14 +68,14 @@ int ip6_skip_exthdr(const nuv_pktbuf *buf, int offset, uint8_t *nexthdr, int len
 }
 
 int ip6_skip_exthdr_from_ipv6hdr(const uint8_t *ip6hdr, uint8_t *nexthdr) {
-  std::uint8_t nh = ip6hdr[kNextHeaderByte];
+  std::uint8_t nh = ip6hdr[kIpv6NextHeaderOffset];
   int remaining = payload_length(ip6hdr);
-  int pos = kIp6HeaderLength;
+  int pos = kIpv6HeaderLength;
   while (is_ext_hdr(nh)) {
     if (!payload_has_room(remaining)) return -1;
-    if (nh == kNoNextHeader || nh == kFragment) break;
+    if (nh == kProtoNoNextHeader || nh == kProtoFragment) break;
     if (payload_overrun(remaining)) return -1;
-    const int size = ext_hdr_size(nh, ip6hdr + pos);
+    const int size = dp::wire::ip6_extension_length(nh, ip6hdr + pos);
     nh = ip6hdr[pos];
     pos += size;
     remaining -= size;
@@ -100,16 +86,16 @@ int ip6_skip_exthdr_from_ipv6hdr(const uint8_t *ip6hdr, uint8_t *nexthdr) {
 
 int ip6_exthdr_order_is_valid_in_ipv6hdr(const uint8_t *ip6hdr) {
   if (!ip6hdr) return 0;
-  std::uint8_t nh = ip6hdr[kNextHeaderByte];
+  std::uint8_t nh = ip6hdr[kIpv6NextHeaderOffset];
   int remaining = payload_length(ip6hdr);
-  int pos = kIp6HeaderLength;
+  int pos = kIpv6HeaderLength;
   bool first = true;
   while (true) {
     if (!is_ext_hdr(nh)) return 1;
     if (!payload_has_room(remaining)) return -1;
-    if (nh == kHopByHop && !first) return -2;
+    if (nh == kProtoHopByHop && !first) return -2;
     if (payload_overrun(remaining)) return -1;
-    const int size = ext_hdr_size(nh, ip6hdr + pos);
+    const int size = dp::wire::ip6_extension_length(nh, ip6hdr + pos);
     nh = ip6hdr[pos];
     pos += size;
     remaining -= size;

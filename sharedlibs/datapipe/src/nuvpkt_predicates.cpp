@@ -3,12 +3,13 @@
 #include <cstdint>
 
 #include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvcsock.h"
 #include "nuvpkt.h"
 
 namespace {
 
-constexpr std::size_t kUdpHeaderLength = 8;
+using dp::wire::kUdpHeaderLength;
 constexpr std::size_t kDnsHeaderLength = 12;
 constexpr std::uint16_t kMaxDnsPayload = 512;
 constexpr std::uint8_t kOpcodeMask = 0x78;
@@ -137,7 +138,8 @@ constexpr std::uint8_t kIcmp6RequestOf[17] = {
     139, 255, 255, 255, 255, 144,                           // 140 node information, 145 home agent discovery
 };
 
-constexpr std::uint8_t kPortProtocols[] = {6, 17, 33, 132, 136};
+constexpr std::uint8_t kPortProtocols[] = {dp::wire::kProtoTcp, dp::wire::kProtoUdp, dp::wire::kProtoDccp,
+                                           dp::wire::kProtoSctp, dp::wire::kProtoUdpLite};
 
 }  // namespace
 

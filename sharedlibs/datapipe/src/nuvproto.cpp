@@ -1,4 +1,5 @@
 // IP protocol names and numbers, TCP flag texts.
+#include "dp_wire.h"
 #include "nuvproto.h"
 
 #include <strings.h>
@@ -43,7 +44,7 @@ struct ProtocolAlias {
 // of the rule texts, which users write as "IP".
 constexpr ProtocolAlias kPrintedAliases[] = {
     {"IP", NUV_IPPROTO_ANY},
-    {"ICMPv6", 58},
+    {"ICMPv6", dp::wire::kProtoIcmpv6},
     {"IPIP", 94},
 };
 
@@ -52,7 +53,7 @@ constexpr ProtocolAlias kPrintedAliases[] = {
 constexpr ProtocolAlias kParsedAliases[] = {
     {"ip", NUV_IPPROTO_ANY},
     {"ipv4", 0},
-    {"icmpv6", 58},
+    {"icmpv6", dp::wire::kProtoIcmpv6},
     {"ipip", 94},
 };
 

@@ -1,13 +1,15 @@
 // Access rules: canonical form of a parsed rule and its presence bits.
 #include <cstdint>
 
+#include "dp_portrange.h"
+#include "dp_wire.h"
 #include "nuvrules.h"
 
 namespace {
 
-constexpr std::uint8_t kProtoIcmp = 1;
-constexpr std::uint8_t kProtoTcp = 6;
-constexpr std::uint8_t kProtoUdp = 17;
+using dp::wire::kProtoIcmp;
+using dp::wire::kProtoTcp;
+using dp::wire::kProtoUdp;
 
 // Highest port a protocol's port fields can hold; 0 for protocols without
 // port conditions.  ICMP rules use the port fields for ICMP types.
@@ -15,7 +17,7 @@ std::uint16_t port_ceiling(std::uint8_t proto) {
   switch (proto) {
     case kProtoTcp:
     case kProtoUdp:
-      return 65535;
+      return dp::kPortMax;
     case kProtoIcmp:
       return 255;
     default:
@@ -23,53 +25,21 @@ std::uint16_t port_ceiling(std::uint8_t proto) {
   }
 }
 
-struct PortCondition {
-  std::int32_t &op;
-  std::uint16_t &low;
-  std::uint16_t &high;
-
-  void clear() {
-    op = IPACCESS_OP_NONE;
-    low = 0;
-    high = 0;
-  }
-  void single(std::int32_t new_op, std::uint16_t port) {
-    op = new_op;
-    low = port;
-    high = 0;
-  }
-};
+static_assert(IPACCESS_OP_NONE == int(dp::PortOp::any) && IPACCESS_OP_EQ == int(dp::PortOp::eq) &&
+              IPACCESS_OP_LE == int(dp::PortOp::le) && IPACCESS_OP_GE == int(dp::PortOp::ge) &&
+              IPACCESS_OP_RANGE == int(dp::PortOp::range));
 
 // Reduces a "range" condition to the simplest operator that admits the same
-// ports.
-void normalise_range(PortCondition c, std::uint16_t ceiling) {
-  if (c.high == 0) {
-    if (c.low != 0)
-      c.single(IPACCESS_OP_EQ, c.low);
-    else
-      c.clear();
+// ports; other operators lose their upper bound.
+void normalise_condition(std::int32_t &op, std::uint16_t &low, std::uint16_t &high, std::uint16_t ceiling) {
+  if (op != IPACCESS_OP_RANGE) {
+    high = 0;
     return;
   }
-  if (c.low > c.high) {
-    std::uint16_t low = c.high;
-    c.high = c.low;
-    c.low = low;
-  }
-  if (c.low == 0 && c.high == ceiling)
-    c.clear();  // every port
-  else if (c.low == 0)
-    c.single(IPACCESS_OP_LE, c.high);
-  else if (c.low == c.high)
-    c.single(IPACCESS_OP_EQ, c.low);
-  else if (c.high == ceiling)
-    c.single(IPACCESS_OP_GE, c.low);
-}
-
-void normalise_condition(PortCondition c, std::uint16_t ceiling) {
-  if (c.op == IPACCESS_OP_RANGE)
-    normalise_range(c, ceiling);
-  else
-    c.high = 0;
+  const dp::PortCondition simplest = dp::simplest_port_range(low, high, ceiling);
+  op = static_cast<std::int32_t>(simplest.op);
+  low = simplest.low;
+  high = simplest.high;
 }
 
 // ICMP types stop at 255; an upper bound only survives for a range.
@@ -104,9 +74,9 @@ void normalise_ports(ipaccess_rule &rule) {
     return;
   }
   if (rule.proto == kProtoIcmp) clamp_icmp_destination(rule);
-  normalise_condition(PortCondition{rule.dst_op, rule.dst_port, rule.dst_port2}, ceiling);
+  normalise_condition(rule.dst_op, rule.dst_port, rule.dst_port2, ceiling);
   clamp_source(rule, ceiling);
-  normalise_condition(PortCondition{rule.src_op, rule.src_port, rule.src_port2}, ceiling);
+  normalise_condition(rule.src_op, rule.src_port, rule.src_port2, ceiling);
 }
 
 }  // namespace

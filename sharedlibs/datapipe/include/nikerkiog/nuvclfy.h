@@ -561,6 +561,24 @@ typedef struct nuv_clfy_packet {
 NIKERKIOG_API int nuv_clfy_matches(struct nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t reserved,
                                    uint32_t mark);
 
+/* Result of nuv_clfy_explain. */
+typedef struct nuv_clfy_explanation {
+  int32_t matched;   /* 1 when the rule matched, else 0 */
+  char keyword[32];  /* the first failed condition's keyword as written in rule text ("tcp.dport"); "" when matched */
+  char text[192];    /* e.g. "tcp.dport: packet has 443, rule wants 80"; "" when matched */
+} nuv_clfy_explanation;
+
+/* Whether `packet` satisfies `rule`, as nuv_clfy_matches decides it, and if
+ * not which condition failed first: the same tests run in the same order,
+ * and the first that fails is named in out->keyword and described in
+ * out->text (the packet's value and the rule's, cut to fit).  A miss with
+ * no condition to blame (a rule whose presence bits name no condition) has
+ * an empty keyword.  Counts no hits and learns or forgets no DHCP clients.
+ * `mark` as for nuv_clfy_matches.  out: written completely.  Returns
+ * out->matched. */
+NIKERKIOG_API int nuv_clfy_explain(const struct nuv_clfy *rule, const nuv_clfy_packet *packet, uint32_t mark,
+                                   nuv_clfy_explanation *out);
+
 /* The rule of `set` that applies to `packet`, or null.  Top-level rules are
  * tried in order, first match wins; a matching rule with sub-rules is never
  * the result itself: its sub-rules are searched the same way, and when none

@@ -1,0 +1,420 @@
+/* nikerkiog-classd: classifies the packets of a kernel queue with the
+ * rules of a file and answers each with a mark.
+ *
+ *   nikerkiog-classd --queue N --rules FILE [--dev NAME=INDEX ...] [--optimise]
+ *                    [--fail-open] [--stats FILE [--stats-interval SECONDS]]
+ *
+ * SIGHUP reloads the rule file (the set in use stays when the new one has
+ * an error), SIGUSR1 writes the statistics file, SIGTERM and SIGINT stop
+ * after answering the packets in hand. */
+#define _GNU_SOURCE
+#include <errno.h>
+#include <stddef.h>
+#include <getopt.h>
+#include <inttypes.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <nikerkiog.h>
+#include <nuvcsock_test.h>
+
+#include "classd_queue.h"
+#include "classd_rules.h"
+#include "classd_stats.h"
+
+/* Exit statuses. */
+enum {
+  EXIT_STOPPED = 0, /* stopped by SIGTERM/SIGINT, or a self-test passed */
+  EXIT_FAILED = 1,  /* the queue failed while running, or a self-test failed */
+  EXIT_REFUSED = 2  /* did not start: bad options, rule file errors, queue not bound */
+};
+
+/* Test hook: when set to N > 0, every reload's Nth allocation of the
+ * classifier fails, as when memory runs out mid-reload. */
+#define CLASSD_FAIL_ALLOCATION_ENV "NIKERKIOG_CLASSD_FAIL_ALLOCATION"
+
+/* Packets answered per turn of the loop, between signal checks. */
+#define CLASSD_BATCH 64
+/* Turns of answering waiting packets between a stop signal and unbinding. */
+#define CLASSD_STOP_TURNS 16
+/* Default seconds between two statistics writes. */
+#define CLASSD_STATS_INTERVAL 10
+
+struct options {
+  long queue;
+  const char *rules_path;
+  const char *stats_path;
+  long stats_interval;
+  long queue_maxlen;
+  int optimise;
+  int fail_open;
+  int null_mode;
+  int use_syslog;
+  long selftest_reloads;
+};
+
+struct daemon {
+  struct options options;
+  struct classd_devnames devs;
+  struct classd_classes classes;
+  struct classd_ruleset *rules;
+  struct classd_queue *queue;
+  uint64_t generation, reloads, reload_failures, unchanged;
+  long fail_allocation;
+  int stop;
+};
+
+static int use_syslog;
+
+static void say(int priority, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  if (use_syslog) {
+    vsyslog(priority, format, args);
+  } else {
+    fputs("nikerkiog-classd: ", stderr);
+    vfprintf(stderr, format, args);
+    fputc('\n', stderr);
+  }
+  va_end(args);
+}
+
+/* Says each line of `text` on its own. */
+static void say_lines(int priority, const char *text) {
+  const char *end;
+  for (; (end = strchr(text, '\n')) != NULL; text = end + 1) say(priority, "%.*s", (int)(end - text), text);
+  say(priority, "%s", text);
+}
+
+static void usage(FILE *out) {
+  fputs("usage: nikerkiog-classd --queue N --rules FILE [options]\n"
+        "  --queue N              queue number of the firewall rule (--queue-num N)\n"
+        "  --rules FILE           rule file: one rule per line, \"=> N\" at the end gives the mark\n"
+        "  --dev NAME=INDEX       interface index for NAME in dev/brdev conditions (repeatable);\n"
+        "                         other names are looked up among the interfaces\n"
+        "  --optimise             restructure the rule set into a tree (same verdicts)\n"
+        "  --fail-open            let packets pass when the queue is full\n"
+        "  --queue-maxlen N       packets the kernel holds for the daemon at most\n"
+        "  --stats FILE           write statistics as JSON to FILE on SIGUSR1 and every interval\n"
+        "  --stats-interval SECS  seconds between statistics writes (default 10; 0: only on SIGUSR1)\n"
+        "  --null                 accept every packet unchanged without classifying (reference)\n"
+        "  --syslog               log to syslog instead of standard error\n"
+        "signals: SIGHUP reloads the rules, SIGUSR1 writes statistics, SIGTERM/SIGINT stop\n",
+        out);
+}
+
+enum { OPT_DEV = 256, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
+
+static const struct option kOptions[] = {
+    {"queue", required_argument, NULL, 'q'},
+    {"rules", required_argument, NULL, 'r'},
+    {"dev", required_argument, NULL, OPT_DEV},
+    {"optimise", no_argument, NULL, 'O'},
+    {"fail-open", no_argument, NULL, 'f'},
+    {"stats", required_argument, NULL, 's'},
+    {"stats-interval", required_argument, NULL, OPT_STATS_INTERVAL},
+    {"queue-maxlen", required_argument, NULL, OPT_QUEUE_MAXLEN},
+    {"null", no_argument, NULL, OPT_NULL},
+    {"syslog", no_argument, NULL, OPT_SYSLOG},
+    {"help", no_argument, NULL, OPT_HELP},
+    /* Test hook, not shown by --help: reload N times without binding a
+     * queue and compare the classifier's live allocations before and after. */
+    {"selftest-reloads", required_argument, NULL, OPT_SELFTEST},
+    {NULL, 0, NULL, 0}};
+
+/* Options taking a number: its range, where it goes, what to say when the
+ * value is outside the range. */
+struct number_option {
+  int code;
+  long low, high;
+  size_t offset;
+  const char *complaint;
+};
+
+static const struct number_option kNumberOptions[] = {
+    {'q', 0, 65535, offsetof(struct options, queue), "--queue: a number 0..65535"},
+    {OPT_STATS_INTERVAL, 0, 86400, offsetof(struct options, stats_interval), "--stats-interval: seconds 0..86400"},
+    {OPT_QUEUE_MAXLEN, 1, 1 << 24, offsetof(struct options, queue_maxlen), "--queue-maxlen: a number 1..16777216"},
+    {OPT_SELFTEST, 1, 1000000, offsetof(struct options, selftest_reloads), "--selftest-reloads: a number 1..1000000"}};
+
+/* Options that switch something on, and options naming a file. */
+struct plain_option {
+  int code;
+  size_t offset;
+};
+
+static const struct plain_option kFlagOptions[] = {{'O', offsetof(struct options, optimise)},
+                                                   {'f', offsetof(struct options, fail_open)},
+                                                   {OPT_NULL, offsetof(struct options, null_mode)},
+                                                   {OPT_SYSLOG, offsetof(struct options, use_syslog)}};
+
+static const struct plain_option kFileOptions[] = {{'r', offsetof(struct options, rules_path)},
+                                                   {'s', offsetof(struct options, stats_path)}};
+
+#define COUNT_OF(table) (sizeof(table) / sizeof((table)[0]))
+
+static int take_number(const struct number_option *option, const char *text, struct options *o) {
+  char *end;
+  long value;
+  errno = 0;
+  value = strtol(text, &end, 10);
+  if (text[0] == '\0' || *end != '\0' || errno != 0 || value < option->low || value > option->high) {
+    say(LOG_ERR, "%s", option->complaint);
+    return -1;
+  }
+  memcpy((char *)o + option->offset, &value, sizeof value);
+  return 0;
+}
+
+/* Reads one option; 0, 1 for --help, or -1 (after saying why). */
+static int take_option(struct daemon *d, int c, const char *arg) {
+  struct options *o = &d->options;
+  size_t i;
+  for (i = 0; i < COUNT_OF(kNumberOptions); ++i)
+    if (kNumberOptions[i].code == c) return take_number(&kNumberOptions[i], arg, o);
+  for (i = 0; i < COUNT_OF(kFlagOptions); ++i) {
+    if (kFlagOptions[i].code == c) {
+      const int on = 1;
+      memcpy((char *)o + kFlagOptions[i].offset, &on, sizeof on);
+      return 0;
+    }
+  }
+  for (i = 0; i < COUNT_OF(kFileOptions); ++i) {
+    if (kFileOptions[i].code == c) {
+      memcpy((char *)o + kFileOptions[i].offset, &arg, sizeof arg);
+      return 0;
+    }
+  }
+  if (c == OPT_DEV && classd_devnames_add(&d->devs, arg) == 0) return 0;
+  if (c == OPT_DEV) say(LOG_ERR, "--dev %s: give NAME=INDEX", arg);
+  if (c == OPT_HELP) usage(stdout);
+  else if (c != OPT_DEV) usage(stderr);
+  return c == OPT_HELP ? 1 : -1;
+}
+
+/* 0 to go on, 1 to stop with success (--help), -1 for a usage error. */
+static int parse_options(struct daemon *d, int argc, char **argv) {
+  int c, status;
+  d->options.queue = -1;
+  d->options.stats_interval = CLASSD_STATS_INTERVAL;
+  while ((c = getopt_long(argc, argv, "", kOptions, NULL)) != -1)
+    if ((status = take_option(d, c, optarg)) != 0) return status;
+  if (optind < argc) {
+    say(LOG_ERR, "unexpected argument: %s", argv[optind]);
+    return -1;
+  }
+  if ((d->options.queue < 0 && !d->options.selftest_reloads) || (!d->options.rules_path && !d->options.null_mode) ||
+      (!d->options.rules_path && d->options.selftest_reloads)) {
+    usage(stderr);
+    return -1;
+  }
+  return 0;
+}
+
+/* Loads the rule file; the new set replaces the one in use only when it
+ * was read and built without any error. */
+static int load_rules(struct daemon *d, int reload) {
+  struct classd_load_error error;
+  struct classd_ruleset *fresh;
+  if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(d->fail_allocation);
+  fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &d->classes, &error);
+  if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
+  if (!fresh) {
+    if (reload) d->reload_failures++;
+    if (reload) say(LOG_ERR, "reload failed, the rules in use stay:");
+    say_lines(LOG_ERR, error.text);
+    return -1;
+  }
+  classd_ruleset_free(d->rules);
+  d->rules = fresh;
+  d->generation++;
+  if (reload) {
+    d->reloads++;
+    if (!d->options.selftest_reloads) say(LOG_INFO, "reloaded %s: %zu rules", d->options.rules_path, fresh->count);
+  }
+  return 0;
+}
+
+static void decide(void *ctx, const nuv_clfy_packet *packet, uint32_t mark, struct classd_verdict *verdict) {
+  struct daemon *d = ctx;
+  struct classd_rule *rule = d->options.null_mode ? NULL : classd_ruleset_classify(d->rules, packet);
+  (void)mark;
+  if (!rule) {
+    d->unchanged++;
+    return;
+  }
+  verdict->set_mark = 1;
+  verdict->mark = rule->result;
+  d->classes.verdicts[rule->slot]++;
+}
+
+static void write_stats(struct daemon *d) {
+  struct classd_stats stats;
+  const struct classd_queue_counters *counters;
+  char why[512];
+  if (!d->options.stats_path) return;
+  memset(&stats, 0, sizeof stats);
+  stats.rules_path = d->options.rules_path;
+  stats.queue = (uint16_t)d->options.queue;
+  stats.generation = d->generation;
+  stats.reloads = d->reloads;
+  stats.reload_failures = d->reload_failures;
+  stats.unchanged = d->unchanged;
+  if (d->queue) {
+    counters = classd_queue_counters(d->queue);
+    stats.packets = counters->packets;
+    stats.verdict_messages = counters->verdict_messages;
+    stats.errors = counters->malformed + counters->send_errors;
+    stats.overruns = counters->overruns;
+  }
+  classd_queue_kernel_drops(stats.queue, &stats.queue_dropped, &stats.user_dropped);
+  stats.live_blocks = nuvcsock_slab_live_blocks();
+  stats.classes = &d->classes;
+  stats.rules = d->rules;
+  if (classd_stats_write(d->options.stats_path, &stats, why, sizeof why) != 0)
+    say(LOG_ERR, "statistics not written: %s", why);
+}
+
+static void handle_signals(struct daemon *d, int fd) {
+  struct signalfd_siginfo info;
+  while (read(fd, &info, sizeof info) == (ssize_t)sizeof info) {
+    if (info.ssi_signo == SIGHUP && d->options.rules_path) load_rules(d, 1);
+    else if (info.ssi_signo == SIGUSR1) write_stats(d);
+    else if (info.ssi_signo == SIGTERM || info.ssi_signo == SIGINT) d->stop = 1;
+  }
+}
+
+/* Signals arrive through a descriptor, read between two packet batches. */
+static int signal_descriptor(void) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGHUP);
+  sigaddset(&signals, SIGUSR1);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  if (sigprocmask(SIG_BLOCK, &signals, NULL) != 0) return -1;
+  return signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+static int timer_descriptor(long seconds) {
+  struct itimerspec interval;
+  int fd;
+  if (seconds <= 0) return -1;
+  fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  if (fd < 0) return -1;
+  memset(&interval, 0, sizeof interval);
+  interval.it_value.tv_sec = interval.it_interval.tv_sec = seconds;
+  timerfd_settime(fd, 0, &interval, NULL);
+  return fd;
+}
+
+/* Serves the queue until a stop signal or a socket failure. */
+static int serve(struct daemon *d, int signals, int timer) {
+  struct pollfd fds[3];
+  nfds_t count = timer >= 0 ? 3 : 2;
+  int turns;
+  fds[0].fd = classd_queue_fd(d->queue);
+  fds[1].fd = signals;
+  fds[2].fd = timer;
+  while (!d->stop) {
+    fds[0].events = fds[1].events = fds[2].events = POLLIN;
+    if (poll(fds, count, -1) < 0) {
+      if (errno == EINTR) continue;
+      say(LOG_ERR, "poll: %s", strerror(errno));
+      return EXIT_FAILED;
+    }
+    if (fds[0].revents && classd_queue_serve(d->queue, CLASSD_BATCH) < 0) {
+      say(LOG_ERR, "queue %ld failed: %s", d->options.queue, strerror(errno));
+      return EXIT_FAILED;
+    }
+    if (fds[1].revents) handle_signals(d, signals);
+    if (count == 3 && fds[2].revents) {
+      uint64_t expirations;
+      if (read(timer, &expirations, sizeof expirations) > 0) write_stats(d);
+    }
+  }
+  /* Answer what already waits before letting the queue go; under steady
+   * traffic the queue never empties, so only a few turns. */
+  for (turns = 0; turns < CLASSD_STOP_TURNS && classd_queue_serve(d->queue, CLASSD_BATCH) > 0; ++turns) {
+  }
+  return EXIT_STOPPED;
+}
+
+static int run(struct daemon *d) {
+  struct classd_queue_config config;
+  char why[512];
+  int signals, timer, status;
+  signals = signal_descriptor();
+  if (signals < 0) {
+    say(LOG_ERR, "cannot receive signals: %s", strerror(errno));
+    return EXIT_REFUSED;
+  }
+  config.number = (uint16_t)d->options.queue;
+  config.maxlen = (uint32_t)d->options.queue_maxlen;
+  config.fail_open = d->options.fail_open;
+  status = classd_queue_open(&config, decide, d, &d->queue, why, sizeof why);
+  if (status != CLASSD_QUEUE_OK) {
+    say(LOG_ERR, "%s", why);
+    close(signals);
+    return EXIT_REFUSED;
+  }
+  say(LOG_INFO, "queue %ld bound%s, %zu rules", d->options.queue, d->options.fail_open ? " (fail-open)" : "",
+      d->rules ? d->rules->count : (size_t)0);
+  timer = d->options.stats_path ? timer_descriptor(d->options.stats_interval) : -1;
+  status = serve(d, signals, timer);
+  write_stats(d);
+  classd_queue_close(d->queue);
+  d->queue = NULL;
+  if (timer >= 0) close(timer);
+  close(signals);
+  return status;
+}
+
+/* Test hook: reloads the rule file again and again (with the allocation
+ * failure of the test hook armed, if set), then once more without it, and
+ * reports whether the classifier's live allocations came back to the count
+ * after the first load, and how many allocations a reload makes. */
+static int selftest_reloads(struct daemon *d) {
+  long before = nuvcsock_slab_live_blocks(), after, allocations, i;
+  for (i = 0; i < d->options.selftest_reloads; ++i) load_rules(d, 1);
+  printf("selftest: %ld reloads, %" PRIu64 " done, %" PRIu64 " failed", d->options.selftest_reloads, d->reloads,
+         d->reload_failures);
+  d->fail_allocation = 0;
+  allocations = nuvcsock_allocations();
+  load_rules(d, 1);
+  allocations = nuvcsock_allocations() - allocations;
+  after = nuvcsock_slab_live_blocks();
+  printf(", live blocks %ld before, %ld after, %ld allocations per reload\n", before, after, allocations);
+  return before == after ? EXIT_STOPPED : EXIT_FAILED;
+}
+
+int main(int argc, char **argv) {
+  struct daemon d;
+  const char *fail = getenv(CLASSD_FAIL_ALLOCATION_ENV);
+  int status;
+  memset(&d, 0, sizeof d);
+  status = parse_options(&d, argc, argv);
+  if (status != 0) {
+    classd_devnames_free(&d.devs);
+    return status > 0 ? EXIT_STOPPED : EXIT_REFUSED;
+  }
+  if (fail) d.fail_allocation = strtol(fail, NULL, 10);
+  use_syslog = d.options.use_syslog;
+  if (use_syslog) openlog("nikerkiog-classd", LOG_PID, LOG_DAEMON);
+  if (d.options.rules_path && load_rules(&d, 0) != 0) status = EXIT_REFUSED;
+  else if (d.options.selftest_reloads) status = selftest_reloads(&d);
+  else status = run(&d);
+  classd_ruleset_free(d.rules);
+  classd_classes_free(&d.classes);
+  classd_devnames_free(&d.devs);
+  if (use_syslog) closelog();
+  return status;
+}

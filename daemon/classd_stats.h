@@ -1,0 +1,34 @@
+/* The statistics file of the classifier daemon. */
+#ifndef CLASSD_STATS_H
+#define CLASSD_STATS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "classd_rules.h"
+
+/* Everything the statistics file reports. */
+struct classd_stats {
+  const char *rules_path;
+  uint16_t queue;
+  uint64_t generation;      /* rule sets loaded so far, the first included */
+  uint64_t reloads;         /* reloads that replaced the set */
+  uint64_t reload_failures; /* reloads that kept the old set */
+  uint64_t packets;         /* packets answered */
+  uint64_t verdict_messages; /* verdict messages that answered them */
+  uint64_t unchanged;       /* packets no rule applied to (mark left as it was) */
+  uint64_t errors;          /* packets without data and verdicts the kernel did not take */
+  uint64_t queue_dropped;   /* the kernel dropped them: queue full */
+  uint64_t user_dropped;    /* the kernel could not deliver them to us */
+  uint64_t overruns;        /* our socket buffer overflowed */
+  long live_blocks;         /* the classifier's live allocations */
+  const struct classd_classes *classes;
+  const struct classd_ruleset *rules; /* null when no set is loaded */
+};
+
+/* Writes `stats` as one JSON object to `path` atomically: into "PATH.tmp",
+ * then renamed over `path`.  Returns 0, or -1 with `why` (of `size` bytes)
+ * filled. */
+int classd_stats_write(const char *path, const struct classd_stats *stats, char *why, size_t size);
+
+#endif
