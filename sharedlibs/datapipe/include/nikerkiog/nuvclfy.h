@@ -639,9 +639,10 @@ NIKERKIOG_API nuv_clfy *nuv_clfy_checkflag_clone(const nuv_clfy *rule, uint32_t 
 NIKERKIOG_API void nuv_clfy_optim(struct nuv_clfy *rule);
 
 /* Builds into `dst` a tree of clones of the top-level rules of `src`:
- * consecutive rules that share interface, Ethernet type, protocol and
- * addresses or length are placed under a parent rule testing those once,
- * so that the first-match verdict stays the same.  `src` is not changed;
+ * consecutive rules whose interface, Ethernet type, protocol and addresses
+ * or length are identical (same masks and prefix lengths too) are placed
+ * under a parent rule testing those once, so that the first-match verdict
+ * stays the same.  `src` is not changed;
  * `dst`'s previous list is replaced without being freed, and `dst` owns the
  * new tree.  Returns 0 (also for an empty `src`, leaving `dst` untouched),
  * or -1 when memory ran out (nothing of the new tree stays allocated and
