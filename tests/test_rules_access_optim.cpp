@@ -41,7 +41,7 @@ TEST(AccessOptimRange, RangeFromZeroBecomesLessOrEqual) {
 
 // Such a record cannot come from a rule line, which refuses port 0.
 TEST(AccessOptimRange, RangeFromZeroIsNotWritable) {
-  EXPECT_EQ(access_test::parse("permit tcp any any range 0 80").rc, -13);
+  EXPECT_EQ(access_test::parse("permit tcp any any range 0 80").rc, IPACCESS_E_BAD_DST_PORT);
 }
 
 TEST(AccessOptimRange, RangeOfOnePortBecomesEqual) {

@@ -305,7 +305,7 @@ TEST(Ip6PortRangeProperty, RangesPrintAsTheReferenceAndReadBack) {
     ExactText exact(text);
     ip6_portrange back;
     std::memset(&back, 0x5A, sizeof back);
-    ASSERT_EQ(ip6_portrange_parse(exact.c_str(), &back), 0) << text;
+    ASSERT_EQ(ip6_portrange_parse(exact.c_str(), &back), IP6_PORTRANGE_E_OK) << text;
     EXPECT_EQ(back.enabled, r.enabled) << text;
     EXPECT_EQ(back.proto, r.proto) << text;
     EXPECT_EQ(back.port_lo, r.port_lo) << text;
@@ -337,7 +337,7 @@ TEST(Ip6ForwardRuleProperty, BlocksSortAndPrintAsTheReference) {
         int proto = protocols[rng() % protocols.size()];
         if (kPortProtocols.count(proto)) continue;
         portless.insert(proto);
-        ASSERT_EQ(block.add(names().at(proto)), 0);
+        ASSERT_EQ(block.add(names().at(proto)), IP6_FORWARDRULE_E_OK);
         continue;
       }
       int proto = port_protocols[rng() % port_protocols.size()];
@@ -349,7 +349,7 @@ TEST(Ip6ForwardRuleProperty, BlocksSortAndPrintAsTheReference) {
         line += (k ? "," : "") + (a == b ? std::to_string(a) : std::to_string(a) + "-" + std::to_string(b));
         expected.push_back({proto, std::min(a, b), std::max(a, b)});
       }
-      ASSERT_EQ(block.add(line), 0) << line;
+      ASSERT_EQ(block.add(line), IP6_FORWARDRULE_E_OK) << line;
     }
     std::sort(expected.begin(), expected.end());
     ip6_forwardrule *rule = block.rule();
@@ -366,7 +366,7 @@ TEST(Ip6ForwardRuleProperty, BlocksSortAndPrintAsTheReference) {
     // A text that was not cut reads back, protocol by protocol, to itself.
     if (text.size() >= 255) continue;
     Block again(64);
-    for (const std::string &line : lines_of_block_text(text)) ASSERT_EQ(again.add(line), 0) << line;
+    for (const std::string &line : lines_of_block_text(text)) ASSERT_EQ(again.add(line), IP6_FORWARDRULE_E_OK) << line;
     ip6_forwardrule_finish(again.rule());
     ASSERT_EQ(std::string(ip6_forwardrule2str(again.rule())), text);
   }
@@ -380,7 +380,7 @@ TEST(Ip6ForwardRuleRegistry, EveryKeywordIsAPortListOrAMarkedProtocol) {
     std::string lower = row.keyword;
     std::transform(lower.begin(), lower.end(), lower.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    ASSERT_EQ(block.add(lower + " 7"), 0) << row.keyword;
+    ASSERT_EQ(block.add(lower + " 7"), IP6_FORWARDRULE_E_OK) << row.keyword;
     // "IPv4" is read as 0 and nothing else of the registry shares a name.
     const int number = row.number == 4 ? 0 : row.number;
     ip6_forwardrule *rule = block.rule();

@@ -223,7 +223,7 @@ TEST(MasqRuleFile, PrintedRulesReadBackToTheSameText) {
       continue;
     ExactText printed(c.expected_text);
     ipmasqfwruleex r;
-    ASSERT_EQ(ipmasqfwruleex_parse(&r, printed.c_str()), 0) << c.expected_text;
+    ASSERT_EQ(ipmasqfwruleex_parse(&r, printed.c_str()), IPMASQFWRULE_E_OK) << c.expected_text;
     EXPECT_EQ(std::string(ipmasqfwruleex_string(&r)), c.expected_text);
   }
 }
@@ -237,7 +237,7 @@ TEST(MasqRuleProperty, PlainRulesPrintAsTheReferenceAndReadBack) {
     ExactText exact(text);
     ipmasqfwrule back;
     std::memset(&back, 0x5A, sizeof back);
-    ASSERT_EQ(ipmasqfwrule_parse(&back, exact.c_str()), 0) << text;
+    ASSERT_EQ(ipmasqfwrule_parse(&back, exact.c_str()), IPMASQFWRULE_E_OK) << text;
     expect_same_rule(back, r, text);
     if (HasFailure()) break;
   }
@@ -254,7 +254,7 @@ TEST(MasqRuleProperty, ExtendedRulesPrintAsTheReferenceAndReadBack) {
     ExactText exact(text);
     ipmasqfwruleex back;
     std::memset(&back, 0x5A, sizeof back);
-    ASSERT_EQ(ipmasqfwruleex_parse(&back, exact.c_str()), 0) << text;
+    ASSERT_EQ(ipmasqfwruleex_parse(&back, exact.c_str()), IPMASQFWRULE_E_OK) << text;
     expect_same_rule(back.rule, r.rule, text);
     EXPECT_EQ(back.enabled, r.enabled) << text;
     EXPECT_EQ(back.scope, r.scope) << text;

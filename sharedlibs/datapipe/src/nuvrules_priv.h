@@ -7,6 +7,7 @@
 
 #include "dp_scratch.h"
 #include "dp_textwriter.h"
+#include "nuvrules.h"
 
 namespace nuvrules {
 
@@ -33,7 +34,7 @@ std::size_t split_rule_words(char *text, const char **words, std::size_t max_wor
 // The words of a split rule line, read front to back.
 class WordCursor {
  public:
-  WordCursor(const char *const *words, std::size_t count) : words_(words), count_(count), next_(0) {}
+  WordCursor(const char *const *words, std::size_t count) : words_(words), count_(count), next_(0), last_(nullptr) {}
 
   bool done() const { return next_ >= count_; }
   // The next word, or null when none is left.
@@ -41,9 +42,14 @@ class WordCursor {
   // The next word (or null), and moves past it.
   const char *take() {
     const char *word = peek();
-    if (word) ++next_;
+    if (word) {
+      ++next_;
+      last_ = word;
+    }
     return word;
   }
+  // The word most recently taken, or null before the first.
+  const char *last() const { return last_; }
   // Index of the next word in the split line.
   std::size_t position() const { return next_; }
 
@@ -51,7 +57,25 @@ class WordCursor {
   const char *const *words_;
   std::size_t count_;
   std::size_t next_;
+  const char *last_;
 };
+
+// ---- Diagnoses of the _with_diag parsers ----
+// Each helper does nothing when `diag` is null (the plain parsers), and
+// returns `code` so that a parser can return through it.
+
+// Fills `diag` with `code`, `reason` and the word at `offset` of `length` bytes.
+int diagnose(nuvrules_diag *diag, int code, const char *reason, std::size_t offset, std::size_t length);
+
+// A text longer than kRuleTextMax: reported from that limit, with the excess
+// as length.
+int diagnose_too_long(nuvrules_diag *diag, int code, const char *reason, const char *text);
+
+// The result of a parser that split `text` into words in `copy` and read them
+// with `cursor`: success at offset 0; a `word_missing` failure at the end of
+// the text with length 0; any other result at the word taken last.
+int diagnose_words(nuvrules_diag *diag, int code, const char *reason, const char *text, const char *copy,
+                   const WordCursor &cursor, bool word_missing);
 
 // Reads the protocol word of a rule line: "ip" in any case is any protocol
 // (255), anything else goes through ipproto_parse.  Returns 0 and stores the
