@@ -70,6 +70,33 @@ std::string to_hex(const std::uint8_t *data, std::size_t len) {
   return s;
 }
 
+static std::map<int, std::string> read_iana_protocol_keywords() {
+  std::map<int, std::string> keywords;
+  std::istringstream in(read_text_file(data_path("iana-protocol-numbers.csv")));
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    const std::size_t comma = line.find(',');
+    const std::string number = line.substr(0, comma);
+    if (comma == std::string::npos || number.find('-') != std::string::npos) continue;
+    // The keyword is the second field, in double quotes (never containing one).
+    const std::size_t open = line.find('"', comma);
+    const std::size_t close = open == std::string::npos ? open : line.find('"', open + 1);
+    if (close == std::string::npos) {
+      ADD_FAILURE() << "iana-protocol-numbers.csv: no quoted keyword in \"" << line << '"';
+      continue;
+    }
+    keywords[std::stoi(number)] = line.substr(open + 1, close - open - 1);
+  }
+  EXPECT_FALSE(keywords.empty()) << "iana-protocol-numbers.csv holds no protocol";
+  return keywords;
+}
+
+const std::map<int, std::string> &iana_protocol_keywords() {
+  static const std::map<int, std::string> keywords = read_iana_protocol_keywords();
+  return keywords;
+}
+
 static std::uint32_t read_u32(const std::uint8_t *p, bool swapped) {
   return swapped ? (std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3])
                  : (std::uint32_t{p[3]} << 24 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[1]} << 8 | p[0]);

@@ -5,6 +5,7 @@
 #define NIKERKIOG_TESTSUPPORT_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,13 @@ std::string read_text_file(const std::string &path);
 Bytes hex_bytes(std::string_view hex);
 // "45 00 00 54 ..." for diagnostics.
 std::string to_hex(const std::uint8_t *data, std::size_t len);
+
+// The protocol keywords of the IANA protocol-number registry copy
+// (tests/data/iana-protocol-numbers.csv), by number: every row that names a
+// single number, with its keyword as written there (the empty text for rows
+// without one).  Rows naming a range of numbers ("146-252") are left out.
+// Read once; fails the current test when the file is unreadable.
+const std::map<int, std::string> &iana_protocol_keywords();
 
 // Link types of the captures.
 inline constexpr std::uint32_t kLinkNull = 0;  // BSD loopback: 4-byte address family
