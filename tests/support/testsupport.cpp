@@ -97,43 +97,10 @@ const std::map<int, std::string> &iana_protocol_keywords() {
   return keywords;
 }
 
-static std::uint32_t read_u32(const std::uint8_t *p, bool swapped) {
-  return swapped ? (std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3])
-                 : (std::uint32_t{p[3]} << 24 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[1]} << 8 | p[0]);
-}
-
 Capture read_pcap(const std::string &path) {
   Capture capture;
-  std::string raw = read_text_file(path);
-  const auto *p = reinterpret_cast<const std::uint8_t *>(raw.data());
-  if (raw.size() < 24) {
-    ADD_FAILURE() << path << ": too short for a pcap header";
-    return capture;
-  }
-  std::uint32_t magic_le = read_u32(p, false);
-  bool swapped;
-  if (magic_le == 0xa1b2c3d4u || magic_le == 0xa1b23c4du) {
-    swapped = false;
-  } else if (magic_le == 0xd4c3b2a1u || magic_le == 0x4d3cb2a1u) {
-    swapped = true;
-  } else {
-    ADD_FAILURE() << path << ": not a pcap file";
-    return capture;
-  }
-  capture.link_type = read_u32(p + 20, swapped) & 0x0FFFFFFFu;
-  std::size_t pos = 24;
-  std::size_t number = 0;
-  while (pos + 16 <= raw.size()) {
-    std::uint32_t caplen = read_u32(p + pos + 8, swapped);
-    std::uint32_t wirelen = read_u32(p + pos + 12, swapped);
-    pos += 16;
-    if (caplen > raw.size() - pos) {
-      ADD_FAILURE() << path << ": record " << number + 1 << " runs past the end";
-      break;
-    }
-    capture.packets.push_back({++number, Bytes(p + pos, p + pos + caplen), wirelen});
-    pos += caplen;
-  }
+  const std::string error = read_pcap_file(path, capture);
+  if (!error.empty()) ADD_FAILURE() << error;
   return capture;
 }
 

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "pcap_file.h"
+
 namespace testsupport {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -43,19 +45,8 @@ inline constexpr std::uint32_t kLinkLinuxCooked = 113;
 inline constexpr std::uint32_t kLinkIpv4 = 228;  // bare IPv4 packets
 inline constexpr std::uint32_t kLinkIpv6 = 229;  // bare IPv6 packets
 
-struct CapturedPacket {
-  std::size_t number;  // 1-based, as tshark numbers frames
-  Bytes data;          // the captured bytes (may be shorter than on the wire)
-  std::uint32_t wire_length;
-};
-
-struct Capture {
-  std::uint32_t link_type = 0;
-  std::vector<CapturedPacket> packets;
-};
-
-// Reads a classic pcap file (either byte order, micro- or nanosecond stamps).
-// Fails the current test when the file is unreadable or malformed.
+// Reads a classic pcap file (see read_pcap_file).  Fails the current test
+// when the file is unreadable or malformed.
 Capture read_pcap(const std::string &path);
 
 // Where the network layer of a captured frame starts.
