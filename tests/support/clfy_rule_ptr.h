@@ -1,6 +1,7 @@
-// The one owning handle of a classifier rule in tests: the rule (with its
-// sub-rules) is freed when the handle goes, also when an assertion ends the
-// test early.
+// The one owning handle of a classifier rule in tests: nuv_clfy_free runs
+// when the handle goes, also when an assertion ends the test early.  Like
+// nuv_clfy_free it frees the one rule, not its sub-rules or the rules linked
+// behind it.
 #ifndef NIKERKIOG_CLFY_RULE_PTR_H
 #define NIKERKIOG_CLFY_RULE_PTR_H
 
