@@ -12,7 +12,7 @@ export CCACHE_BASEDIR := $(CURDIR)
 export CCACHE_NOHASHDIR := true
 
 .PHONY: run test deps deps-cross native asan armel s390x \
-        test-native test-asan test-armel test-s390x bench bench-armel bench-instructions install clean
+        test-native test-asan test-armel test-s390x bench bench-armel bench-instructions bench-classd install clean
 
 run: deps $(BUILD)/native/build.ninja
 	cmake --build --preset native -j$(JOBS) --target nikerkiog_tool
@@ -64,6 +64,12 @@ bench-armel:
 bench-instructions: deps $(BUILD)/bench/build.ninja
 	cmake --build --preset bench -j$(JOBS) --target bench_classifier
 	bench/instructions.sh $(BUILD)/bench/bench/bench_classifier
+
+# Packets per second through the kernel queue: the classifier daemon with
+# 100 rules, with a set that always misses, and its null mode (no classifier).
+bench-classd: deps $(BUILD)/bench/build.ninja
+	cmake --build --preset bench -j$(JOBS) --target nikerkiog_classd classd_load
+	/usr/bin/python3 bench/classd/run.py --daemon $(BUILD)/bench/daemon/nikerkiog-classd --load $(BUILD)/bench/bench/classd_load
 
 install: native
 	cmake --install $(BUILD)/native $(if $(PREFIX),--prefix $(PREFIX))

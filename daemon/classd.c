@@ -9,6 +9,7 @@
  * after answering the packets in hand. */
 #define _GNU_SOURCE
 #include <errno.h>
+#include <stddef.h>
 #include <getopt.h>
 #include <inttypes.h>
 #include <poll.h>
@@ -42,6 +43,8 @@ enum {
 
 /* Packets answered per turn of the loop, between signal checks. */
 #define CLASSD_BATCH 64
+/* Turns of answering waiting packets between a stop signal and unbinding. */
+#define CLASSD_STOP_TURNS 16
 /* Default seconds between two statistics writes. */
 #define CLASSD_STATS_INTERVAL 10
 
@@ -84,6 +87,13 @@ static void say(int priority, const char *format, ...) {
   va_end(args);
 }
 
+/* Says each line of `text` on its own. */
+static void say_lines(int priority, const char *text) {
+  const char *end;
+  for (; (end = strchr(text, '\n')) != NULL; text = end + 1) say(priority, "%.*s", (int)(end - text), text);
+  say(priority, "%s", text);
+}
+
 static void usage(FILE *out) {
   fputs("usage: nikerkiog-classd --queue N --rules FILE [options]\n"
         "  --queue N              queue number of the firewall rule (--queue-num N)\n"
@@ -99,16 +109,6 @@ static void usage(FILE *out) {
         "  --syslog               log to syslog instead of standard error\n"
         "signals: SIGHUP reloads the rules, SIGUSR1 writes statistics, SIGTERM/SIGINT stop\n",
         out);
-}
-
-static int number_option(const char *text, long low, long high, long *out) {
-  char *end;
-  long value;
-  errno = 0;
-  value = strtol(text, &end, 10);
-  if (text[0] == '\0' || *end != '\0' || errno != 0 || value < low || value > high) return -1;
-  *out = value;
-  return 0;
 }
 
 enum { OPT_DEV = 256, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
@@ -130,24 +130,74 @@ static const struct option kOptions[] = {
     {"selftest-reloads", required_argument, NULL, OPT_SELFTEST},
     {NULL, 0, NULL, 0}};
 
+/* Options taking a number: its range, where it goes, what to say when the
+ * value is outside the range. */
+struct number_option {
+  int code;
+  long low, high;
+  size_t offset;
+  const char *complaint;
+};
+
+static const struct number_option kNumberOptions[] = {
+    {'q', 0, 65535, offsetof(struct options, queue), "--queue: a number 0..65535"},
+    {OPT_STATS_INTERVAL, 0, 86400, offsetof(struct options, stats_interval), "--stats-interval: seconds 0..86400"},
+    {OPT_QUEUE_MAXLEN, 1, 1 << 24, offsetof(struct options, queue_maxlen), "--queue-maxlen: a number 1..16777216"},
+    {OPT_SELFTEST, 1, 1000000, offsetof(struct options, selftest_reloads), "--selftest-reloads: a number 1..1000000"}};
+
+/* Options that switch something on, and options naming a file. */
+struct plain_option {
+  int code;
+  size_t offset;
+};
+
+static const struct plain_option kFlagOptions[] = {{'O', offsetof(struct options, optimise)},
+                                                   {'f', offsetof(struct options, fail_open)},
+                                                   {OPT_NULL, offsetof(struct options, null_mode)},
+                                                   {OPT_SYSLOG, offsetof(struct options, use_syslog)}};
+
+static const struct plain_option kFileOptions[] = {{'r', offsetof(struct options, rules_path)},
+                                                   {'s', offsetof(struct options, stats_path)}};
+
+#define COUNT_OF(table) (sizeof(table) / sizeof((table)[0]))
+
+static int take_number(const struct number_option *option, const char *text, struct options *o) {
+  char *end;
+  long value;
+  errno = 0;
+  value = strtol(text, &end, 10);
+  if (text[0] == '\0' || *end != '\0' || errno != 0 || value < option->low || value > option->high) {
+    say(LOG_ERR, "%s", option->complaint);
+    return -1;
+  }
+  memcpy((char *)o + option->offset, &value, sizeof value);
+  return 0;
+}
+
 /* Reads one option; 0, 1 for --help, or -1 (after saying why). */
 static int take_option(struct daemon *d, int c, const char *arg) {
   struct options *o = &d->options;
-  switch (c) {
-    case 'q': if (number_option(arg, 0, 65535, &o->queue) == 0) return 0; say(LOG_ERR, "--queue: a number 0..65535"); return -1;
-    case 'r': o->rules_path = arg; return 0;
-    case OPT_DEV: if (classd_devnames_add(&d->devs, arg) == 0) return 0; say(LOG_ERR, "--dev %s: give NAME=INDEX", arg); return -1;
-    case 'O': o->optimise = 1; return 0;
-    case 'f': o->fail_open = 1; return 0;
-    case 's': o->stats_path = arg; return 0;
-    case OPT_STATS_INTERVAL: if (number_option(arg, 0, 86400, &o->stats_interval) == 0) return 0; say(LOG_ERR, "--stats-interval: seconds 0..86400"); return -1;
-    case OPT_QUEUE_MAXLEN: if (number_option(arg, 1, 1 << 24, &o->queue_maxlen) == 0) return 0; say(LOG_ERR, "--queue-maxlen: a number 1..16777216"); return -1;
-    case OPT_NULL: o->null_mode = 1; return 0;
-    case OPT_SYSLOG: o->use_syslog = 1; return 0;
-    case OPT_SELFTEST: if (number_option(arg, 1, 1000000, &o->selftest_reloads) == 0) return 0; say(LOG_ERR, "--selftest-reloads: a number"); return -1;
-    case OPT_HELP: usage(stdout); return 1;
-    default: usage(stderr); return -1;
+  size_t i;
+  for (i = 0; i < COUNT_OF(kNumberOptions); ++i)
+    if (kNumberOptions[i].code == c) return take_number(&kNumberOptions[i], arg, o);
+  for (i = 0; i < COUNT_OF(kFlagOptions); ++i) {
+    if (kFlagOptions[i].code == c) {
+      const int on = 1;
+      memcpy((char *)o + kFlagOptions[i].offset, &on, sizeof on);
+      return 0;
+    }
   }
+  for (i = 0; i < COUNT_OF(kFileOptions); ++i) {
+    if (kFileOptions[i].code == c) {
+      memcpy((char *)o + kFileOptions[i].offset, &arg, sizeof arg);
+      return 0;
+    }
+  }
+  if (c == OPT_DEV && classd_devnames_add(&d->devs, arg) == 0) return 0;
+  if (c == OPT_DEV) say(LOG_ERR, "--dev %s: give NAME=INDEX", arg);
+  if (c == OPT_HELP) usage(stdout);
+  else if (c != OPT_DEV) usage(stderr);
+  return c == OPT_HELP ? 1 : -1;
 }
 
 /* 0 to go on, 1 to stop with success (--help), -1 for a usage error. */
@@ -161,7 +211,8 @@ static int parse_options(struct daemon *d, int argc, char **argv) {
     say(LOG_ERR, "unexpected argument: %s", argv[optind]);
     return -1;
   }
-  if ((d->options.queue < 0 && !d->options.selftest_reloads) || (!d->options.rules_path && !d->options.null_mode)) {
+  if ((d->options.queue < 0 && !d->options.selftest_reloads) || (!d->options.rules_path && !d->options.null_mode) ||
+      (!d->options.rules_path && d->options.selftest_reloads)) {
     usage(stderr);
     return -1;
   }
@@ -177,12 +228,9 @@ static int load_rules(struct daemon *d, int reload) {
   fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &d->classes, &error);
   if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
   if (!fresh) {
-    if (reload) {
-      d->reload_failures++;
-      say(LOG_ERR, "reload failed, the rules in use stay: %s", error.text);
-    } else {
-      say(LOG_ERR, "%s", error.text);
-    }
+    if (reload) d->reload_failures++;
+    if (reload) say(LOG_ERR, "reload failed, the rules in use stay:");
+    say_lines(LOG_ERR, error.text);
     return -1;
   }
   classd_ruleset_free(d->rules);
@@ -197,7 +245,7 @@ static int load_rules(struct daemon *d, int reload) {
 
 static void decide(void *ctx, const nuv_clfy_packet *packet, uint32_t mark, struct classd_verdict *verdict) {
   struct daemon *d = ctx;
-  struct classd_rule *rule = d->rules ? classd_ruleset_classify(d->rules, packet) : NULL;
+  struct classd_rule *rule = d->options.null_mode ? NULL : classd_ruleset_classify(d->rules, packet);
   (void)mark;
   if (!rule) {
     d->unchanged++;
@@ -223,6 +271,7 @@ static void write_stats(struct daemon *d) {
   if (d->queue) {
     counters = classd_queue_counters(d->queue);
     stats.packets = counters->packets;
+    stats.verdict_messages = counters->verdict_messages;
     stats.errors = counters->malformed + counters->send_errors;
     stats.overruns = counters->overruns;
   }
@@ -237,7 +286,7 @@ static void write_stats(struct daemon *d) {
 static void handle_signals(struct daemon *d, int fd) {
   struct signalfd_siginfo info;
   while (read(fd, &info, sizeof info) == (ssize_t)sizeof info) {
-    if (info.ssi_signo == SIGHUP && !d->options.null_mode) load_rules(d, 1);
+    if (info.ssi_signo == SIGHUP && d->options.rules_path) load_rules(d, 1);
     else if (info.ssi_signo == SIGUSR1) write_stats(d);
     else if (info.ssi_signo == SIGTERM || info.ssi_signo == SIGINT) d->stop = 1;
   }
@@ -271,6 +320,7 @@ static int timer_descriptor(long seconds) {
 static int serve(struct daemon *d, int signals, int timer) {
   struct pollfd fds[3];
   nfds_t count = timer >= 0 ? 3 : 2;
+  int turns;
   fds[0].fd = classd_queue_fd(d->queue);
   fds[1].fd = signals;
   fds[2].fd = timer;
@@ -291,8 +341,9 @@ static int serve(struct daemon *d, int signals, int timer) {
       if (read(timer, &expirations, sizeof expirations) > 0) write_stats(d);
     }
   }
-  /* Answer what already waits before letting the queue go. */
-  while (classd_queue_serve(d->queue, CLASSD_BATCH) > 0) {
+  /* Answer what already waits before letting the queue go; under steady
+   * traffic the queue never empties, so only a few turns. */
+  for (turns = 0; turns < CLASSD_STOP_TURNS && classd_queue_serve(d->queue, CLASSD_BATCH) > 0; ++turns) {
   }
   return EXIT_STOPPED;
 }
@@ -358,7 +409,7 @@ int main(int argc, char **argv) {
   if (fail) d.fail_allocation = strtol(fail, NULL, 10);
   use_syslog = d.options.use_syslog;
   if (use_syslog) openlog("nikerkiog-classd", LOG_PID, LOG_DAEMON);
-  if (!d.options.null_mode && load_rules(&d, 0) != 0) status = EXIT_REFUSED;
+  if (d.options.rules_path && load_rules(&d, 0) != 0) status = EXIT_REFUSED;
   else if (d.options.selftest_reloads) status = selftest_reloads(&d);
   else status = run(&d);
   classd_ruleset_free(d.rules);

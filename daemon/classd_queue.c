@@ -191,6 +191,7 @@ static void flush_verdicts(struct classd_queue *queue) {
     if (i < queue->pending_count && same_verdict(&queue->pending[i].verdict, &queue->pending[start].verdict))
       continue;
     offset = put_verdict(queue, offset, &queue->pending[i - 1], i - start > 1);
+    queue->counters.verdict_messages++;
     start = i;
   }
   if (mnl_socket_sendto(queue->socket, queue->send_buffer, offset) < 0) queue->counters.send_errors++;

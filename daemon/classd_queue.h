@@ -29,6 +29,7 @@ struct classd_queue_counters {
   uint64_t overruns;     /* times the socket buffer overflowed (packets lost to us) */
   uint64_t malformed;    /* packet messages without packet data; accepted unchanged */
   uint64_t send_errors;  /* verdict batches the kernel did not take */
+  uint64_t verdict_messages; /* verdict messages sent: one per run of equal verdicts */
 };
 
 /* What the daemon makes of one packet: whether to set the mark, and to what. */

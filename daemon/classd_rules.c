@@ -17,11 +17,22 @@ static const char kBlanks[] = " \t\r\n";
 
 static int is_blank(char c) { return c != '\0' && strchr(kBlanks, c) != NULL; }
 
-static void set_error(struct classd_load_error *error, const char *format, ...) {
+/* Results of reading a line: its rule is wrong (reading goes on with the
+ * next line), or reading cannot go on. */
+enum { LINE_WRONG = -1, LOAD_STOPPED = -2 };
+
+/* Adds one line to the error text, when it fits whole. */
+static void add_error(struct classd_load_error *error, const char *format, ...) {
+  char line[512];
+  int length;
   va_list args;
   va_start(args, format);
-  vsnprintf(error->text, sizeof error->text, format, args);
+  length = vsnprintf(line, sizeof line, format, args);
   va_end(args);
+  if (length < 0 || (size_t)length + 2 > sizeof error->text - error->length) return;
+  if (error->length) error->text[error->length++] = '\n';
+  memcpy(error->text + error->length, line, (size_t)length + 1);
+  error->length += (size_t)length;
 }
 
 /* Parses one rule's text.  On failure stores the 0-based offset of the
@@ -96,10 +107,11 @@ static int split_result(const char *path, unsigned number, const char *line, str
   value[value_last - value_first] = '\0';
   errno = 0;
   result = strtoul(value, &end, 10);
-  if (value[0] == '\0' || *end != '\0' || errno != 0 || result > CLASSD_MAX_RESULT) {
-    set_error(error, "%s:%u:%zu: the result after \"=>\" must be a number 0..65535", path, number,
-              value_first + 1);
-    return -1;
+  if (value[0] == '\0' || value[0] == '+' || value[0] == '-' || *end != '\0' || errno != 0 ||
+      result > CLASSD_MAX_RESULT) {
+    add_error(error, "%s:%u:%zu: the result after \"=>\" must be a number 0..65535", path, number,
+              (value[0] ? value_first : (size_t)(arrow - line)) + 1);
+    return LINE_WRONG;
   }
   out->result = (uint16_t)result;
   out->last = (size_t)(arrow - line);
@@ -147,20 +159,20 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
   slot = class_slot(classes, split->result);
   if (!entry.text || slot < 0) {
     free(entry.text);
-    set_error(error, "%s:%u: out of memory", path, number);
-    return -1;
+    add_error(error, "%s:%u: out of memory", path, number);
+    return LOAD_STOPPED;
   }
   entry.slot = (uint32_t)slot;
   if (parse_rule(entry.text, &rule, &offset, &reason) != 0) {
     free(entry.text);
-    set_error(error, "%s:%u:%zu: %s", path, number, split->first + offset + 1, reason);
-    return -1;
+    add_error(error, "%s:%u:%zu: %s", path, number, split->first + offset + 1, reason);
+    return LINE_WRONG;
   }
   if (append_rule(rules, capacity, &entry) != 0) {
     free(entry.text);
     nuv_clfy_free(rule);
-    set_error(error, "%s:%u: out of memory", path, number);
-    return -1;
+    add_error(error, "%s:%u: out of memory", path, number);
+    return LOAD_STOPPED;
   }
   memcpy(rule->action_data, &index, sizeof index);
   rule->result = split->result;
@@ -193,16 +205,17 @@ static int read_rules(FILE *file, const char *path, const struct classd_devnames
   size_t size = 0, capacity = 0;
   unsigned number = 0;
   int status = 0;
-  while (status == 0 && getline(&line, &size, file) >= 0) {
+  while (status != LOAD_STOPPED && getline(&line, &size, file) >= 0) {
     struct rule_line split;
-    int found;
+    int found, result;
     ++number;
-    status = read_line(path, number, line, &split, &found, error);
-    if (status == 0 && found)
-      status = add_rule(rules, &capacity, path, number, line, &split, devs, classes, error);
+    result = read_line(path, number, line, &split, &found, error);
+    if (result == 0 && found)
+      result = add_rule(rules, &capacity, path, number, line, &split, devs, classes, error);
+    if (result != 0) status = result;
   }
-  if (status == 0 && ferror(file)) {
-    set_error(error, "%s: cannot read the rule file: %s", path, strerror(errno));
+  if (status != LOAD_STOPPED && ferror(file)) {
+    add_error(error, "%s: cannot read the rule file: %s", path, strerror(errno));
     status = -1;
   }
   free(line);
@@ -214,20 +227,22 @@ struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd
   struct classd_ruleset *rules;
   FILE *file = fopen(path, "r");
   int status;
+  error->length = 0;
+  error->text[0] = '\0';
   if (!file) {
-    set_error(error, "%s: cannot open the rule file: %s", path, strerror(errno));
+    add_error(error, "%s: cannot open the rule file: %s", path, strerror(errno));
     return NULL;
   }
   rules = calloc(1, sizeof *rules);
   if (!rules) {
     fclose(file);
-    set_error(error, "%s: out of memory", path);
+    add_error(error, "%s: out of memory", path);
     return NULL;
   }
   status = read_rules(file, path, devs, classes, rules, error);
   fclose(file);
   if (status == 0 && optimise && optimise_set(rules) != 0) {
-    set_error(error, "%s: out of memory while restructuring the rule set", path);
+    add_error(error, "%s: out of memory while restructuring the rule set", path);
     status = -1;
   }
   if (status != 0) {

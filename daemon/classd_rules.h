@@ -48,10 +48,11 @@ struct classd_ruleset {
   size_t count;
 };
 
-/* Why loading failed: the error text, "FILE:LINE:COLUMN: reason" for a
- * rule the file gets wrong. */
+/* Why loading failed: one line per error, "FILE:LINE:COLUMN: reason" for
+ * each rule the file gets wrong (lines beyond the room are left out). */
 struct classd_load_error {
-  char text[512];
+  char text[4096];
+  size_t length;
 };
 
 /* Reads the rule file at `path` (one rule per line, blank lines and lines
@@ -59,8 +60,9 @@ struct classd_load_error {
  * rule's result 0..65535), builds its rule set with interface names
  * resolved through `devs`, and restructures it into a tree when `optimise`.
  * The rules' results get verdict slots in `classes`.  Returns the new set
- * (free with classd_ruleset_free), or null with `error` filled; nothing
- * stays allocated then (result slots already added stay). */
+ * (free with classd_ruleset_free), or null with `error` filled, naming
+ * every rule of the file that is wrong; nothing stays allocated then
+ * (result slots already added stay). */
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
                                            struct classd_classes *classes, struct classd_load_error *error);
 

@@ -51,6 +51,7 @@ static void put_stats(FILE *out, const struct classd_stats *s) {
   fprintf(out, "  \"generation\": %" PRIu64 ",\n", s->generation);
   fprintf(out, "  \"reloads\": {\"done\": %" PRIu64 ", \"failed\": %" PRIu64 "},\n", s->reloads, s->reload_failures);
   fprintf(out, "  \"packets\": %" PRIu64 ",\n", s->packets);
+  fprintf(out, "  \"verdict_messages\": %" PRIu64 ",\n", s->verdict_messages);
   fprintf(out, "  \"verdicts\": {\"unchanged\": %" PRIu64 ", \"classes\": ", s->unchanged);
   put_classes(out, s->classes);
   fprintf(out, "},\n  \"errors\": %" PRIu64 ",\n", s->errors);

@@ -15,6 +15,7 @@ struct classd_stats {
   uint64_t reloads;         /* reloads that replaced the set */
   uint64_t reload_failures; /* reloads that kept the old set */
   uint64_t packets;         /* packets answered */
+  uint64_t verdict_messages; /* verdict messages that answered them */
   uint64_t unchanged;       /* packets no rule applied to (mark left as it was) */
   uint64_t errors;          /* packets without data and verdicts the kernel did not take */
   uint64_t queue_dropped;   /* the kernel dropped them: queue full */

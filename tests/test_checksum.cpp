@@ -486,20 +486,45 @@ TEST(ChecksumUpdate, UnchangedValueKeepsChecksum) {
   EXPECT_EQ(ntohs(update_checksum_u32(htons(0x1234), htonl(0x0a000001), htonl(0x0a000001))), 0x1234);
 }
 
-// The arithmetic is done in 32 bits that wrap: a new 32-bit value whose
-// high half is ffff can carry out of the accumulator, and that carry is lost.
-TEST(ChecksumUpdate, U32NewValueNearAllOnesLosesTheCarry) {
-  // K = 1234: t = ffffedcb, minus 0, folded twice: edcb; adding ffffffff
-  // wraps to 0000edca, folded edca, complement 1235.  (A full recomputation
-  // keeps 1234: ffff ffff adds nothing modulo ffff.)
-  EXPECT_EQ(ntohs(update_checksum_u32(htons(0x1234), htonl(0), htonl(0xffffffffu))), 0x1235);
+// A new 32-bit value whose high half is ffff: ffff ffff adds nothing in
+// ones' complement, so the checksum stays what a full recomputation gives.
+TEST(ChecksumUpdate, U32NewValueOfAllOnesKeepsTheRecomputedChecksum) {
+  EXPECT_EQ(ntohs(update_checksum_u32(htons(0x1234), htonl(0), htonl(0xffffffffu))), 0x1234);
 }
 
-TEST(ChecksumUpdate, U32OldValueAboveComplementWrapsBelowZero) {
-  // K = 1234: t = ffffedcb; minus ffffff00 borrows and wraps to ffffeecb;
-  // folded twice: eecb; plus 0; complement 1134.  (A full recomputation
-  // gives 1135.)
-  EXPECT_EQ(ntohs(update_checksum_u32(htons(0x1234), htonl(0xffffff00u), htonl(0))), 0x1134);
+// Old value ffffff00 (words ffff + ff00 = ff00 in ones' complement) out of
+// K = 1234: edcb - ff00 = edcb + 00ff = eeca, complement 1135.
+TEST(ChecksumUpdate, U32OldValueWithAllOnesHighHalfGivesTheRecomputedChecksum) {
+  EXPECT_EQ(ntohs(update_checksum_u32(htons(0x1234), htonl(0xffffff00u), htonl(0))), 0x1135);
+}
+
+// Address translation of a DHCP broadcast: the header below has source
+// 255.255.255.255 and checksum 9bd4; with source 88.14.38.159 its checksum
+// is 1d27: the other words sum to 642b - (ffff + ffff) + (580e + 269f),
+// which is e2d8 in ones' complement.
+TEST(ChecksumUpdate, BroadcastSourceRewrittenByTranslationGivesTheRecomputedChecksum) {
+  // 4500 0148 ddd1 0000 4011 [9bd4] ffff ffff ffff ffff
+  Bytes ip = hex_bytes("45 00 01 48 dd d1 00 00 40 11 9b d4 ff ff ff ff ff ff ff ff");
+  ASSERT_EQ(ip_checksum_ok(ip.data()), 1);
+  std::uint32_t old_addr, new_addr;
+  std::memcpy(&old_addr, &ip[12], 4);
+  const std::uint8_t translated[4] = {88, 14, 38, 159};
+  std::memcpy(&new_addr, translated, 4);
+  const std::uint16_t k = update_checksum_u32(htons(0x9bd4), old_addr, new_addr);
+  EXPECT_EQ(ntohs(k), 0x1d27);
+  std::memcpy(&ip[12], translated, 4);
+  std::memcpy(&ip[10], &k, 2);
+  EXPECT_EQ(ip_checksum_ok(ip.data()), 1);
+}
+
+// The same rewrite through the 16-bit and the run update, word by word.
+TEST(ChecksumUpdate, BroadcastSourceRewrittenWordByWordGivesTheRecomputedChecksum) {
+  std::uint16_t k = update_checksum_u16(htons(0x9bd4), htons(0xffff), htons(0x580e));
+  k = update_checksum_u16(k, htons(0xffff), htons(0x269f));
+  EXPECT_EQ(ntohs(k), 0x1d27);
+  const Bytes old_run = hex_bytes("ff ff ff ff");
+  const Bytes new_run = hex_bytes("58 0e 26 9f");
+  EXPECT_EQ(ntohs(update_checksum(htons(0x9bd4), 0, old_run.data(), 4, new_run.data(), 4)), 0x1d27);
 }
 
 // ---- no allocation -------------------------------------------------------

@@ -444,12 +444,47 @@ TEST_F(SetOptim, AllocationFailuresGiveMinusOneAndLeakNothing) {
   EXPECT_EQ(listing(&src.set), source_listing);
 }
 
-TEST_F(SetOptim, Ipv6PrefixesDifferingOnlyInLengthShareAParent) {
-  // Rules are compared by IPv6 address alone, so 2001:db8::/32 and
-  // 2001:db8::/64 go under one parent holding the first rule's /32, and the
-  // second rule's /64 is no longer tested.  A packet from 2001:db8:ffff::1
-  // to port 2 matches no rule of the list but the second rule in the tree;
-  // configurations that need both write them with different addresses.
+namespace {
+
+// The result of the rule a set chooses for `p`, 0 for none.
+int verdict(nuv_clfy_set *set, const clfytest::Packet &p) {
+  const nuv_clfy *chosen = nuv_clfy_get_clfy_from_set(set, 0, &p.desc);
+  return chosen ? chosen->result : 0;
+}
+
+}  // namespace
+
+TEST_F(SetOptim, Ipv4NetworksOfDifferentLengthsKeepTheFirstMatchVerdict) {
+  // 10.0.0.0/16 and 10.0.0.0/8 have the same masked address; a parent
+  // holding the /16 would hide the /8 rule from 10.5.0.1.
+  src.add("ip.saddr 10.0.0.0/16", 1);
+  src.add("ip.saddr 10.0.0.0/8", 2);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  const std::uint8_t from[4] = {10, 5, 0, 1}, to[4] = {192, 168, 1, 1};
+  clfytest::Packet p;
+  p.set_ip(clfytest::ipv4_packet(17, from, to, clfytest::udp_header(9, 2)), 0x0800);
+  EXPECT_EQ(verdict(&src.set, p), 2);
+  EXPECT_EQ(verdict(&dst.set, p), 2);
+  EXPECT_EQ(listing(&dst.set),
+            (std::vector<std::string>{"  0: eth.proto 0x0800 => 1", "  1:    ip.saddr 10.0.0.0 255.255.0.0 => 1",
+                                      "  1:    ip.saddr 10.0.0.0 255.0.0.0 => 2"}));
+}
+
+TEST_F(SetOptim, Ipv6PrefixesOfDifferentLengthsKeepTheFirstMatchVerdict) {
+  // 2001:dc0::1 lies outside 2001:db8::/29 and inside 2001:db8::/2.
+  src.add("ip.daddr 2001:db8::/29", 1);
+  src.add("ip.daddr 2001:db8::/2", 2);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  const std::uint8_t from[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  const std::uint8_t to[16] = {0x20, 0x01, 0x0d, 0xc0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  clfytest::Packet p;
+  p.set_ip(clfytest::ipv6_packet(17, from, to, clfytest::udp_header(9, 2)), 0x86dd);
+  EXPECT_EQ(verdict(&src.set, p), 2);
+  EXPECT_EQ(verdict(&dst.set, p), 2);
+}
+
+TEST_F(SetOptim, Ipv6PrefixesOfDifferentLengthsGoUnderNoCommonAddressParent) {
+  // The two rules share Ethernet type and protocol, not the address.
   src.add("ip.saddr 2001:db8::/32 udp.dport 1", 1);
   src.add("ip.saddr 2001:db8::/64 udp.dport 2", 2);
   ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
@@ -457,13 +492,41 @@ TEST_F(SetOptim, Ipv6PrefixesDifferingOnlyInLengthShareAParent) {
   const std::uint8_t to[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
   clfytest::Packet p;
   p.set_ip(clfytest::ipv6_packet(17, from, to, clfytest::udp_header(9, 2)), 0x86dd);
-  EXPECT_EQ(nuv_clfy_get_clfy_from_set(&src.set, 0, &p.desc), nullptr);
-  nuv_clfy *chosen = nuv_clfy_get_clfy_from_set(&dst.set, 0, &p.desc);
-  ASSERT_NE(chosen, nullptr);
-  EXPECT_EQ(chosen->result, 2);
-  const auto lines = listing(&dst.set);
-  ASSERT_EQ(lines.size(), 5u);
-  EXPECT_EQ(lines[2], "  2:       ip.saddr 2001:db8::/32 => 1");
+  EXPECT_EQ(verdict(&src.set, p), 0);
+  EXPECT_EQ(verdict(&dst.set, p), 0);
+  EXPECT_EQ(listing(&dst.set), (std::vector<std::string>{"  0: eth.proto 0x86dd => 1", "  1:    ip.proto 17 => 1",
+                                                           "  2:       ip.saddr 2001:db8::/32 udp.dport 1 => 1",
+                                                           "  2:       ip.saddr 2001:db8::/64 udp.dport 2 => 2"}));
+}
+
+TEST_F(SetOptim, IdenticalAddressConditionsStillShareAParent) {
+  // Every mask ties at two rules, so the earliest (Ethernet type) makes the
+  // first parent; below it the protocol, then the address.
+  src.add("ip.saddr 10.0.0.0/8 udp.dport 1", 1);
+  src.add("ip.saddr 10.0.0.0/8 udp.dport 2", 2);
+  src.add("ip.daddr 2001:db8::/32 udp.dport 3", 3);
+  src.add("ip.daddr 2001:db8::/32 udp.dport 4", 4);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  EXPECT_EQ(listing(&dst.set),
+            (std::vector<std::string>{
+                "  0: eth.proto 0x0800 => 1", "  1:    ip.proto 17 => 1", "  2:       ip.saddr 10.0.0.0 255.0.0.0 => 1",
+                "  3:          udp.dport 1 => 1", "  3:          udp.dport 2 => 2", "  0: eth.proto 0x86dd => 3",
+                "  1:    ip.proto 17 => 3", "  2:       ip.daddr 2001:db8::/32 => 3", "  3:          udp.dport 3 => 3",
+                "  3:          udp.dport 4 => 4"}));
+}
+
+TEST_F(SetOptim, SameDeviceNameResolvedToOtherIndexesIsNoCommonCondition) {
+  nuv_clfy *first = src.add("dev eth0 udp.dport 1", 1);
+  nuv_clfy *second = src.add("dev eth0 udp.dport 2", 2);
+  first->dev_ifindex = 1;
+  second->dev_ifindex = 2;
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  clfytest::Packet p;
+  const std::uint8_t from[4] = {10, 0, 0, 1}, to[4] = {10, 0, 0, 2};
+  p.set_ip(clfytest::ipv4_packet(17, from, to, clfytest::udp_header(9, 2)), 0x0800);
+  p.desc.dev_ifindex = 2;
+  EXPECT_EQ(verdict(&src.set, p), 2);
+  EXPECT_EQ(verdict(&dst.set, p), 2);
 }
 
 // ---- The grouping table and the comparison it relies on ----

@@ -28,17 +28,24 @@ const T &pick_from(Rng &rng, const T (&items)[N]) {
 
 // Pools shared by rules and packets, so that conditions hold often enough.
 const char *const kDevs[] = {"eth0", "eth1", "wlan0"};
-const char *const kV4Prefixes[] = {"10.0.0.0/8", "10.1.0.0/16", "192.168.1.0/24", "192.168.1.7",
-                                   "192.168.0.0 255.255.0.0", "0.0.0.0/0"};
-// IPv6 prefixes keep one length per address: conditions are grouped by
-// address alone.
-const char *const kV6Prefixes[] = {"2001:db8::/32", "2001:db8:1::/48", "fe80::/10", "::/0"};
-const std::uint8_t kV4Hosts[][4] = {{10, 0, 0, 1}, {10, 1, 2, 3}, {192, 168, 1, 7}, {192, 168, 1, 9},
+// Networks overlap, and some share their masked address with a network of
+// another length (10.0.0.0/16 and /8, 2001:db8::/29 and /2): only
+// conditions of equal length may share a parent.
+const char *const kV4Prefixes[] = {"10.0.0.0/8",  "10.1.0.0/16",    "10.0.0.0/16",
+                                   "10.0.0.0/24", "192.168.1.0/24", "192.168.1.7",
+                                   "192.168.0.0 255.255.0.0", "192.168.1.0/25", "0.0.0.0/0"};
+const char *const kV6Prefixes[] = {"2001:db8::/32", "2001:db8:1::/48", "2001:db8::/29", "2001:db8::/2",
+                                   "2001:db8::/48", "fe80::/10",       "fe80::/64",     "::/0"};
+const std::uint8_t kV4Hosts[][4] = {{10, 0, 0, 1},    {10, 1, 2, 3},   {10, 5, 0, 1},   {10, 0, 7, 1},
+                                    {192, 168, 1, 7}, {192, 168, 1, 9}, {192, 168, 1, 200},
                                     {192, 168, 7, 7}, {172, 16, 0, 1}};
 const std::uint8_t kV6Hosts[][16] = {
     {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
     {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2},
+    {0x20, 0x01, 0x0d, 0xbf, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5},
+    {0x20, 0x01, 0x0d, 0xc0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 6},
     {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3},
+    {0xfe, 0x80, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 7},
     {0x20, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4},
 };
 const std::uint16_t kPorts[] = {22, 53, 67, 80, 443, 1000, 1500, 8080, 65535};

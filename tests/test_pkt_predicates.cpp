@@ -352,6 +352,44 @@ TEST(DnsQueryReply, PointerPastTheEndIsInvalid) {
   EXPECT_EQ(is_reply(p), 0);
 }
 
+// ---- only IPv4 carrying UDP holds a DNS message ----
+
+TEST(DnsOnlyOverIpv4Udp, TcpPacketWithADnsLookingPayloadIsNeitherRequestNorReply) {
+  Bytes q = udp_packet(simple_query().b);
+  Bytes r = udp_packet(simple_reply().b);
+  q[9] = 6;
+  r[9] = 6;
+  EXPECT_EQ(is_request(q), 0);
+  EXPECT_EQ(is_reply(r), 0);
+}
+
+TEST(DnsOnlyOverIpv4Udp, IcmpAndEspPacketsWithADnsLookingPayloadAreNeitherRequestNorReply) {
+  for (std::uint8_t proto : {1, 50}) {
+    Bytes q = udp_packet(simple_query().b);
+    Bytes r = udp_packet(simple_reply().b);
+    q[9] = proto;
+    r[9] = proto;
+    EXPECT_EQ(is_request(q), 0) << int(proto);
+    EXPECT_EQ(is_reply(r), 0) << int(proto);
+  }
+}
+
+TEST(DnsOnlyOverIpv4Udp, HeaderOfAnotherVersionIsNeitherRequestNorReply) {
+  for (std::uint8_t version : {0, 5, 6, 15}) {
+    Bytes q = udp_packet(simple_query().b);
+    Bytes r = udp_packet(simple_reply().b);
+    q[0] = static_cast<std::uint8_t>(version << 4 | 5);
+    r[0] = static_cast<std::uint8_t>(version << 4 | 5);
+    EXPECT_EQ(is_request(q), 0) << int(version);
+    EXPECT_EQ(is_reply(r), 0) << int(version);
+  }
+}
+
+TEST(DnsOnlyOverIpv4Udp, SamePacketAsUdpIsValid) {
+  EXPECT_EQ(is_request(udp_packet(simple_query().b)), 1);
+  EXPECT_EQ(is_reply(udp_packet(simple_reply().b)), 1);
+}
+
 // ---- truncated and hostile packets ----
 
 TEST(DnsHostile, IpLengthShorterThanTheDnsHeaderIsInvalid) {

@@ -233,7 +233,7 @@ class Capture:
         self.sock.bind(("lo", 0))
         self.frames = []
 
-    def collect(self, quiet=0.3):
+    def collect(self, quiet=1.0):
         """Reads until nothing arrived for `quiet` seconds."""
         while select.select([self.sock], [], [], quiet)[0]:
             data, address = self.sock.recvfrom(65536)
@@ -392,11 +392,13 @@ def test_reload_under_load(t):
 
 def test_rule_file_errors(t):
     rules = os.path.join(t.workdir, "rules.txt")
-    write_file(rules, "# two good rules, then a bad one\nudp.dport 53 => 1\n\n   tcp.dport 80 no.such.keyword 1 => 2\n")
+    write_file(rules, "# a good rule, then two bad ones\nudp.dport 53 => 1\n\n   tcp.dport 80 no.such.keyword 1 => 2\n"
+                      "ip.proto tcp => -1\n")
     status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules])
     print(output)
     check(status == 2, f"exit status {status}")
     check(re.search(re.escape(rules) + r":4:\d+: \S", output), "the error names file, line and column")
+    check(f"{rules}:5:17: the result after" in output, "every wrong line is reported")
     check("bound" not in output, "no queue is bound")
 
 
@@ -572,6 +574,50 @@ def test_stats_file(t):
     check(stats["errors"] == 0 and stats["queue_drops"] == {"queue_full": 0, "undelivered": 0, "socket_overruns": 0},
           "no errors, no drops")
     check(not os.path.exists(stats_path + ".tmp"), "no temporary file stays behind")
+
+
+def test_verdicts_batched(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    write_file(rules, "udp.dport 5001 => 1\n")
+    queue_traffic(udp=(5001, 5002), tcp=())
+    count_marks([0, 1], udp=(5001, 5002), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                          "--stats-interval", "0"])
+    try:
+        daemon.wait_bound()
+        daemon.signal(signal.SIGSTOP)  # the packets wait in the queue, to be read in one turn
+        send_udp(20, 5001)
+        send_udp(20, 5002)
+        daemon.signal(signal.SIGCONT)
+        stats = wait_stats(daemon, stats_path, lambda s: s["packets"] == 40)
+    finally:
+        status = daemon.stop()
+    counts = counted()
+    print(f"40 packets answered by {stats['verdict_messages']} verdict messages; counted {sorted(counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(counts == {0: 20, 1: 20}, "20 packets marked, 20 unchanged")
+    check(stats["verdict_messages"] == 2, "each run of equal verdicts is answered by one message")
+
+
+def test_interface_names(t):
+    """dev conditions: a name given with --dev, a name of the system, an unknown name."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "dev wan udp.dport 5001 => 1\ndev nosuch udp.dport 5002 => 2\ndev lo udp.dport 5003 => 3\n")
+    lo = socket.if_nametoindex("lo")
+    queue_traffic(udp=(5001, 5002, 5003), tcp=())
+    count_marks(range(0, 4), udp=(5001, 5002, 5003), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--dev", f"wan={lo}"])
+    try:
+        daemon.wait_bound()
+        for port in (5001, 5002, 5003):
+            send_udp(5, port)
+    finally:
+        status = daemon.stop()
+    counts = {m: c for m, c in counted().items() if c}
+    print(f"counted {sorted(counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(counts == {1: 5, 0: 5, 3: 5}, "wan is lo by --dev, lo by its own name, nosuch is no interface")
 
 
 def test_clean_stop(t):

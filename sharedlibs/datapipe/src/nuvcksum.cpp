@@ -150,18 +150,34 @@ void set_ip6_upper_checksum(std::uint8_t *ip6, std::uint8_t protocol, std::int32
 // ---------------------------------------------------------------------------
 // Incremental update
 
-// The common tail of the three updates: take the old sum out of the
-// complemented checksum, fold, put the new sum in, fold and complement.
-std::uint16_t replace_in_checksum(std::uint16_t old_checksum, std::uint32_t old_sum, std::uint32_t new_sum) {
-  std::uint32_t t = ~static_cast<std::uint32_t>(dp::net_to_host16(old_checksum));
-  t -= old_sum;
-  t = (t >> 16) + (t & 0xffffu);
-  t = (t >> 16) + (t & 0xffffu);
-  t += new_sum;
-  t = (t >> 16) + (t & 0xffffu);
-  t += t >> 16;
-  return dp::host_to_net16(complement16(t));
+// Ones'-complement addition of two 16-bit words: the carry out of the top
+// bit comes back in at the bottom.
+constexpr std::uint32_t ones_add16(std::uint32_t a, std::uint32_t b) {
+  const std::uint32_t s = a + b;
+  return (s & 0xffffu) + (s >> 16);
 }
+
+// Reduces an exact sum of 16-bit words to one ones'-complement word.
+constexpr std::uint32_t reduce16(std::uint32_t s) {
+  s = (s & 0xffffu) + (s >> 16);
+  return (s & 0xffffu) + (s >> 16);
+}
+
+// The common tail of the three updates, all in ones'-complement 16-bit
+// words: the complemented checksum is the sum of the covered data; the old
+// words leave it by adding their complement, the new words enter it, and
+// the complement of the result is the checksum of the changed data.  Every
+// step stays within one word, so the result is the one a full
+// recomputation gives, whatever the values (RFC 1624, equation 3).
+std::uint16_t replace_in_checksum(std::uint16_t old_checksum, std::uint32_t old_sum, std::uint32_t new_sum) {
+  std::uint32_t s = ~static_cast<std::uint32_t>(dp::net_to_host16(old_checksum)) & 0xffffu;
+  s = ones_add16(s, ~reduce16(old_sum) & 0xffffu);
+  s = ones_add16(s, reduce16(new_sum));
+  return dp::host_to_net16(complement16(s));
+}
+
+// The two 16-bit words of a 32-bit value, summed.
+constexpr std::uint32_t word_sum32(std::uint32_t v) { return (v >> 16) + (v & 0xffffu); }
 
 // Exact 32-bit sum of big-endian words (not folded): the update arithmetic
 // takes the run sums as they are.
@@ -213,12 +229,12 @@ void set_icmpv6_checksum(void *ip6h) {
 }
 
 uint16_t update_checksum_u16(uint16_t old_checksum, uint16_t old_value, uint16_t new_value) {
-  return replace_in_checksum(old_checksum, static_cast<std::uint32_t>(dp::net_to_host16(old_value)) << 16,
-                             static_cast<std::uint32_t>(dp::net_to_host16(new_value)) << 16);
+  return replace_in_checksum(old_checksum, dp::net_to_host16(old_value), dp::net_to_host16(new_value));
 }
 
 uint16_t update_checksum_u32(uint16_t old_checksum, uint32_t old_value, uint32_t new_value) {
-  return replace_in_checksum(old_checksum, dp::net_to_host32(old_value), dp::net_to_host32(new_value));
+  return replace_in_checksum(old_checksum, word_sum32(dp::net_to_host32(old_value)),
+                             word_sum32(dp::net_to_host32(new_value)));
 }
 
 uint16_t update_checksum(uint16_t old_checksum, int odd_start, const void *old_bytes, uint16_t old_len,

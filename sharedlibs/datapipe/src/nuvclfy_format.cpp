@@ -24,15 +24,17 @@ constexpr const char *kOperatorFormats[] = {
     nullptr, "%hu", "!= %hu", "< %hu", "<= %hu", "> %hu", ">= %hu", "%hu-%hu",
 };
 
+}  // namespace
+
+namespace dp::clfy {
+
 void print_comparison(TextWriter &out, std::uint32_t op, std::uint16_t value1, std::uint16_t value2) {
   const bool known = op >= NUV_CLFY_OP_EQ && op <= NUV_CLFY_OP_RANGE;
   const char *format = known ? kOperatorFormats[op] : "op? %hu %hu";
   out.printf(format, value1, value2);
 }
 
-// "80,443,>= 8000", cut at the scratch size.
-const char *list_text(const nuv_clfy_valuelist &list, char (&text)[kPieceSize]) {
-  TextWriter out(text, sizeof text);
+void print_value_list(TextWriter &out, const nuv_clfy_valuelist &list) {
   for (std::uint32_t i = 0; i < list.count; ++i) {
     char piece[kPieceSize];
     TextWriter entry(piece, sizeof piece);
@@ -41,6 +43,18 @@ const char *list_text(const nuv_clfy_valuelist &list, char (&text)[kPieceSize]) 
     if (i) out.append(",");
     out.printf("%s", piece);
   }
+}
+
+}  // namespace dp::clfy
+
+namespace {
+
+using dp::clfy::print_comparison;
+
+// "80,443,>= 8000", cut at the scratch size.
+const char *list_text(const nuv_clfy_valuelist &list, char (&text)[kPieceSize]) {
+  TextWriter out(text, sizeof text);
+  dp::clfy::print_value_list(out, list);
   return text;
 }
 

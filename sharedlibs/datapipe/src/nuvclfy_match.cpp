@@ -1,10 +1,17 @@
 // Packet matching: does one packet satisfy one rule.
 //
-// Conditions are tested cheapest first (interfaces, mark, link layer, then
-// IP), whole groups are skipped by one bit test, and nothing is allocated
-// except while a DHCP condition is evaluated.  Every read of packet memory
-// is bounded by the descriptor's ip_len: hostile length fields make a
-// condition fail, never a read past the packet.
+// The packet's fields are read once into a PacketFacts record, then one
+// sequence of condition tests runs against it.  Conditions are tested
+// cheapest first (interfaces, mark, link layer, then IP), whole groups are
+// skipped by one bit test, and nothing is allocated except while a DHCP
+// condition is evaluated.  Every read of packet memory is bounded by the
+// descriptor's ip_len: hostile length fields make a condition fail, never a
+// read past the packet.
+//
+// The sequence is written once and used two ways through its policy
+// parameter: the plain matcher's policy forgets which condition failed and
+// learns DHCP clients; the explaining policy keeps the first failed
+// condition and learns nothing.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -12,11 +19,13 @@
 #include "dp_bytes.h"
 #include "dp_wire.h"
 #include "nuvclfy.h"
+#include "nuvclfy_match_priv.h"
 #include "nuvclfy_priv.h"
 #include "nuvcsock.h"
 #include "nuvdhcp.h"
 #include "nuvpkt.h"
 
+namespace dp::clfy {
 namespace {
 
 using dp::load_be16;
@@ -27,7 +36,30 @@ using namespace dp::wire;
 // taking it to be of the smallest size.
 constexpr std::uint32_t kHopByHopLength = 8;
 
-bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t value2, std::uint32_t x) {
+// The hot path of a test is inlined into the per-packet loops; conditions
+// that are rare or costly stay out of line so that the loops stay small.
+#define CLFY_HOT [[gnu::always_inline]] inline
+#define CLFY_COLD [[gnu::noinline]]
+
+// ---- Policies ----
+
+// The plain matcher: a miss is just false, DHCP clients are learned.
+struct Quiet {
+  static constexpr bool kLearns = true;
+  bool miss(Cond, Why = Why::kValue, std::uint32_t = 0, const std::uint8_t * = nullptr) { return false; }
+};
+
+// The explanation: the first miss is kept, nothing is learned.
+struct Explaining {
+  static constexpr bool kLearns = false;
+  Finding &finding;
+  bool miss(Cond cond, Why why = Why::kValue, std::uint32_t value = 0, const std::uint8_t *bytes = nullptr) {
+    finding = Finding{cond, why, value, bytes};
+    return false;
+  }
+};
+
+CLFY_HOT bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t value2, std::uint32_t x) {
   switch (op) {
     case NUV_CLFY_OP_EQ: return x == value1;
     case NUV_CLFY_OP_NE: return x != value1;
@@ -40,7 +72,7 @@ bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t valu
   }
 }
 
-bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
+CLFY_HOT bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
   for (std::uint32_t i = 0; i < list.count; ++i) {
     const nuv_clfy_value &v = list.entries[i];
     if (comparison_holds(v.op, v.value1, v.value2, x)) return true;
@@ -50,86 +82,139 @@ bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
 
 // ---- Interfaces, mark, link layer ----
 
-bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mark) {
+template <class P>
+CLFY_HOT bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mark, P &p) {
+  const std::uint32_t flags = rule.flags;
   // An interface index the caller never resolved (-1) matches no packet.
-  if ((rule.flags & NUV_CLFY_F_DEV) && (rule.dev_ifindex < 0 || packet.dev_ifindex != std::uint32_t(rule.dev_ifindex)))
-    return false;
-  if ((rule.flags & NUV_CLFY_F_BRDEV) &&
-      (rule.brdev_ifindex < 0 || packet.brdev_ifindex != std::uint32_t(rule.brdev_ifindex)))
-    return false;
-  if ((rule.flags & NUV_CLFY_F_LOCALMARK) && (!rule.localmark || !rule.localmark[mark & 0x7fu])) return false;
-  if ((rule.flags & NUV_CLFY_F_ETH_PROTO) && packet.eth_proto != rule.eth_proto) return false;
+  if (flags & NUV_CLFY_F_DEV) {
+    if (rule.dev_ifindex < 0) return p.miss(Cond::kDev, Why::kUnresolved, packet.dev_ifindex);
+    if (packet.dev_ifindex != std::uint32_t(rule.dev_ifindex)) return p.miss(Cond::kDev, Why::kValue, packet.dev_ifindex);
+  }
+  if (flags & NUV_CLFY_F_BRDEV) {
+    if (rule.brdev_ifindex < 0) return p.miss(Cond::kBrdev, Why::kUnresolved, packet.brdev_ifindex);
+    if (packet.brdev_ifindex != std::uint32_t(rule.brdev_ifindex))
+      return p.miss(Cond::kBrdev, Why::kValue, packet.brdev_ifindex);
+  }
+  if (flags & NUV_CLFY_F_LOCALMARK) {
+    if (!rule.localmark) return p.miss(Cond::kLocalmark, Why::kNoMap, mark & 0x7fu);
+    if (!rule.localmark[mark & 0x7fu]) return p.miss(Cond::kLocalmark, Why::kValue, mark & 0x7fu);
+  }
+  if ((flags & NUV_CLFY_F_ETH_PROTO) && packet.eth_proto != rule.eth_proto)
+    return p.miss(Cond::kEthProto, Why::kValue, net_to_host16(packet.eth_proto));
   return true;
 }
 
-bool addresses_hold(const nuv_clfy &rule, const std::uint8_t *eth) {
+template <class P>
+bool addresses_hold(const nuv_clfy &rule, const std::uint8_t *eth, P &p) {
   const std::uint8_t *source = eth + kEthernetSourceOffset;
   if (rule.flags & NUV_CLFY_F_ETH_SOURCE) {
-    if (std::memcmp(source, rule.eth_source, kEthernetAddressLength) != 0) return false;
+    if (std::memcmp(source, rule.eth_source, kEthernetAddressLength) != 0) return p.miss(Cond::kEthSource, Why::kValue, 0, source);
   } else if ((rule.flags & NUV_CLFY_F_ETH_SOURCEOUI) && std::memcmp(source, rule.eth_source, kOuiLength) != 0) {
-    return false;
+    return p.miss(Cond::kEthSourceOui, Why::kValue, 0, source);
   }
-  if ((rule.flags & NUV_CLFY_F_ETHSRCTAB) && !nuv_clfy_ethersrctab_is_in(rule.ethsrctab, source)) return false;
+  if ((rule.flags & NUV_CLFY_F_ETHSRCTAB) && !nuv_clfy_ethersrctab_is_in(rule.ethsrctab, source))
+    return p.miss(Cond::kEthSrcTab, Why::kNotInTable, 0, source);
   if (rule.flags & NUV_CLFY_F_ETH_DEST) {
-    if (std::memcmp(eth, rule.eth_dest, kEthernetAddressLength) != 0) return false;
+    if (std::memcmp(eth, rule.eth_dest, kEthernetAddressLength) != 0) return p.miss(Cond::kEthDest, Why::kValue, 0, eth);
   } else if ((rule.flags & NUV_CLFY_F_ETH_DESTOUI) && std::memcmp(eth, rule.eth_dest, kOuiLength) != 0) {
-    return false;
+    return p.miss(Cond::kEthDestOui, Why::kValue, 0, eth);
   }
   return true;
 }
 
-bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet) {
-  if (rule.flags & dp::clfy::kLinkAddressConditions) {
-    if (!packet.eth_header || !addresses_hold(rule, packet.eth_header)) return false;
+// The first link-address condition of the rule in test order.
+Cond first_link_address(std::uint32_t flags) {
+  if (flags & NUV_CLFY_F_ETH_SOURCE) return Cond::kEthSource;
+  if (flags & NUV_CLFY_F_ETH_SOURCEOUI) return Cond::kEthSourceOui;
+  if (flags & NUV_CLFY_F_ETHSRCTAB) return Cond::kEthSrcTab;
+  if (flags & NUV_CLFY_F_ETH_DEST) return Cond::kEthDest;
+  return Cond::kEthDestOui;
+}
+
+template <class P>
+CLFY_COLD bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
+  if (rule.flags & kLinkAddressConditions) {
+    if (!packet.eth_header) return p.miss(first_link_address(rule.flags), Why::kNoEthernet);
+    if (!addresses_hold(rule, packet.eth_header, p)) return false;
   }
   const bool tagged = packet.vlan_tci & NUV_CLFY_VLAN_TAG_PRESENT;
-  if ((rule.flags & NUV_CLFY_F_VLAN_ID) && (!tagged || !list_holds(rule.vlan_ids, packet.vlan_tci & 0x0fffu)))
-    return false;
-  if ((rule.flags & NUV_CLFY_F_VLAN_PRIO) && (!tagged || (packet.vlan_tci >> 13) != rule.vlan_prio)) return false;
+  if (rule.flags & NUV_CLFY_F_VLAN_ID) {
+    if (!tagged) return p.miss(Cond::kVlanId, Why::kUntagged);
+    if (!list_holds(rule.vlan_ids, packet.vlan_tci & 0x0fffu))
+      return p.miss(Cond::kVlanId, Why::kValue, packet.vlan_tci & 0x0fffu);
+  }
+  if (rule.flags & NUV_CLFY_F_VLAN_PRIO) {
+    if (!tagged) return p.miss(Cond::kVlanPrio, Why::kUntagged);
+    if ((packet.vlan_tci >> 13) != rule.vlan_prio) return p.miss(Cond::kVlanPrio, Why::kValue, packet.vlan_tci >> 13);
+  }
   return true;
 }
 
 // ---- Transport layer, shared by both IP versions ----
 
-// Where the transport header lies in the packet, and how much follows.
-struct Transport {
-  const std::uint8_t *ip;
-  std::uint32_t available;  // bytes readable from ip on
-  std::uint32_t offset;     // of the transport header
-  bool has(std::uint32_t bytes) const { return offset <= available && available - offset >= bytes; }
-  const std::uint8_t *at(std::uint32_t delta) const { return ip + offset + delta; }
-};
+// Bytes readable from the transport header on (0 when it starts beyond the
+// packet).
+CLFY_HOT std::uint32_t transport_room(PacketFacts &f) {
+  return f.transport <= f.available ? f.available - f.transport : 0;
+}
 
-bool ports_hold(const nuv_clfy &rule, const Transport &t) {
-  if ((rule.flags & NUV_CLFY_F_SPORTS) && !(t.has(2) && list_holds(rule.sports, load_be16(t.at(0))))) return false;
-  if ((rule.flags & NUV_CLFY_F_DPORTS) && !(t.has(4) && list_holds(rule.dports, load_be16(t.at(2))))) return false;
+CLFY_HOT bool transport_has(PacketFacts &f, std::uint32_t bytes) {
+  return f.transport <= f.available && f.available - f.transport >= bytes;
+}
+
+CLFY_COLD void read_transport(PacketFacts &f);
+CLFY_HOT void read_network(PacketFacts &f);
+
+// The transport words, read on the first condition that needs them.
+CLFY_HOT void need_transport(PacketFacts &f) {
+  if (!(f.read & kReadTransport)) read_transport(f);
+}
+
+template <class P>
+CLFY_HOT bool ports_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  need_transport(f);
+  if (rule.flags & NUV_CLFY_F_SPORTS) {
+    if (!(f.readable & kHasSport)) return p.miss(Cond::kSports, Why::kShort);
+    if (!list_holds(rule.sports, f.sport)) return p.miss(Cond::kSports, Why::kValue, f.sport);
+  }
+  if (rule.flags & NUV_CLFY_F_DPORTS) {
+    if (!(f.readable & kHasDport)) return p.miss(Cond::kDports, Why::kShort);
+    if (!list_holds(rule.dports, f.dport)) return p.miss(Cond::kDports, Why::kValue, f.dport);
+  }
   return true;
 }
 
-bool tcp_flags_hold(const nuv_clfy &rule, const Transport &t) {
+template <class P>
+CLFY_COLD bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
-  if (rule.ip_proto != kProtoTcp || !t.has(14)) return false;
-  const std::uint16_t word = load_be16(t.at(12));
-  return (word & dp::net_to_host16(rule.tcp_flags_mask)) == dp::net_to_host16(rule.tcp_flags);
+  if (rule.ip_proto != kProtoTcp) return p.miss(Cond::kTcpFlags, Why::kRuleNotTcp);
+  need_transport(f);
+  if (!(f.readable & kHasTcpWord)) return p.miss(Cond::kTcpFlags, Why::kShort);
+  if ((f.tcp_word & net_to_host16(rule.tcp_flags_mask)) != net_to_host16(rule.tcp_flags))
+    return p.miss(Cond::kTcpFlags, Why::kValue, f.tcp_word & 0x0fffu);
+  return true;
 }
 
 // The payload after a UDP or TCP header (any other protocol: the whole
 // transport part), at most `declared` bytes and never past the packet.
-bool payload_matches(const nuv_clfy &rule, const Transport &t, std::uint8_t proto, std::int64_t declared) {
+template <class P>
+CLFY_COLD bool payload_matches(const nuv_clfy &rule, PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
   std::uint32_t header = 0;
   if (proto == kProtoUdp) {
     header = kUdpHeaderLength;
   } else if (proto == kProtoTcp) {
-    if (!t.has(13)) return false;
-    header = (*t.at(12) >> 4) * 4u;
+    if (!transport_has(f, 13)) return p.miss(Cond::kPacketMatch, Why::kShort);
+    header = (f.ip[f.transport + 12] >> 4) * 4u;
   }
-  if (!t.has(header)) return false;
+  if (!transport_has(f, header)) return p.miss(Cond::kPacketMatch, Why::kShort);
   std::int64_t length = declared - header;
-  const std::int64_t room = t.available - t.offset - header;
+  const std::int64_t room = transport_room(f) - header;
   if (length > room) length = room;
-  if (length < 0) return false;
-  return shcasenmatch(reinterpret_cast<const char *>(t.at(header)), static_cast<std::size_t>(length),
-                      rule.packetmatch) != 0;
+  if (length < 0) return p.miss(Cond::kPacketMatch, Why::kShort);
+  if (shcasenmatch(reinterpret_cast<const char *>(f.ip + f.transport + header), static_cast<std::size_t>(length),
+                   rule.packetmatch) == 0)
+    return p.miss(Cond::kPacketMatch, Why::kNoPayloadMatch);
+  return true;
 }
 
 // ---- DHCP conditions ----
@@ -149,69 +234,130 @@ constexpr std::uint8_t kDhcpEndOption = 255;
 
 // Verdict on a parsed DHCP message: requests and discoveries that match are
 // learned into the rule's table, releases are forgotten and never match.
-bool dhcp_message_holds(nuv_clfy_dhcp &condition, const std::uint8_t *msg) {
+template <class P>
+bool dhcp_message_holds(const nuv_clfy_dhcp &condition, const std::uint8_t *msg, P &p) {
   const dhcp_option &type = g_dhcp_store[kDhcpOptionMessageType];
-  const dhcp_match match{condition.code, condition.sub, condition.enterprise, condition.pattern};
+  const dhcp_match match = match_of(condition);
   if (!type.data) return true;
   switch (type.data[0]) {
     case 1:  // DISCOVER
     case 3:  // REQUEST
-      if (!dhcp_packet_matches(&g_dhcp_memops, msg, g_dhcp_store, &match)) return false;
-      _nuv_clfy_ethersrctab_add(condition.ethsrctab, msg + kDhcpChaddrOffset);
+      if (!dhcp_packet_matches(&g_dhcp_memops, msg, g_dhcp_store, &match)) return p.miss(Cond::kDhcp, Why::kDhcpNoMatch);
+      if constexpr (P::kLearns) _nuv_clfy_ethersrctab_add(condition.ethsrctab, msg + kDhcpChaddrOffset);
       return true;
     case 7:  // RELEASE
-      dp::clfy::ethersrctab_forget(condition.ethsrctab, msg + kDhcpChaddrOffset);
-      return false;
-    default: return false;
+      if constexpr (P::kLearns) ethersrctab_forget(condition.ethsrctab, msg + kDhcpChaddrOffset);
+      return p.miss(Cond::kDhcp, Why::kDhcpRelease);
+    default: return p.miss(Cond::kDhcp, Why::kDhcpType, type.data[0]);
   }
 }
 
 // The option walk reads the code byte that follows the options area, so the
 // message is evaluated from a copy that ends in an end option.
-bool dhcp_holds(nuv_clfy &rule, const Transport &t) {
-  if (!rule.dhcp || !t.has(kUdpHeaderLength + kDhcpFixedPart)) return false;
-  const std::uint32_t length = t.available - t.offset - kUdpHeaderLength;
+template <class P>
+CLFY_COLD bool dhcp_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  if (!rule.dhcp) return p.miss(Cond::kDhcp, Why::kNoCondition);
+  if (!transport_has(f, kUdpHeaderLength + kDhcpFixedPart)) return p.miss(Cond::kDhcp, Why::kShort);
+  const std::uint32_t length = transport_room(f) - kUdpHeaderLength;
   auto *msg = static_cast<std::uint8_t *>(std::malloc(length + 1u));
-  if (!msg) return false;
-  std::memcpy(msg, t.at(kUdpHeaderLength), length);
+  if (!msg) return p.miss(Cond::kDhcp, Why::kDhcpUnreadable);
+  std::memcpy(msg, f.ip + f.transport + kUdpHeaderLength, length);
   msg[length] = kDhcpEndOption;
-  bool holds = false;
+  bool holds;
   if (dhcp_parse_options(&g_dhcp_memops, msg, static_cast<int>(length), g_dhcp_store) >= 0)
-    holds = dhcp_message_holds(*rule.dhcp, msg);
+    holds = dhcp_message_holds(*rule.dhcp, msg, p);
+  else
+    holds = p.miss(Cond::kDhcp, Why::kDhcpUnreadable);
   dhcp_free_options(&g_dhcp_memops, g_dhcp_store);
   std::free(msg);
   return holds;
 }
 
-// ---- IPv4 ----
+// ---- Network layer, shared by both IP versions ----
 
-bool ipv4_address_holds(const std::uint8_t *stored, std::uint8_t family, const std::uint8_t *packet_addr) {
-  if (family != kFamilyIpv4) return false;
-  return (dp::load_net32(packet_addr) & dp::load_net32(stored + 4)) == dp::load_net32(stored);
+// The version nibble, the type of service (IPv6: traffic class) and the
+// ip.len value (IPv6: payload length plus the fixed header).
+std::uint8_t tos_of(const PacketFacts &f) {
+  const std::uint8_t *ip = f.ip;
+  if (f.family == kFamilyIpv4) return ip[1];
+  return static_cast<std::uint8_t>((ip[0] << 4) | (ip[1] >> 4));
 }
 
-bool ipv4_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
-  const std::uint8_t *ip = packet.ip_header;
+std::uint32_t length_of(const PacketFacts &f) {
+  if (f.family == kFamilyIpv4) return load_be16(f.ip + 2);
+  return load_be16(f.ip + kIpv6PayloadLengthOffset) + kIpv6HeaderLength;
+}
+
+template <class P>
+CLFY_HOT bool header_fields_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   const std::uint32_t flags = rule.flags;
-  if ((flags & NUV_CLFY_F_IP_VERSION) && (ip[0] >> 4) != rule.ip_version) return false;
-  if ((flags & NUV_CLFY_F_IP_PROTO) && ip[9] != rule.ip_proto) return false;
-  if ((flags & NUV_CLFY_F_IP_TOS) && (ip[1] & rule.ip_tos_mask) != rule.ip_tos) return false;
+  const std::uint8_t version = f.ip[0] >> 4;
+  if ((flags & NUV_CLFY_F_IP_VERSION) && version != rule.ip_version)
+    return p.miss(Cond::kIpVersion, Why::kValue, version);
+  if ((flags & NUV_CLFY_F_IP_PROTO) && f.proto != rule.ip_proto) return p.miss(Cond::kIpProto, Why::kValue, f.proto);
+  if ((flags & NUV_CLFY_F_IP_TOS) && (tos_of(f) & rule.ip_tos_mask) != rule.ip_tos)
+    return p.miss(Cond::kIpTos, Why::kValue, tos_of(f));
   if ((flags & NUV_CLFY_F_IP_LEN) &&
-      !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, load_be16(ip + 2)))
-    return false;
-  if ((flags & NUV_CLFY_F_IP_SADDR) && !ipv4_address_holds(rule.ip_saddr.v6, rule.ip_saddr_family, ip + 12))
-    return false;
-  if ((flags & NUV_CLFY_F_IP_DADDR) && !ipv4_address_holds(rule.ip_daddr.v6, rule.ip_daddr_family, ip + 16))
-    return false;
-  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ipdsttab_is_in(rule.ipdsttab, dp::load_net32(ip + 16)))
-    return false;
+      !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, length_of(f)))
+    return p.miss(Cond::kIpLen, Why::kValue, length_of(f));
+  return true;
+}
+
+// ---- IPv4 ----
+
+// Presence-bit groups skipped by one test when the rule has none of them.
+constexpr std::uint32_t kInterfaceConditions =
+    NUV_CLFY_F_DEV | NUV_CLFY_F_BRDEV | NUV_CLFY_F_LOCALMARK | NUV_CLFY_F_ETH_PROTO;
+constexpr std::uint32_t kHeaderFieldConditions =
+    NUV_CLFY_F_IP_VERSION | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_TOS | NUV_CLFY_F_IP_LEN;
+constexpr std::uint32_t kAddressConditions = NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR | NUV_CLFY_F_IPDSTTAB;
+constexpr std::uint32_t kPortConditions = NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS;
+constexpr std::uint32_t kRareTransportConditions = NUV_CLFY_F_DHCP | NUV_CLFY_F_TCP_FLAGS | NUV_CLFY_F_PACKETMATCH;
+
+template <class P>
+CLFY_HOT bool ipv4_addresses_hold(const nuv_clfy &rule, PacketFacts &f, P &p);
+template <class P>
+CLFY_HOT bool ipv4_transport_holds(const nuv_clfy &rule, PacketFacts &f, P &p);
+
+bool ipv4_address_holds(const std::uint8_t *stored, const std::uint8_t *packet_addr) {
+  return (load_net32(packet_addr) & load_net32(stored + 4)) == load_net32(stored);
+}
+
+template <class P>
+CLFY_HOT bool ipv4_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint32_t flags = rule.flags;
+  if ((flags & kHeaderFieldConditions) && !header_fields_hold(rule, f, p)) return false;
+  if (flags & kAddressConditions) return ipv4_addresses_hold(rule, f, p) && ipv4_transport_holds(rule, f, p);
+  return ipv4_transport_holds(rule, f, p);
+}
+
+template <class P>
+CLFY_HOT bool ipv4_addresses_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint8_t *ip = f.ip;
+  const std::uint32_t flags = rule.flags;
+  if (flags & NUV_CLFY_F_IP_SADDR) {
+    if (rule.ip_saddr_family != kFamilyIpv4) return p.miss(Cond::kIpSaddr, Why::kFamily, 4, ip + 12);
+    if (!ipv4_address_holds(rule.ip_saddr.v6, ip + 12)) return p.miss(Cond::kIpSaddr, Why::kValue, 4, ip + 12);
+  }
+  if (flags & NUV_CLFY_F_IP_DADDR) {
+    if (rule.ip_daddr_family != kFamilyIpv4) return p.miss(Cond::kIpDaddr, Why::kFamily, 4, ip + 16);
+    if (!ipv4_address_holds(rule.ip_daddr.v6, ip + 16)) return p.miss(Cond::kIpDaddr, Why::kValue, 4, ip + 16);
+  }
+  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ipdsttab_is_in(rule.ipdsttab, load_net32(ip + 16)))
+    return p.miss(Cond::kIpDstTab, Why::kNotInTable, 4, ip + 16);
+  return true;
+}
+
+template <class P>
+CLFY_HOT bool ipv4_transport_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint32_t flags = rule.flags;
   if (!(flags & NUV_CLFY_GROUP_TRANSPORT)) return true;
-  const Transport t{ip, packet.ip_len, (ip[0] & 0x0fu) * 4u};
-  if (!ports_hold(rule, t)) return false;
-  if ((flags & NUV_CLFY_F_DHCP) && !dhcp_holds(rule, t)) return false;
-  if (!tcp_flags_hold(rule, t)) return false;
+  if ((flags & kPortConditions) && !ports_hold(rule, f, p)) return false;
+  if (!(flags & kRareTransportConditions)) return true;
+  if ((flags & NUV_CLFY_F_DHCP) && !dhcp_holds(rule, f, p)) return false;
+  if (!tcp_flags_hold(rule, f, p)) return false;
   if ((flags & NUV_CLFY_F_PACKETMATCH) &&
-      !payload_matches(rule, t, rule.ip_proto, static_cast<std::int64_t>(packet.ip_len) - t.offset))
+      !payload_matches(rule, f, rule.ip_proto, static_cast<std::int64_t>(f.available) - f.transport, p))
     return false;
   // The ICMP type is an IPv6-only condition: IPv4 packets pass it untested.
   return true;
@@ -219,9 +365,7 @@ bool ipv4_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
 
 // ---- IPv6 ----
 
-bool ipv6_prefix_holds(const std::uint8_t *stored, std::uint8_t prefixlen, std::uint8_t family,
-                       const std::uint8_t *packet_addr) {
-  if (family != kFamilyIpv6) return false;
+bool ipv6_prefix_holds(const std::uint8_t *stored, std::uint8_t prefixlen, const std::uint8_t *packet_addr) {
   const unsigned bits = prefixlen > 128 ? 128u : prefixlen;
   const unsigned whole = bits / 8;
   if (std::memcmp(stored, packet_addr, whole) != 0) return false;
@@ -249,73 +393,153 @@ bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
   return true;
 }
 
-bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available) {
-  if (!extension_chain_readable(ip, available)) return false;
+template <class P>
+CLFY_COLD bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
+  if (!extension_chain_readable(ip, available)) return p.miss(Cond::kIcmpType, Why::kShort);
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
-  if (offset < 0 || nh != kProtoIcmpv6) return false;
+  if (offset < 0 || nh != kProtoIcmpv6) return p.miss(Cond::kIcmpType, Why::kNotIcmpv6, nh);
   if (offset == 0) return true;
-  return static_cast<std::uint32_t>(offset) < available && ip[offset] == rule.icmp_type;
+  if (static_cast<std::uint32_t>(offset) >= available) return p.miss(Cond::kIcmpType, Why::kShort);
+  if (ip[offset] != rule.icmp_type) return p.miss(Cond::kIcmpType, Why::kValue, ip[offset]);
+  return true;
 }
 
-bool ipv6_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
-  const std::uint8_t *ip = packet.ip_header;
+template <class P>
+CLFY_COLD bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
+                        const std::uint8_t *packet_addr, P &p) {
+  if (family != kFamilyIpv6) return p.miss(cond, Why::kFamily, 6, packet_addr);
+  if (!ipv6_prefix_holds(stored.v6, prefixlen, packet_addr)) return p.miss(cond, Why::kValue, 6, packet_addr);
+  return true;
+}
+
+template <class P>
+CLFY_HOT bool ipv6_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint8_t *ip = f.ip;
   const std::uint32_t flags = rule.flags;
-  const std::uint32_t available = packet.ip_len;
   // One hop-by-hop header is looked through for the protocol and the ports.
-  const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
-  if (hop_by_hop && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)) && available <= kIpv6HeaderLength)
-    return false;
-  const std::uint8_t next_header =
-      hop_by_hop ? (available > kIpv6HeaderLength ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
-  if ((flags & NUV_CLFY_F_IP_VERSION) && (ip[0] >> 4) != rule.ip_version) return false;
-  if ((flags & NUV_CLFY_F_IP_PROTO) && next_header != rule.ip_proto) return false;
-  const auto traffic_class = static_cast<std::uint8_t>((ip[0] << 4) | (ip[1] >> 4));
-  if ((flags & NUV_CLFY_F_IP_TOS) && (traffic_class & rule.ip_tos_mask) != rule.ip_tos) return false;
-  const std::uint32_t payload_length = load_be16(ip + kIpv6PayloadLengthOffset);
-  if ((flags & NUV_CLFY_F_IP_LEN) &&
-      !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, payload_length + kIpv6HeaderLength))
-    return false;
+  if (f.hop_unreadable && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)))
+    return p.miss(flags & NUV_CLFY_F_IP_PROTO ? Cond::kIpProto : Cond::kPacketMatch, Why::kShort);
+  if ((flags & kHeaderFieldConditions) && !header_fields_hold(rule, f, p)) return false;
   if ((flags & NUV_CLFY_F_IP_SADDR) &&
-      !ipv6_prefix_holds(rule.ip_saddr.v6, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + kIpv6SourceOffset))
+      !ipv6_address_holds(Cond::kIpSaddr, rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + kIpv6SourceOffset, p))
     return false;
   if ((flags & NUV_CLFY_F_IP_DADDR) &&
-      !ipv6_prefix_holds(rule.ip_daddr.v6, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + kIpv6DestinationOffset))
+      !ipv6_address_holds(Cond::kIpDaddr, rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family, ip + kIpv6DestinationOffset, p))
     return false;
-  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + kIpv6DestinationOffset)) return false;
+  if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ip6dsttab_is_in(rule.ipdsttab, ip + kIpv6DestinationOffset))
+    return p.miss(Cond::kIpDstTab, Why::kNotInTable, 6, ip + kIpv6DestinationOffset);
   if (flags & NUV_CLFY_GROUP_TRANSPORT) {
-    const Transport t{ip, available, kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0)};
-    if (!ports_hold(rule, t) || !tcp_flags_hold(rule, t)) return false;
+    if (!ports_hold(rule, f, p) || !tcp_flags_hold(rule, f, p)) return false;
     // DHCP conditions are IPv4-only and pass untested here.
-    if ((flags & NUV_CLFY_F_PACKETMATCH) && !payload_matches(rule, t, next_header, payload_length)) return false;
+    if ((flags & NUV_CLFY_F_PACKETMATCH) && !payload_matches(rule, f, f.proto, load_be16(ip + kIpv6PayloadLengthOffset), p)) return false;
   }
-  if ((flags & NUV_CLFY_F_ICMP_TYPE) && !icmpv6_type_holds(rule, ip, available)) return false;
+  if ((flags & NUV_CLFY_F_ICMP_TYPE) && !icmpv6_type_holds(rule, ip, f.available, p)) return false;
   return true;
 }
 
 // A packet too short for its fixed IP header satisfies no IP condition.
-bool ip_holds(nuv_clfy &rule, const nuv_clfy_packet &packet) {
-  if (!packet.ip_header) return false;
-  const std::uint16_t eth_proto = dp::net_to_host16(packet.eth_proto);
-  if (eth_proto == kEtherTypeIpv6) return packet.ip_len >= kIpv6HeaderLength && ipv6_holds(rule, packet);
-  if (eth_proto == kEtherTypeIpv4) return packet.ip_len >= kIpv4HeaderLength && ipv4_holds(rule, packet);
-  return false;
+template <class P>
+CLFY_HOT bool ip_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  if (!(f.read & kReadNetwork)) read_network(f);
+  if (f.family == kFamilyIpv6) return ipv6_holds(rule, f, p);
+  if (f.family == kFamilyIpv4) return ipv4_holds(rule, f, p);
+  const nuv_clfy_packet &packet = *f.desc;
+  if (!packet.ip_header) return p.miss(Cond::kIp, Why::kNoIpHeader);
+  const std::uint16_t eth_proto = net_to_host16(packet.eth_proto);
+  if (eth_proto == kEtherTypeIpv6 || eth_proto == kEtherTypeIpv4) return p.miss(Cond::kIp, Why::kIpTooShort, eth_proto);
+  return p.miss(Cond::kIp, Why::kNotIp, eth_proto);
 }
 
-bool rule_holds(nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mark) {
-  if (!interfaces_hold(rule, packet, mark)) return false;
-  if ((rule.flags & NUV_CLFY_GROUP_LINK) && !link_layer_holds(rule, packet)) return false;
-  if (rule.flags & NUV_CLFY_GROUP_IP) return ip_holds(rule, packet);
+template <class P>
+CLFY_HOT bool rule_holds(const nuv_clfy &rule, PacketFacts &f, std::uint32_t mark, P &p) {
+  const std::uint32_t flags = rule.flags;
+  if ((flags & kInterfaceConditions) && !interfaces_hold(rule, *f.desc, mark, p)) return false;
+  if ((flags & NUV_CLFY_GROUP_LINK) && !link_layer_holds(rule, *f.desc, p)) return false;
+  if (flags & NUV_CLFY_GROUP_IP) return ip_holds(rule, f, p);
   // Without IP conditions a rule needs at least one condition it could test;
   // bits that name no condition do not make a rule match.
-  return (rule.flags & dp::clfy::kConditionsBeforeIp) != 0;
+  if (flags & kConditionsBeforeIp) return true;
+  return p.miss(Cond::kNothingTestable);
+}
+
+CLFY_COLD void read_transport(PacketFacts &f) {
+  f.read |= kReadTransport;
+  f.readable = 0;
+  const std::uint32_t room = transport_room(f);
+  const std::uint8_t *t = f.ip + f.transport;
+  if (room >= 2) {
+    f.readable |= kHasSport;
+    f.sport = load_be16(t);
+  }
+  if (room >= 4) {
+    f.readable |= kHasDport;
+    f.dport = load_be16(t + 2);
+  }
+  if (room >= 14) {
+    f.readable |= kHasTcpWord;
+    f.tcp_word = load_be16(t + 12);
+  }
+}
+
+// The network layer, read when the first rule with an IP condition is
+// tried: the version to follow and where the transport header starts.
+CLFY_HOT void read_network(PacketFacts &f) {
+  const nuv_clfy_packet &packet = *f.desc;
+  const std::uint8_t *ip = packet.ip_header;
+  f.read |= kReadNetwork;
+  f.family = 0;
+  f.ip = ip;
+  f.available = packet.ip_len;
+  if (!ip) return;
+  if (packet.eth_proto == net_to_host16(kEtherTypeIpv4)) {
+    if (f.available < kIpv4HeaderLength) return;
+    f.family = kFamilyIpv4;
+    f.proto = ip[9];
+    f.transport = (ip[0] & 0x0fu) * 4u;
+  } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
+    if (f.available < kIpv6HeaderLength) return;
+    const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
+    const bool behind = f.available > kIpv6HeaderLength;
+    f.family = kFamilyIpv6;
+    f.hop_unreadable = hop_by_hop && !behind;
+    f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
+    f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
+  }
+}
+
+// The plain matcher's verdict: a match counts in the rule's hits, except for
+// a rule without conditions.
+CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
+  if (rule.flags == 0) return true;
+  Quiet quiet;
+  if (!rule_holds(rule, facts, mark, quiet)) return false;
+  ++rule.hits;
+  return true;
 }
 
 }  // namespace
 
+bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Finding &finding) {
+  finding = Finding{};
+  if (rule.flags == 0) return true;
+  Explaining explaining{finding};
+  return rule_holds(rule, facts, mark, explaining);
+}
+
+nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
+  for (; rule; rule = rule->next) {
+    if (!applies(*rule, facts, 0)) continue;
+    if (!rule->children) return rule;
+    if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
+  }
+  return nullptr;
+}
+
+}  // namespace dp::clfy
+
 extern "C" int nuv_clfy_matches(nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t, uint32_t mark) {
-  if (rule->flags == 0) return 1;
-  if (!rule_holds(*rule, *packet, mark)) return 0;
-  ++rule->hits;
-  return 1;
+  dp::clfy::PacketFacts facts;
+  dp::clfy::read_packet(*packet, facts);
+  return dp::clfy::applies(*rule, facts, mark) ? 1 : 0;
 }

@@ -145,13 +145,44 @@ extern "C" void nuv_clfy_optim(nuv_clfy *rule) {
 namespace {
 
 
-// Number of consecutive rules from rules[0] that share rules[0]'s conditions
-// of `mask`; 1 when rules[0] has none of them.
+// An address condition exactly as stored: IPv4 address and mask, or IPv6
+// address and prefix length.
+bool same_address(const nuv_clfy_ipaddr &a, std::uint8_t a_prefixlen, const nuv_clfy_ipaddr &b,
+                  std::uint8_t b_prefixlen, std::uint8_t family) {
+  if (family == dp::wire::kFamilyIpv4) return std::memcmp(a.v6, b.v6, 8) == 0;
+  return a_prefixlen == b_prefixlen && std::memcmp(a.v6, b.v6, sizeof a.v6) == 0;
+}
+
+// What the comparison leaves out of the grouping masks' conditions: the
+// resolved device index, IPv4 masks under equal masked values, IPv6 prefix
+// lengths.  A parent tests its first child's conditions for all children,
+// so they must mean the same thing for each of them.
+bool same_details(const nuv_clfy &a, const nuv_clfy &b, std::uint32_t mask) {
+  const std::uint32_t present = a.flags & mask;
+  if ((present & NUV_CLFY_F_DEV) && a.dev_ifindex != b.dev_ifindex) return false;
+  if ((present & NUV_CLFY_F_IP_SADDR) &&
+      !same_address(a.ip_saddr, a.ip_saddr_prefixlen, b.ip_saddr, b.ip_saddr_prefixlen, a.ip_saddr_family))
+    return false;
+  if ((present & NUV_CLFY_F_IP_DADDR) &&
+      !same_address(a.ip_daddr, a.ip_daddr_prefixlen, b.ip_daddr, b.ip_daddr_prefixlen, a.ip_daddr_family))
+    return false;
+  return true;
+}
+
+// Rules whose conditions of `mask` are the same: present in both, and
+// comparing equal both under the rule comparison and in the details it
+// does not look at.
+bool identical_under(const nuv_clfy &a, const nuv_clfy &b, std::uint32_t mask) {
+  return (b.flags & mask) && nuv_clfy_cmp(&a, &b, mask) == 0 && same_details(a, b, mask);
+}
+
+// Number of consecutive rules from rules[0] whose conditions of `mask` are
+// identical to rules[0]'s; 1 when rules[0] has none of them.
 std::size_t run_length(nuv_clfy *const *rules, std::size_t n, std::uint32_t mask) {
-  nuv_clfy *first = rules[0];
-  if (!(first->flags & mask)) return 1;
+  const nuv_clfy &first = *rules[0];
+  if (!(first.flags & mask)) return 1;
   std::size_t run = 0;
-  while (run < n && (rules[run]->flags & mask) && nuv_clfy_cmp(first, rules[run], mask) == 0) ++run;
+  while (run < n && identical_under(first, *rules[run], mask)) ++run;
   return run;
 }
 

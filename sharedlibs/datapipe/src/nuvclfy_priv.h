@@ -102,9 +102,19 @@ bool valuelist_identical(const nuv_clfy_valuelist &a, const nuv_clfy_valuelist &
 
 }  // namespace dp::clfy
 
+namespace dp {
+class TextWriter;
+}
+
 namespace dp::clfy {
 
 // ---- Rule text, matching and optimisation ----
+
+// Appends a comparison as rule text prints it ("80", ">= 8000", "10-20").
+void print_comparison(TextWriter &out, std::uint32_t op, std::uint16_t value1, std::uint16_t value2);
+
+// Appends a value list as rule text prints it ("80,443,>= 8000").
+void print_value_list(TextWriter &out, const nuv_clfy_valuelist &list);
 
 // Interface names keep at most 16 characters and the NUL.
 inline constexpr std::size_t kIfNameLimit = 17;

@@ -1,21 +1,18 @@
 // Rule sets: first-match search through the rule tree, action dispatch,
 // walking and showing, the debug flag.
 #include "nuvclfy.h"
+#include "nuvclfy_match_priv.h"
 #include "nuvclfy_priv.h"
 
 namespace {
 
 int g_debug_flag;
 
-// First rule of the list `rule` (and its siblings) that applies.  A matching
-// rule with sub-rules only narrows the search: it is never the result itself.
-nuv_clfy *first_applying(nuv_clfy *rule, const nuv_clfy_packet &packet) {
-  for (; rule; rule = rule->next) {
-    if (!nuv_clfy_matches(rule, &packet, 0, 0)) continue;
-    if (!rule->children) return rule;
-    if (nuv_clfy *found = first_applying(rule->children, packet)) return found;
-  }
-  return nullptr;
+// The packet's fields are read once for the whole search.
+nuv_clfy *search(nuv_clfy_set *set, const nuv_clfy_packet &packet) {
+  dp::clfy::PacketFacts facts;
+  dp::clfy::read_packet(packet, facts);
+  return dp::clfy::first_applying(set->head, facts);
 }
 
 int walk(nuv_clfy *rule, int depth, nuv_clfy_walk_callback callback, void *arg) {
@@ -36,11 +33,11 @@ int show_rule(nuv_clfy *rule, int depth, void *) {
 extern "C" {
 
 nuv_clfy *nuv_clfy_get_clfy_from_set(nuv_clfy_set *set, uint8_t, const nuv_clfy_packet *packet) {
-  return first_applying(set->head, *packet);
+  return search(set, *packet);
 }
 
 int nuv_clfy_set_execute(nuv_clfy_set *set, void *arg, const nuv_clfy_packet *packet) {
-  nuv_clfy *rule = first_applying(set->head, *packet);
+  nuv_clfy *rule = search(set, *packet);
   if (!rule || !rule->owner) return 0;
   const nuv_clfy_action *action = dp::clfy::action_at(rule->action);
   if (!action || !action->execute) return 0;

@@ -11,6 +11,7 @@ namespace {
 
 using dp::wire::kUdpHeaderLength;
 constexpr std::size_t kDnsHeaderLength = 12;
+constexpr std::size_t kIpv4ProtocolOffset = 9;
 constexpr std::uint16_t kMaxDnsPayload = 512;
 constexpr std::uint8_t kOpcodeMask = 0x78;
 constexpr std::uint8_t kQrBit = 0x80;
@@ -109,6 +110,9 @@ bool walk_dns_message(const std::uint8_t *ip, DnsHeader *header) {
   const std::size_t total_length = dp::load_be16(ip + 2);
   // The UDP and DNS headers must lie inside the packet before they are read.
   if (total_length < ip_header_length + kUdpHeaderLength + kDnsHeaderLength) return false;
+  // Only an IPv4 header carrying UDP holds a UDP header: other protocols'
+  // payloads are not DNS messages, however much they look like one.
+  if ((ip[0] >> 4) != dp::wire::kFamilyIpv4 || ip[kIpv4ProtocolOffset] != dp::wire::kProtoUdp) return false;
   const std::uint8_t *udp = ip + ip_header_length;
   const std::uint8_t *dns = udp + kUdpHeaderLength;
   const std::uint16_t dns_length = static_cast<std::uint16_t>(dp::load_be16(udp + 4) - kUdpHeaderLength);

@@ -66,9 +66,12 @@ NIKERKIOG_API void set_tcpv6_checksum(void *ip6h);
 NIKERKIOG_API void set_udpv6_checksum(void *ip6h);
 NIKERKIOG_API void set_icmpv6_checksum(void *ip6h);
 
-/* Incremental updates (RFC 1624 style) after a field of a packet changed.
- * All checksums and values are given and returned exactly as they stand in
- * the packet (network byte order); the result is the new checksum. */
+/* Incremental updates (RFC 1624, equation 3) after a field of a packet
+ * changed.  All checksums and values are given and returned exactly as they
+ * stand in the packet (network byte order); the result is the new checksum,
+ * equal to the one a full recomputation of the changed data gives, for
+ * every value.  (A UDP/IPv4 result of 0 is sent as 0xffff, as
+ * set_udp_checksum does; that substitution is the caller's.) */
 
 /* A 16-bit field changed from old_value to new_value. */
 NIKERKIOG_API uint16_t update_checksum_u16(uint16_t old_checksum, uint16_t old_value, uint16_t new_value);

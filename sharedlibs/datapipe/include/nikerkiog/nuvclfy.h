@@ -508,6 +508,24 @@ typedef struct nuv_clfy_packet {
 NIKERKIOG_API int nuv_clfy_matches(struct nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t reserved,
                                    uint32_t mark);
 
+/* Result of nuv_clfy_explain. */
+typedef struct nuv_clfy_explanation {
+  int32_t matched;   /* 1 when the rule matched, else 0 */
+  char keyword[32];  /* the first failed condition's keyword as written in rule text ("tcp.dport"); "" when matched */
+  char text[192];    /* e.g. "tcp.dport: packet has 443, rule wants 80"; "" when matched */
+} nuv_clfy_explanation;
+
+/* Whether `packet` satisfies `rule`, as nuv_clfy_matches decides it, and if
+ * not which condition failed first: the same tests run in the same order,
+ * and the first that fails is named in out->keyword and described in
+ * out->text (the packet's value and the rule's, cut to fit).  A miss with
+ * no condition to blame (a rule whose presence bits name no condition) has
+ * an empty keyword.  Counts no hits and learns or forgets no DHCP clients.
+ * `mark` as for nuv_clfy_matches.  out: written completely.  Returns
+ * out->matched. */
+NIKERKIOG_API int nuv_clfy_explain(const struct nuv_clfy *rule, const nuv_clfy_packet *packet, uint32_t mark,
+                                   nuv_clfy_explanation *out);
+
 /* The rule of `set` that applies to `packet`, or null.  Top-level rules are
  * tried in order, first match wins; a matching rule with sub-rules is never
  * the result itself: its sub-rules are searched the same way, and when none
@@ -568,9 +586,10 @@ NIKERKIOG_API nuv_clfy *nuv_clfy_checkflag_clone(const nuv_clfy *rule, uint32_t 
 NIKERKIOG_API void nuv_clfy_optim(struct nuv_clfy *rule);
 
 /* Builds into `dst` a tree of clones of the top-level rules of `src`:
- * consecutive rules that share interface, Ethernet type, protocol and
- * addresses or length are placed under a parent rule testing those once,
- * so that the first-match verdict stays the same.  `src` is not changed;
+ * consecutive rules whose interface, Ethernet type, protocol and addresses
+ * or length are identical (same masks and prefix lengths too) are placed
+ * under a parent rule testing those once, so that the first-match verdict
+ * stays the same.  `src` is not changed;
  * `dst`'s previous list is replaced without being freed, and `dst` owns the
  * new tree.  Returns 0 (also for an empty `src`, leaving `dst` untouched),
  * or -1 when memory ran out (nothing of the new tree stays allocated and

@@ -89,17 +89,20 @@ NIKERKIOG_API int ip6_exthdr_order_is_valid_in_ipv6hdr(const uint8_t *ip6hdr);
 
 /* ---- packet predicates ---- */
 
-/* 1 when the IPv4 packet at `ip` is UDP carrying a well-formed standard DNS
- * query: QR bit clear, opcode 0, at least one question of class IN, no
- * answer, authority or additional records, and nothing behind the last
- * question.  The message ends where the IP total length says; the UDP length
- * must be 8..520.  0 otherwise.  The caller guarantees that the bytes up to
+/* 1 when the packet at `ip` is IPv4 (version 4) carrying UDP (protocol 17)
+ * with a well-formed standard DNS query; any other version or protocol
+ * gives 0, whatever its payload looks like.  A valid query has the QR bit
+ * clear, opcode 0, at least one question of class IN, no answer, authority
+ * or additional records, and nothing behind the last question.  The
+ * message ends where the IP total length says; the UDP length must be
+ * 8..520.  0 otherwise.  The caller guarantees that the bytes up to
  * the IP total length are readable (the packet is not read beyond them). */
 NIKERKIOG_API int packet_is_valid_dns_query_request(const uint8_t *ip);
 
-/* As packet_is_valid_dns_query_request for a reply: QR bit set, opcode 0, at
- * least one question of class IN, and well-formed answer, authority and
- * additional records ending exactly at the end of the packet. */
+/* As packet_is_valid_dns_query_request (IPv4 carrying UDP only, else 0)
+ * for a reply: QR bit set, opcode 0, at least one question of class IN, and
+ * well-formed answer, authority and additional records ending exactly at
+ * the end of the packet. */
 NIKERKIOG_API int packet_is_valid_dns_query_reply(const uint8_t *ip);
 
 /* The ICMP request type answered by reply type `type`: 0 gives 8 (echo),
