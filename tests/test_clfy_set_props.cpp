@@ -217,3 +217,150 @@ TEST_F(ClfySetProps, ExplanationAgreesWithTheMatcherOnRandomRulesAndPackets) {
   }
   EXPECT_GT(misses, 10000);
 }
+
+// ---- Large optimised sets, whose long runs of siblings are looked up by value ----
+
+namespace {
+
+const std::uint16_t kFewPorts[] = {22, 80, 443};
+
+// Rules in runs of one shape, as configurations list them: networks under
+// one mask with one port, hosts with one port, ports alone, and now and then
+// a rule of another shape in between.
+std::string run_rule(Rng &rng, int shape) {
+  const std::string port = std::to_string(pick_from(rng, kFewPorts));
+  switch (shape) {
+    case 0: return "ip.saddr 10.0." + std::to_string(pick(rng, 4)) + ".0/24 tcp.dport " + port;
+    case 1: return "ip.daddr 192.168.1." + std::to_string(pick(rng, 4)) + " udp.dport " + port;
+    case 2: return "tcp.dport " + port;
+    case 3: return "dev eth0 udp.dport " + port + " ip.len > " + std::to_string(20 + pick(rng, 60));
+    // IPv4 and IPv6 in turn: no two neighbours share their Ethernet type, so
+    // nothing groups them and the run stays in the list it was written in.
+    case 4: return std::string(pick(rng, 2) ? "ip.saddr 10.0.0.0/8" : "ip.saddr 2001:db8::/32") + " tcp.dport " + port;
+    default: return pick(rng, 2) ? "ip.proto icmp" : "ip.len > 100";
+  }
+}
+
+std::vector<std::string> run_rules(Rng &rng, int n, bool alternate_families) {
+  std::vector<std::string> lines;
+  while (static_cast<int>(lines.size()) < n) {
+    const int shape = alternate_families ? 4 : pick(rng, 6);
+    const int run = 1 + pick(rng, 40);
+    bool v6 = pick(rng, 2);
+    for (int i = 0; i < run && static_cast<int>(lines.size()) < n; ++i) {
+      if (shape == 4) {
+        const std::string port = std::to_string(pick_from(rng, kFewPorts));
+        lines.push_back(std::string(v6 ? "ip.saddr 2001:db8::/32" : "ip.saddr 10.0.0.0/8") + " tcp.dport " + port);
+        v6 = !v6;
+      } else {
+        lines.push_back(run_rule(rng, shape));
+      }
+    }
+  }
+  return lines;
+}
+
+void pool_packet(Rng &rng, Packet &p) {
+  const std::uint8_t src[4] = {10, 0, static_cast<std::uint8_t>(pick(rng, 5)), 1};
+  const std::uint8_t dst[4] = {192, 168, 1, static_cast<std::uint8_t>(pick(rng, 5))};
+  const std::uint8_t proto = pick(rng, 5) == 0 ? 1 : (pick(rng, 2) ? 6 : 17);
+  const std::uint16_t sport = 1000, dport = pick_from(rng, kFewPorts);
+  Bytes transport = proto == 6    ? clfytest::tcp_header(sport, dport, 0x10)
+                    : proto == 17 ? clfytest::udp_header(sport, dport)
+                                  : Bytes{128, 0, 0, 0, 0, 0, 0, 0};
+  Bytes b = chance(rng, 30) ? clfytest::ipv6_packet(proto == 1 ? 58 : proto, kV6Hosts[0], kV6Hosts[1], transport)
+                            : clfytest::ipv4_packet(proto, src, dst, transport);
+  const bool v6 = b[0] >> 4 == 6;
+  if (chance(rng, 10)) b.resize(static_cast<std::size_t>(pick(rng, static_cast<int>(b.size()) + 1)));
+  p.set_ip(b, v6 ? 0x86dd : 0x0800);
+  p.desc.dev_ifindex = 1;
+}
+
+// The set search written out plainly over the tree with nuv_clfy_matches.
+nuv_clfy *tree_first_match(nuv_clfy *rule, const nuv_clfy_packet &packet) {
+  for (; rule; rule = rule->next) {
+    if (!nuv_clfy_matches(rule, &packet, 0, 0)) continue;
+    if (!rule->children) return rule;
+    if (nuv_clfy *found = tree_first_match(rule->children, packet)) return found;
+  }
+  return nullptr;
+}
+
+// Hits of the tree's leaves by result.  A leaf whose every condition went
+// to its parents has none left and counts no hits (as any rule without
+// conditions): it is marked in `uncounted`.
+int leaf_hits(const nuv_clfy *rule, std::vector<std::uint32_t> &hits, std::vector<bool> &uncounted) {
+  int leaves = 0;
+  for (; rule; rule = rule->next) {
+    if (rule->children) {
+      leaves += leaf_hits(rule->children, hits, uncounted);
+      continue;
+    }
+    if (rule->result < hits.size()) {
+      hits[rule->result] = rule->hits;
+      uncounted[rule->result] = rule->flags == 0;
+    }
+    ++leaves;
+  }
+  return leaves;
+}
+
+}  // namespace
+
+TEST_F(ClfySetProps, LargeOptimisedSetsKeepFirstMatchAndHits) {
+  Rng rng(777);
+  int matched = 0;
+  for (int round = 0; round < 40; ++round) {
+    const int n = 20 + pick(rng, 400);
+    const std::vector<std::string> lines = run_rules(rng, n, round % 4 == 3);
+    clfytest::Set list, tree;
+    for (int i = 0; i < n; ++i) ASSERT_NE(list.add(lines[i], static_cast<std::uint16_t>(i + 1)), nullptr) << lines[i];
+    ASSERT_EQ(nuv_clfy_set_optim(&list.set, &tree.set), 0);
+    for (int k = 0; k < 200; ++k) {
+      Packet p;
+      pool_packet(rng, p);
+      const nuv_clfy *want = first_match(list.set.head, p.desc);
+      const nuv_clfy *got = nuv_clfy_get_clfy_from_set(&tree.set, 0, &p.desc);
+      ASSERT_EQ(got ? got->result : 0, want ? want->result : 0) << "round " << round << " packet " << k;
+      matched += want != nullptr;
+    }
+    std::vector<std::uint32_t> tree_hits(n + 1, 0), list_hits(n + 1, 0);
+    std::vector<bool> uncounted(n + 1, false);
+    ASSERT_EQ(leaf_hits(tree.set.head, tree_hits, uncounted), n);
+    for (const nuv_clfy *r = list.set.head; r; r = r->next) list_hits[r->result] = uncounted[r->result] ? 0 : r->hits;
+    ASSERT_EQ(tree_hits, list_hits) << "round " << round;
+  }
+  EXPECT_GT(matched, 3000);
+}
+
+TEST_F(ClfySetProps, OptimisedSetChangedThroughTheSetFunctionsIsSearchedAsItIsNow) {
+  Rng rng(31337);
+  for (int round = 0; round < 40; ++round) {
+    const std::vector<std::string> lines = run_rules(rng, 30 + pick(rng, 100), round % 2 == 0);
+    clfytest::Set list, tree;
+    for (std::size_t i = 0; i < lines.size(); ++i) ASSERT_NE(list.add(lines[i], static_cast<std::uint16_t>(i + 1)), nullptr);
+    ASSERT_EQ(nuv_clfy_set_optim(&list.set, &tree.set), 0);
+    for (int change = 0; change < 12; ++change) {
+      const int what = pick(rng, 4);
+      if (what == 0 || what == 1) {
+        nuv_clfy *rule = nullptr;
+        ASSERT_EQ(nuv_clfy_parse(run_rule(rng, pick(rng, 6)).c_str(), &rule), 0);
+        rule->result = static_cast<std::uint16_t>(1000 + change);
+        if (what == 0) nuv_clfy_add_tail(&tree.set, rule);
+        else nuv_clfy_add_head(&tree.set, rule);
+      } else if (tree.set.head) {
+        int at = pick(rng, 5);
+        nuv_clfy *victim = tree.set.head;
+        while (at-- > 0 && victim->next) victim = victim->next;
+        ASSERT_EQ(nuv_clfy_del_and_free(&tree.set, victim), 0);
+      }
+      for (int k = 0; k < 40; ++k) {
+        Packet p;
+        pool_packet(rng, p);
+        const nuv_clfy *want = tree_first_match(tree.set.head, p.desc);
+        const nuv_clfy *got = nuv_clfy_get_clfy_from_set(&tree.set, 0, &p.desc);
+        ASSERT_EQ(got, want) << "round " << round << " change " << change << " packet " << k;
+      }
+    }
+  }
+}

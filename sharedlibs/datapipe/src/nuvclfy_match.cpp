@@ -12,6 +12,7 @@
 // parameter: the plain matcher's policy forgets which condition failed and
 // learns DHCP clients; the explaining policy keeps the first failed
 // condition and learns nothing.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -527,11 +528,70 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
   return rule_holds(rule, facts, mark, explaining);
 }
 
-nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
-  for (; rule; rule = rule->next) {
+namespace {
+
+// The packet's value for a segment's kind, or false when the packet has
+// none (then no sibling of the segment can match).
+CLFY_HOT bool packet_key(PacketFacts &f, const Segment &segment, std::uint32_t &key) {
+  if (!(f.read & kReadNetwork)) read_network(f);
+  switch (segment.kind) {
+    case SegmentKind::kSource4:
+      if (f.family != kFamilyIpv4) return false;
+      key = load_net32(f.ip + 12) & segment.mask;
+      return true;
+    case SegmentKind::kDest4:
+      if (f.family != kFamilyIpv4) return false;
+      key = load_net32(f.ip + 16) & segment.mask;
+      return true;
+    case SegmentKind::kDport:
+      if (!f.family) return false;
+      need_transport(f);
+      if (!(f.readable & kHasDport)) return false;
+      key = f.dport;
+      return true;
+    case SegmentKind::kProto:
+      if (!f.family || (f.family == kFamilyIpv6 && f.hop_unreadable)) return false;
+      key = f.proto;
+      return true;
+  }
+  return false;
+}
+
+// The applying rule among the siblings of `segment` whose value is the
+// packet's, tried in list order; null when none applies.
+nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts) {
+  std::uint32_t key;
+  if (!packet_key(facts, segment, key)) return nullptr;
+  const IndexEntry *end = segment.entries + segment.count;
+  const IndexEntry *e = std::lower_bound(static_cast<const IndexEntry *>(segment.entries), end, key,
+                                         [](const IndexEntry &entry, std::uint32_t k) { return entry.key < k; });
+  for (; e != end && e->key == key; ++e) {
+    nuv_clfy *rule = e->rule;
     if (!applies(*rule, facts, 0)) continue;
     if (!rule->children) return rule;
     if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
+  const ListIndex *index = rule ? list_index(rule) : nullptr;
+  const Segment *segment = index ? index->segments : nullptr;
+  const Segment *segments_end = index ? index->segments + index->segment_count : nullptr;
+  while (rule) {
+    if (segment != segments_end && rule == segment->start) {
+      if (nuv_clfy *found = first_in_segment(*segment, facts)) return found;
+      rule = segment->after;
+      ++segment;
+      continue;
+    }
+    if (applies(*rule, facts, 0)) {
+      if (!rule->children) return rule;
+      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
+    }
+    rule = rule->next;
   }
   return nullptr;
 }

@@ -115,6 +115,48 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
 // never the result itself); null when none applies.
 nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts);
 
+// ---- Value lookup among siblings of an optimised tree ----
+
+// The exact value a run of siblings is looked up by.
+enum class SegmentKind : std::uint8_t { kSource4, kDest4, kDport, kProto };
+
+struct IndexEntry {
+  std::uint32_t key;       // the sibling's value (addresses: network-order bytes in memory order)
+  std::uint32_t position;  // place in the segment, for first-match order among equal values
+  nuv_clfy *rule;
+};
+
+// A run of consecutive siblings from `start` up to (not including) `after`.
+struct Segment {
+  nuv_clfy *start;
+  nuv_clfy *after;
+  SegmentKind kind;
+  std::uint32_t mask;  // the addresses' common mask
+  IndexEntry *entries; // sorted by key, then position
+  std::uint32_t count;
+};
+
+// The segments of one list, in list order.
+struct ListIndex {
+  ListIndex *chain;
+  const nuv_clfy *head;
+  std::uint32_t head_id;
+  std::uint32_t segment_count;
+  Segment *segments;
+  IndexEntry *entries;
+};
+
+// Builds the indexes of the list at `head` and of every sub-list below it
+// (replacing older ones).  A list without a long run gets none; so does
+// one whose index cannot be allocated.
+void index_tree(nuv_clfy *head);
+
+// Drops the index of the list whose first rule is `head`, if any.
+void forget_list_index(const nuv_clfy *head);
+
+// The index of the list whose first rule is `head`, or null.
+const ListIndex *list_index(const nuv_clfy *head);
+
 }  // namespace dp::clfy
 
 #endif
