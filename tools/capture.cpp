@@ -122,7 +122,7 @@ using Clock = std::chrono::steady_clock;
 
 // The progress line of a capture file being read: frames, bytes read,
 // frames per second and percent of the file, rewritten in place on standard
-// error at most five times a second.  It is shown only when standard error
+// error at most ten times a second.  It is shown only when standard error
 // is a terminal, so it never ends up in pipes or files, and it is erased
 // when the file is done.
 class ProgressLine {
@@ -150,7 +150,7 @@ class ProgressLine {
 
  private:
   static constexpr std::size_t kCheckEvery = 4095;
-  static constexpr auto kInterval = std::chrono::milliseconds(200);
+  static constexpr auto kInterval = std::chrono::milliseconds(100);
 
   void show(std::size_t frames, Clock::time_point now) {
     long position = std::ftell(file_);

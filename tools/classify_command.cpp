@@ -154,16 +154,32 @@ class ClassifyRun {
     std::size_t line = descriptor ? set_.classify(*descriptor) : 0;
     if (!print) return;
     if (o_.json) {
-      nlohmann::json j{{"type", "packet"}, {"file", source}, {"number", frame.number}};
-      if (!descriptor) j["problem"] = why;
-      else if (line) j["rule_line"] = line, j["result"] = set_.result_of(line);
-      else j["rule_line"] = nullptr;
-      if (explained) j["explanation"] = steps_json(steps);
-      print_json_line(j);
+      print_line(packet_json(source, frame.number, descriptor ? nullptr : why.c_str(), line,
+                             explained ? &steps : nullptr));
       return;
     }
-    fmt::print("{:>5}  {}\n", frame.number, descriptor ? verdict_text(line, set_.result_of(line)) : why);
+    if (!descriptor) fmt::print("{:>5}  {}\n", frame.number, why);
+    else if (line) fmt::print("{:>5}  rule at line {} => {}\n", frame.number, line, set_.result_of(line));
+    else fmt::print("{:>5}  no rule\n", frame.number);
     if (explained) print_steps(steps, line);
+  }
+
+  // One packet's JSON line, written directly (the hot path of --json).
+  std::string packet_json(const std::string &source, std::size_t number, const char *problem, std::size_t line,
+                          const std::vector<ExplainStep> *steps) {
+    if (source != source_) source_ = source, quoted_source_ = json_quote(source);
+    std::string out = fmt::format(R"({{"type":"packet","file":{},"number":{})", quoted_source_, number);
+    if (problem) {
+      out += R"(,"problem":)";
+      append_json_ascii(out, problem);
+    } else if (line) {
+      out += fmt::format(R"(,"rule_line":{},"result":{})", line, set_.result_of(line));
+    } else {
+      out += R"(,"rule_line":null)";
+    }
+    if (steps) out += R"(,"explanation":)" + steps_json(*steps).dump();
+    out += "}\n";
+    return out;
   }
 
   void print_steps(const std::vector<ExplainStep> &steps, std::size_t line) {
@@ -216,6 +232,7 @@ class ClassifyRun {
   std::set<std::size_t> explain_;
   std::vector<std::uint8_t> storage_;
   std::vector<std::string> unreadable_;
+  std::string source_, quoted_source_;  // the capture of the last packet, and as a JSON string
   std::size_t packets_ = 0;
   double seconds_ = 0;
 };

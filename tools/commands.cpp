@@ -11,15 +11,23 @@
 namespace tool {
 namespace {
 
-nlohmann::json report_json(const std::string &file, const FrameReport &r) {
-  nlohmann::json j{{"type", "packet"}, {"file", file}, {"number", r.number}};
-  if (!r.description.empty()) j["description"] = r.description;
-  if (!r.problem.empty()) j["problem"] = r.problem;
-  if (!r.vlan_ids.empty()) j["vlan"] = r.vlan_ids;
-  nlohmann::json sums = nlohmann::json::object();
-  for (const auto &[layer, verdict] : r.checksums) sums[layer] = verdict;
-  j["checksums"] = sums;
-  return j;
+// One packet's JSON line, written directly (the hot path of --json).
+std::string report_json(const std::string &quoted_file, const FrameReport &r) {
+  std::string out = fmt::format(R"({{"type":"packet","file":{},"number":{})", quoted_file, r.number);
+  if (!r.description.empty()) {
+    out += R"(,"description":)";
+    append_json_ascii(out, r.description.c_str());
+  }
+  if (!r.problem.empty()) {
+    out += R"(,"problem":)";
+    append_json_ascii(out, r.problem.c_str());
+  }
+  if (!r.vlan_ids.empty()) out += fmt::format(R"(,"vlan":[{}])", fmt::join(r.vlan_ids, ","));
+  out += R"(,"checksums":{)";
+  for (std::size_t i = 0; i < r.checksums.size(); ++i)
+    out += fmt::format(R"({}"{}":"{}")", i ? "," : "", r.checksums[i].first, r.checksums[i].second);
+  out += "}}\n";
+  return out;
 }
 
 // Counts shared by the summaries of the capture commands.
@@ -56,9 +64,11 @@ CaptureTotals read_captures(const std::vector<std::string> &captures, bool json,
 }  // namespace
 
 int run_describe(const std::vector<std::string> &captures, bool json) {
+  std::string last_file, quoted_file;
   CaptureTotals totals = read_captures(captures, json, [&](const std::string &file, const Frame &frame) {
     FrameReport r = describe_frame(frame);
-    if (json) print_json_line(report_json(file, r));
+    if (json && file != last_file) last_file = file, quoted_file = json_quote(file);
+    if (json) print_line(report_json(quoted_file, r));
     else fmt::print("{}\n", format_report(r));
   });
   if (json) print_json_line(totals.json());

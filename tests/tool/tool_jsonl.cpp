@@ -138,3 +138,21 @@ TEST(ToolJsonLines, UnreadableFileIsNamedInTheSummary) {
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(nlohmann::json::parse(lines[2])["unreadable"], nlohmann::json::array({"captures/no-such-file.pcap"}));
 }
+
+TEST(ToolProgress, ProgressLineIsShownOnATerminalAndErasedAtTheEnd) {
+  if (!testsupport::have_program("script")) GTEST_SKIP() << "script (util-linux) is not installed";
+  // script gives the tool a terminal; standard output goes to /dev/null, so
+  // what script records is the progress written to standard error.
+  std::string terminal = testsupport::run_command("script -qec \"'" + std::string(NIKERKIOG_TOOL_PATH) +
+                                                  "' describe '" + large_capture() + "' >/dev/null\" /dev/null");
+  EXPECT_NE(terminal.find(" frames, "), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find(" frames/s, "), std::string::npos) << terminal;
+  ASSERT_GE(terminal.size(), 4u);
+  EXPECT_EQ(terminal.substr(terminal.size() - 4), "\r\033[K") << "the last thing written erases the line";
+}
+
+TEST(ToolProgress, NoProgressLineWhenStandardErrorIsNotATerminal) {
+  auto r = tooltest::run_tool("describe " + large_capture() + " >/dev/null");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+}
