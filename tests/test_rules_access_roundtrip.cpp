@@ -41,7 +41,7 @@ std::vector<std::string> lines_of(const std::string &path, bool rules_only) {
 // the numeric names, printed "p140".."p254" while the parser wants a capital
 // "P".
 bool name_reads_back(int proto) {
-  static const std::map<int, std::string> keywords = access_test::iana_keywords();
+  static const std::map<int, std::string> keywords = testsupport::iana_protocol_keywords();
   if (proto == 255) return true;
   if (proto >= 140) return false;
   return keywords.at(proto).find(' ') == std::string::npos;

@@ -70,19 +70,8 @@ struct RegistryRow {
 // Rows 0..139 of the IANA registry that have a keyword.
 std::vector<RegistryRow> registry_rows() {
   std::vector<RegistryRow> rows;
-  std::ifstream in(testsupport::data_path("iana-protocol-numbers.csv"));
-  EXPECT_TRUE(in.good());
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::size_t comma = line.find(',');
-    std::size_t open = line.find('"', comma);
-    std::size_t close = line.find('"', open + 1);
-    if (comma == std::string::npos || open == std::string::npos || close == std::string::npos) continue;
-    int number = std::stoi(line.substr(0, comma));
-    std::string keyword = line.substr(open + 1, close - open - 1);
+  for (const auto &[number, keyword] : testsupport::iana_protocol_keywords())
     if (number <= 139 && !keyword.empty()) rows.push_back({number, keyword});
-  }
   return rows;
 }
 

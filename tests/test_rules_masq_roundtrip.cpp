@@ -40,17 +40,7 @@ class ExactText {
 // (a keyword without blanks, not one of the irregular rows).
 std::map<int, std::string> readable_protocol_names() {
   std::map<int, std::string> names;
-  std::ifstream in(testsupport::data_path("iana-protocol-numbers.csv"));
-  EXPECT_TRUE(in.good());
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::size_t comma = line.find(',');
-    std::size_t open = line.find('"', comma);
-    std::size_t close = line.find('"', open + 1);
-    if (comma == std::string::npos || open == std::string::npos || close == std::string::npos) continue;
-    int number = std::stoi(line.substr(0, comma));
-    std::string keyword = line.substr(open + 1, close - open - 1);
+  for (auto [number, keyword] : testsupport::iana_protocol_keywords()) {
     if (number > 139 || keyword.empty() || keyword.find(' ') != std::string::npos) continue;
     if (number == 4) continue;  // prints as "ip", which reads as any protocol
     std::transform(keyword.begin(), keyword.end(), keyword.begin(),
