@@ -74,7 +74,7 @@ TEST_F(ClfyClone, CloneOfARuleWithADhcpConditionHasOneMoreDestinationPort) {
   // The rule now holds 68 and the 67 of its condition.
   testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
   ASSERT_NE(copy.get(), nullptr);
-  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{1, 68, 0}, {1, 67, 0}, {1, 67, 0}}));
+  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{NUV_CLFY_OP_EQ, 68, 0}, {NUV_CLFY_OP_EQ, 67, 0}, {NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyClone, CloneOfOnePortAndADhcpConditionHasTwoPortsAFreshIdAndNoLinks) {
@@ -125,7 +125,7 @@ TEST_F(ClfyClone, CloneKeepsEveryNonOwnedField) {
   EXPECT_EQ(std::memcmp(&copy->ip_saddr, &rule->ip_saddr, 16), 0);
   EXPECT_EQ(copy->ip_saddr_family, 4);
   EXPECT_EQ(std::memcmp(&copy->ip_daddr, &rule->ip_daddr, 16), 0);
-  EXPECT_EQ(copy->ip_len.op, 4u);
+  EXPECT_EQ(copy->ip_len.op, NUV_CLFY_OP_LE);
   EXPECT_EQ(copy->ip_len.value1, 1500);
   EXPECT_EQ(copy->ipdsttab, rule->ipdsttab);
   EXPECT_EQ(copy->tcp_flags, rule->tcp_flags);
@@ -319,7 +319,7 @@ TEST_F(ClfyClone, RestrictedCloneWithTheDhcpBitSetsTheProtocolAndPortBitsAgain) 
   EXPECT_EQ(copy->flags, NUV_CLFY_F_DHCP | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS);
   EXPECT_EQ(copy->ip_proto, 17);
   // Only the condition's own entry: the original port list was not copied.
-  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{1, 67, 0}}));
+  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyClone, RestrictedCloneWithDhcpAndPortBitsAppendsPort67ToTheCopiedPorts) {
@@ -327,7 +327,7 @@ TEST_F(ClfyClone, RestrictedCloneWithDhcpAndPortBitsAppendsPort67ToTheCopiedPort
   rule.dport(NUV_CLFY_OP_EQ, 68).dhcp(60, 0, 0, "MSFT*", "clients");
   testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DHCP | NUV_CLFY_F_DPORTS));
   ASSERT_NE(copy.get(), nullptr);
-  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{1, 68, 0}, {1, 67, 0}, {1, 67, 0}}));
+  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{NUV_CLFY_OP_EQ, 68, 0}, {NUV_CLFY_OP_EQ, 67, 0}, {NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyClone, RestrictedCloneFailsAtEveryAllocationWithNullAndNothingLeaked) {

@@ -99,7 +99,7 @@ TEST_F(ClfyRule, PortValuesArriveInNetworkOrderAndAreStoredInHostOrder) {
   ClfyRulePtr rule(nuv_clfy_alloc());
   nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_RANGE, htons(1000), htons(2000));
   ASSERT_EQ(rule->dports.count, 1u);
-  EXPECT_EQ(rule->dports.entries[0].op, 7u);
+  EXPECT_EQ(rule->dports.entries[0].op, NUV_CLFY_OP_RANGE);
   EXPECT_EQ(rule->dports.entries[0].value1, 1000);
   EXPECT_EQ(rule->dports.entries[0].value2, 2000);
 }
@@ -107,19 +107,19 @@ TEST_F(ClfyRule, PortValuesArriveInNetworkOrderAndAreStoredInHostOrder) {
 TEST_F(ClfyRule, AddingASourcePortSetsOnlyTheSourcePortBit) {
   ClfyRulePtr rule(nuv_clfy_alloc());
   nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_EQ, htons(53), 0);
-  EXPECT_EQ(rule->flags, 0x00200000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_SPORTS);
 }
 
 TEST_F(ClfyRule, AddingADestinationPortSetsOnlyTheDestinationPortBit) {
   ClfyRulePtr rule(nuv_clfy_alloc());
   nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_EQ, htons(53), 0);
-  EXPECT_EQ(rule->flags, 0x00400000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_DPORTS);
 }
 
 TEST_F(ClfyRule, AddingAVlanIdSetsOnlyTheVlanIdBit) {
   ClfyRulePtr rule(nuv_clfy_alloc());
   nuv_clfy_add_vlanid(rule.get(), NUV_CLFY_OP_EQ, htons(100), 0);
-  EXPECT_EQ(rule->flags, 0x00001000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_VLAN_ID);
   ASSERT_EQ(rule->vlan_ids.count, 1u);
   EXPECT_EQ(rule->vlan_ids.entries[0].value1, 100);
 }
@@ -130,7 +130,7 @@ TEST_F(ClfyRule, ThreeSourcePortsKeepTheirOrder) {
   nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_EQ, htons(80), 0);
   nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_NE, htons(443), 0);
   EXPECT_EQ(entries_of(rule->sports),
-            (std::vector<ValueEntry>{{6, 8000, 0}, {1, 80, 0}, {2, 443, 0}}));
+            (std::vector<ValueEntry>{{NUV_CLFY_OP_GE, 8000, 0}, {NUV_CLFY_OP_EQ, 80, 0}, {NUV_CLFY_OP_NE, 443, 0}}));
 }
 
 TEST_F(ClfyRule, OperatorCodesAreStoredAsGiven) {
@@ -161,8 +161,8 @@ TEST_F(ClfyRule, FailedLaterAdditionKeepsTheEarlierEntries) {
   nuv_clfy_add_vlanid(rule.get(), NUV_CLFY_OP_EQ, htons(30), 0);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->vlan_ids.entries, entries);
-  EXPECT_EQ(entries_of(rule->vlan_ids), (std::vector<ValueEntry>{{1, 10, 0}, {1, 20, 0}}));
-  EXPECT_EQ(rule->flags, 0x00001000u);
+  EXPECT_EQ(entries_of(rule->vlan_ids), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 10, 0}, {NUV_CLFY_OP_EQ, 20, 0}}));
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_VLAN_ID);
 }
 
 TEST_F(ClfyRule, EachListAdditionFailsSilentlyUntilItsAllocationSucceeds) {
@@ -182,7 +182,7 @@ TEST_F(ClfyRule, EachListAdditionFailsSilentlyUntilItsAllocationSucceeds) {
         EXPECT_EQ(n, 2);
         break;
       }
-      EXPECT_EQ(entries_of(rule.get()->*list), (std::vector<ValueEntry>{{1, 1, 0}}));
+      EXPECT_EQ(entries_of(rule.get()->*list), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 1, 0}}));
       ASSERT_LT(n, 10);
     }
   }
@@ -199,7 +199,7 @@ TEST_F(ClfyRule, ClassMapIsCopiedAndSetsTheBit) {
   ASSERT_NE(rule->localmark, nullptr);
   EXPECT_NE(rule->localmark, map);
   EXPECT_EQ(std::memcmp(rule->localmark, map, sizeof map), 0);
-  EXPECT_EQ(rule->flags, 0x00000010u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_LOCALMARK);
 }
 
 TEST_F(ClfyRule, SecondClassMapReusesTheRulesMap) {
@@ -234,15 +234,15 @@ TEST_F(ClfyRule, DhcpConditionMakesTheRuleUdpToPort67) {
   ClfyRulePtr rule(nuv_clfy_alloc());
   ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "MSFT*", "clients"), 0);
   EXPECT_EQ(rule->ip_proto, 17);
-  EXPECT_EQ(rule->flags, 0x00800000u | 0x00020000u | 0x00400000u);
-  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{1, 67, 0}}));
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS | NUV_CLFY_F_DHCP);
+  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyRule, DhcpConditionAppendsPort67AfterExistingPorts) {
   ClfyRulePtr rule(nuv_clfy_alloc());
   nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_EQ, htons(68), 0);
   ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "x", "clients"), 0);
-  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{1, 68, 0}, {1, 67, 0}}));
+  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 68, 0}, {NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyRule, DhcpConditionHoldsItsFieldsAndAnOwnCopyOfThePattern) {
@@ -302,7 +302,7 @@ TEST_F(ClfyRule, DhcpConditionFailsAtEveryAllocationAndLeavesTheRuleUnchanged) {
     SCOPED_TRACE("allocation " + std::to_string(n) + " failed");
     EXPECT_EQ(result, -1);
     EXPECT_EQ(rule->dhcp, nullptr);
-    EXPECT_EQ(rule->flags, 0x00400000u);
+    EXPECT_EQ(rule->flags, NUV_CLFY_F_DPORTS);
     EXPECT_EQ(rule->ip_proto, 255);
     EXPECT_EQ(rule->dports.entries, ports);
     EXPECT_EQ(rule->dports.count, 1u);
@@ -321,7 +321,7 @@ TEST_F(ClfyRule, PacketmatchStoresACopyAndSetsTheBit) {
   ASSERT_NE(rule->packetmatch, nullptr);
   EXPECT_NE(rule->packetmatch, pattern);
   EXPECT_STREQ(rule->packetmatch, "*GET /*");
-  EXPECT_EQ(rule->flags, 0x02000000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_PACKETMATCH);
 }
 
 TEST_F(ClfyRule, SecondPacketmatchReplacesAndFreesTheFirst) {
@@ -341,7 +341,7 @@ TEST_F(ClfyRule, PacketmatchThatCannotBeCopiedLeavesTheBitWithoutPattern) {
   EXPECT_EQ(nuv_clfy_add_packetmatch(rule.get(), "pattern"), 0);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->packetmatch, nullptr);
-  EXPECT_EQ(rule->flags, 0x02000000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_PACKETMATCH);
 }
 
 // ---- Destruction ----

@@ -167,7 +167,8 @@ void index_one_list(nuv_clfy *head) {
 
 }  // namespace
 
-void index_tree(nuv_clfy *head) {
+// Built once per optimised set: compiled for size.
+[[gnu::cold]] void index_tree(nuv_clfy *head) {
   if (!head) return;
   forget_list_index(head);
   index_one_list(head);

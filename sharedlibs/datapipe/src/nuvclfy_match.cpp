@@ -41,6 +41,8 @@ constexpr std::uint32_t kHopByHopLength = 8;
 // that are rare or costly stay out of line so that the loops stay small.
 #define CLFY_HOT inline
 #define CLFY_COLD [[gnu::noinline]]
+// Rare conditions are also compiled for size.
+#define CLFY_RARE [[gnu::noinline, gnu::cold]]
 
 // ---- Policies ----
 
@@ -129,7 +131,7 @@ Cond first_link_address(std::uint32_t flags) {
 }
 
 template <class P>
-CLFY_COLD bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
+CLFY_RARE bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
   if (rule.flags & kLinkAddressConditions) {
     if (!packet.eth_header) return p.miss(first_link_address(rule.flags), Why::kNoEthernet);
     if (!addresses_hold(rule, packet.eth_header, p)) return false;
@@ -182,7 +184,7 @@ CLFY_HOT bool ports_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
 }
 
 template <class P>
-CLFY_COLD bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+CLFY_RARE bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
   if (rule.ip_proto != kProtoTcp) return p.miss(Cond::kTcpFlags, Why::kRuleNotTcp);
   need_transport(f);
@@ -195,7 +197,7 @@ CLFY_COLD bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
 // The payload after a UDP or TCP header (any other protocol: the whole
 // transport part), at most `declared` bytes and never past the packet.
 template <class P>
-CLFY_COLD bool payload_matches(const nuv_clfy &rule, PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
+CLFY_RARE bool payload_matches(const nuv_clfy &rule, PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
   std::uint32_t header = 0;
   if (proto == kProtoUdp) {
     header = kUdpHeaderLength;
@@ -252,7 +254,7 @@ bool dhcp_message_holds(const nuv_clfy_dhcp &condition, const std::uint8_t *msg,
 // The option walk reads the code byte that follows the options area, so the
 // message is evaluated from a copy that ends in an end option.
 template <class P>
-CLFY_COLD bool dhcp_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+CLFY_RARE bool dhcp_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!rule.dhcp) return p.miss(Cond::kDhcp, Why::kNoCondition);
   if (!transport_has(f, kUdpHeaderLength + kDhcpFixedPart)) return p.miss(Cond::kDhcp, Why::kShort);
   const std::uint32_t length = transport_room(f) - kUdpHeaderLength;
@@ -391,7 +393,7 @@ bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
 }
 
 template <class P>
-CLFY_COLD bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
+CLFY_RARE bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
   if (!extension_chain_readable(ip, available)) return p.miss(Cond::kIcmpType, Why::kShort);
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
@@ -403,7 +405,7 @@ CLFY_COLD bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, s
 }
 
 template <class P>
-CLFY_COLD bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
+CLFY_RARE bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
                         const std::uint8_t *packet_addr, P &p) {
   if (family != kFamilyIpv6) return p.miss(cond, Why::kFamily, 6, packet_addr);
   if (!ipv6_prefix_holds(stored.v6, prefixlen, packet_addr)) return p.miss(cond, Why::kValue, 6, packet_addr);

@@ -69,12 +69,12 @@ int dhcp_set_option(const dhcp_memops *memops, dhcp_options store, int code, uin
   dhcp_option &slot = store[code];
   unsigned char *previous = slot.data;
   slot.data = static_cast<unsigned char *>(memops->alloc(len));
-  // The previous block is deliberately given up here rather than kept: the
-  // slot reads as absent after a failed set.
+  // The previous value goes in either case: after a failed set the slot
+  // reads as absent, and nobody else holds the old block to release it.
+  if (previous) memops->free(previous);
   if (!slot.data) return -1;
   if (len) std::memcpy(slot.data, data, len);
   slot.len = len;
-  if (previous) memops->free(previous);
   return 0;
 }
 

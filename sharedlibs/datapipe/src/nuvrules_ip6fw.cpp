@@ -213,30 +213,16 @@ int next_range_word(const char **cursor, char (&word)[kWordSize]) {
   return 0;
 }
 
-bool word_is(const char *word, const char *expected) { return std::strcmp(word, expected) == 0; }
+using nuvrules::word_is;
 
-struct ScopeWord {
-  const char *word;
-  std::int32_t scope;
-};
-
-constexpr ScopeWord kRangeScopeWords[] = {
-    {"local", IP6_PORTRANGE_SCOPE_LOCAL},
-    {"internet", IP6_PORTRANGE_SCOPE_INTERNET},
-};
-
-void append_range_scope(dp::TextWriter &out, std::int32_t scope) {
-  for (const ScopeWord &entry : kRangeScopeWords)
-    if (scope == entry.scope) out.printf(" %s", entry.word);
-}
+static_assert(IP6_PORTRANGE_SCOPE_LOCAL == 1 && IP6_PORTRANGE_SCOPE_INTERNET == 2, "scope codes of the scope words");
 
 // Up to two words before the comment: the first may be a scope word, either
 // may be "mark" with its value.  Other words are passed over.
 int parse_range_words(const char **cursor, ip6_portrange *range) {
   char word[kWordSize];
   if (next_range_word(cursor, word) != 0) return IP6_PORTRANGE_E_MALFORMED;
-  for (const ScopeWord &entry : kRangeScopeWords)
-    if (word_is(word, entry.word)) range->scope = entry.scope;
+  if (const nuvrules::ScopeWord *scope = nuvrules::find_scope_word(word)) range->scope = scope->scope;
   bool mark = word_is(word, "mark");
   if (!mark) {
     if (next_range_word(cursor, word) != 0) return IP6_PORTRANGE_E_MALFORMED;
@@ -376,7 +362,7 @@ const char *ip6_portrange2str(const ip6_portrange *range) {
   if (range->enabled == 0) out.append("# ");
   out.append(ipproto2str(range->proto));
   append_range_ports(out, *range);
-  append_range_scope(out, range->scope);
+  nuvrules::append_scope(out, range->scope);
   if (range->mark != 0) out.printf(" mark %lu", static_cast<unsigned long>(range->mark));
   if (range->comment) out.printf(" # %s", range->comment);
   return to_result_ring(text);

@@ -17,6 +17,9 @@
 
 namespace {
 
+using nuvrules::find_scope_word;
+using nuvrules::ScopeWord;
+using nuvrules::word_is;
 using nuvrules::WordCursor;
 
 // Words after the 17th are dropped without notice.
@@ -115,23 +118,7 @@ unsigned long read_mark(const char *text) {
   return dp::strtoul32(text, &end, 10);
 }
 
-bool word_is(const char *word, const char *expected) { return word && std::strcmp(word, expected) == 0; }
-
-struct ScopeWord {
-  const char *word;
-  std::int32_t scope;
-};
-
-constexpr ScopeWord kScopeWords[] = {
-    {"local", IPMASQFWRULE_SCOPE_LOCAL},
-    {"internet", IPMASQFWRULE_SCOPE_INTERNET},
-};
-
-const ScopeWord *find_scope_word(const char *word) {
-  for (const ScopeWord &entry : kScopeWords)
-    if (word_is(word, entry.word)) return &entry;
-  return nullptr;
-}
+static_assert(IPMASQFWRULE_SCOPE_LOCAL == 1 && IPMASQFWRULE_SCOPE_INTERNET == 2, "scope codes of the scope words");
 
 // The two endpoints: a word missing or malformed.
 int parse_endpoints(WordCursor &cursor, ipmasqfwrule *rule) {
@@ -249,8 +236,7 @@ void append_plain_rule(dp::TextWriter &out, const ipmasqfwrule &rule) {
 }
 
 void append_extension(dp::TextWriter &out, const ipmasqfwruleex &rule) {
-  for (const ScopeWord &entry : kScopeWords)
-    if (rule.scope == entry.scope) out.printf(" %s", entry.word);
+  nuvrules::append_scope(out, rule.scope);
   if (rule.mark != 0) out.printf(" mark %lu", rule.mark);
   if (rule.comment && rule.comment[0] != '\0') out.printf(" # %s", rule.comment);
 }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "dp_scratch.h"
 #include "dp_textwriter.h"
@@ -76,6 +77,36 @@ int diagnose_too_long(nuvrules_diag *diag, int code, const char *reason, const c
 // the text with length 0; any other result at the word taken last.
 int diagnose_words(nuvrules_diag *diag, int code, const char *reason, const char *text, const char *copy,
                    const WordCursor &cursor, bool word_missing);
+
+// Whether `word` (null when the line has no word left) is exactly `expected`.
+inline bool word_is(const char *word, const char *expected) {
+  return word && std::strcmp(word, expected) == 0;
+}
+
+// A scope word of masquerade and forward-rule lines and the scope code it
+// stands for.  Both records use the same codes: 0 none, 1 local, 2 internet.
+struct ScopeWord {
+  const char *word;
+  std::int32_t scope;
+};
+
+inline constexpr ScopeWord kScopeWords[] = {
+    {"local", 1},
+    {"internet", 2},
+};
+
+// The scope word spelled exactly `word`, or null (also for a null word).
+inline const ScopeWord *find_scope_word(const char *word) {
+  for (const ScopeWord &entry : kScopeWords)
+    if (word_is(word, entry.word)) return &entry;
+  return nullptr;
+}
+
+// Appends " local" or " internet" for those scopes; nothing for any other.
+inline void append_scope(dp::TextWriter &out, std::int32_t scope) {
+  for (const ScopeWord &entry : kScopeWords)
+    if (scope == entry.scope) out.printf(" %s", entry.word);
+}
 
 // Reads the protocol word of a rule line: "ip" in any case is any protocol
 // (255), anything else goes through ipproto_parse.  Returns 0 and stores the
