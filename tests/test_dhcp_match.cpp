@@ -517,12 +517,15 @@ TEST(DhcpOptionMatch, ValueWithoutTerminatorFromSetOption) {
 TEST(DhcpOptionMatch, SlotLeftWithoutDataNeverMatches) {
   DhcpTestMemops memops;
   Parsed p(memops, Message().options(opt_text(12, "host")));
-  // A failed replacement leaves the old length and no data.
+  // A failed replacement leaves the old length and no data; the earlier
+  // block is the caller's to release.
+  unsigned char *earlier = p.store[12].data;
   memops.fail_nth(1);
   ASSERT_EQ(dhcp_set_option(memops.ops(), p.store, 12, 3, "abc"), -1);
   ASSERT_EQ(p.store[12].data, nullptr);
   ASSERT_EQ(p.store[12].len, 4u);
   EXPECT_EQ(p.matches(12, "*"), 0);
+  memops.ops()->free(earlier);
 }
 
 TEST(DhcpOptionMatch, VendorSubOptionIsLookedUp) {

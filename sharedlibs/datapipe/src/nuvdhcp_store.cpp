@@ -69,12 +69,15 @@ int dhcp_set_option(const dhcp_memops *memops, dhcp_options store, int code, uin
   dhcp_option &slot = store[code];
   unsigned char *previous = slot.data;
   slot.data = static_cast<unsigned char *>(memops->alloc(len));
-  // The previous value goes in either case: after a failed set the slot
-  // reads as absent, and nobody else holds the old block to release it.
-  if (previous) memops->free(previous);
+  // After a failed allocation the old block is left to the caller: `data`
+  // may point into it (a value rebuilt from its own bytes), and a caller
+  // that read the slot before the call still holds it and releases it.
   if (!slot.data) return -1;
   if (len) std::memcpy(slot.data, data, len);
   slot.len = len;
+  // Released only after the copy, so a new value taken from the old one is
+  // read before its block goes.
+  if (previous) memops->free(previous);
   return 0;
 }
 

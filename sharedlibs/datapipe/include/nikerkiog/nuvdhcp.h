@@ -44,8 +44,11 @@ typedef dhcp_option dhcp_options[DHCP_OPTION_SLOTS];
  * at `data` (allocated with exactly `len` bytes, no terminator).
  * Returns 0, or -1 when `code` is out of range (store unchanged) or the
  * allocation fails.  After a failed allocation the slot reads as absent
- * (`data` null): its previous block is released and its `len` is left as it
- * was, so the old value never survives a failed set.
+ * (`data` null) and its `len` is left as it was.  The previous block is
+ * then not released: it belongs to the caller, who reads `store[code].data`
+ * before the call when it may need to release it (the value may also be the
+ * source `data` of the call).  On success the previous block is released
+ * after the copy, so `data` may point into the old value.
  * With `len` 0 the result depends on what `alloc(0)` returns. */
 NIKERKIOG_API int dhcp_set_option(const dhcp_memops *memops, dhcp_options store, int code, uint32_t len,
                                   const void *data);
