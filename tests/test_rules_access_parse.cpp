@@ -106,18 +106,18 @@ TEST(AccessEnumWords, UnknownWordFailsAndLeavesTheTargetAlone) {
 
 TEST(AccessEnumWords, WordsAreCaseSensitive) {
   std::int32_t value = 9;
-  EXPECT_EQ(ipaccesspolicy_parse(&value, "Deny"), -1);
-  EXPECT_EQ(ipaccessoperator_parse(&value, "RANGE"), -1);
-  EXPECT_EQ(ipaccesstcpflag_parse(&value, "Established"), -1);
-  EXPECT_EQ(ipaccessconnectionflag_parse(&value, "Incoming"), -1);
-  EXPECT_EQ(ipaccessconnectionflag_parse(&value, "Related"), -1);
-  EXPECT_EQ(ipaccesslogging_parse(&value, "Alert"), -1);
+  EXPECT_EQ(ipaccesspolicy_parse(&value, "Deny"), NUVRULES_WORD_E_UNKNOWN);
+  EXPECT_EQ(ipaccessoperator_parse(&value, "RANGE"), NUVRULES_WORD_E_UNKNOWN);
+  EXPECT_EQ(ipaccesstcpflag_parse(&value, "Established"), NUVRULES_WORD_E_UNKNOWN);
+  EXPECT_EQ(ipaccessconnectionflag_parse(&value, "Incoming"), NUVRULES_WORD_E_UNKNOWN);
+  EXPECT_EQ(ipaccessconnectionflag_parse(&value, "Related"), NUVRULES_WORD_E_UNKNOWN);
+  EXPECT_EQ(ipaccesslogging_parse(&value, "Alert"), NUVRULES_WORD_E_UNKNOWN);
   EXPECT_EQ(value, 9);
 }
 
 TEST(AccessEnumWords, RelatedIsOutgoingRelated) {
   std::int32_t value = 0;
-  EXPECT_EQ(ipaccessconnectionflag_parse(&value, "related"), 0);
+  EXPECT_EQ(ipaccessconnectionflag_parse(&value, "related"), NUVRULES_WORD_OK);
   EXPECT_EQ(value, 2);
 }
 

@@ -747,21 +747,21 @@ TEST(Ip6PortRangeString, LongCommentIsCut) {
 
 TEST(PcpHandling, WordsParseToTheirValues) {
   std::int32_t v = -7;
-  EXPECT_EQ(pcphandling_parse("ignore", &v), 0);
+  EXPECT_EQ(pcphandling_parse("ignore", &v), NUVRULES_WORD_OK);
   EXPECT_EQ(v, PCPHANDLING_IGNORE);
-  EXPECT_EQ(pcphandling_parse("local", &v), 0);
+  EXPECT_EQ(pcphandling_parse("local", &v), NUVRULES_WORD_OK);
   EXPECT_EQ(v, PCPHANDLING_LOCAL);
-  EXPECT_EQ(pcphandling_parse("internet", &v), 0);
+  EXPECT_EQ(pcphandling_parse("internet", &v), NUVRULES_WORD_OK);
   EXPECT_EQ(v, PCPHANDLING_INTERNET);
 }
 
 TEST(PcpHandling, OtherWordsFailAndLeaveTheValue) {
   std::int32_t v = -7;
   for (const char *word : {"Local", "", "local ", "inter", "internets", "2"}) {
-    EXPECT_EQ(pcphandling_parse(word, &v), -1) << word;
+    EXPECT_EQ(pcphandling_parse(word, &v), NUVRULES_WORD_E_UNKNOWN) << word;
     EXPECT_EQ(v, -7);
   }
-  EXPECT_EQ(pcphandling_parse(nullptr, &v), -1);
+  EXPECT_EQ(pcphandling_parse(nullptr, &v), NUVRULES_WORD_E_UNKNOWN);
 }
 
 TEST(PcpHandling, ValuesPrintAsTheirWords) {
@@ -795,4 +795,12 @@ TEST(Ip6PortRangeParse, VeryLongLineFindsItsComment) {
   ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.scope, IP6_PORTRANGE_SCOPE_LOCAL);
   EXPECT_STREQ(r.comment, "far");
+}
+
+TEST(EnumerationWordCodes, HaveTheirValuesAndTexts) {
+  EXPECT_EQ(NUVRULES_WORD_OK, 0);
+  EXPECT_EQ(NUVRULES_WORD_E_UNKNOWN, -1);
+  EXPECT_STREQ(nuvrules_word_strerror(NUVRULES_WORD_OK), "parsed");
+  EXPECT_STREQ(nuvrules_word_strerror(NUVRULES_WORD_E_UNKNOWN), "unknown word");
+  EXPECT_STREQ(nuvrules_word_strerror(-2), "unknown result code");
 }

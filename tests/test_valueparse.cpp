@@ -209,7 +209,7 @@ TEST(ParseIpaddr, HostOrderResultAndEnd) {
   Text t("192.168.1.2/24");
   char *end;
   std::uint32_t v = 0;
-  EXPECT_EQ(parse_ipaddr(t.data(), &end, &v), 0);
+  EXPECT_EQ(parse_ipaddr(t.data(), &end, &v), NUV_VALUE_OK);
   EXPECT_EQ(v, 0xc0a80102u);
   EXPECT_EQ(t.offset(end), 11);
 }
@@ -217,39 +217,39 @@ TEST(ParseIpaddr, HostOrderResultAndEnd) {
 TEST(ParseIpaddr, ThreePartsFailWithMinusThree) {
   char *end;
   std::uint32_t v;
-  EXPECT_EQ(parse_ipaddr("1.2.3", &end, &v), -3);
+  EXPECT_EQ(parse_ipaddr("1.2.3", &end, &v), NUV_VALUE_E_NO_DOT);
 }
 
 TEST(ParseIpaddr, PartAbove255FailsWithMinusTwo) {
   char *end;
   std::uint32_t v;
-  EXPECT_EQ(parse_ipaddr("1.2.3.256", &end, &v), -2);
-  EXPECT_EQ(parse_ipaddr("1.99999999999.3.4", &end, &v), -2);
+  EXPECT_EQ(parse_ipaddr("1.2.3.256", &end, &v), NUV_VALUE_E_PART_TOO_BIG);
+  EXPECT_EQ(parse_ipaddr("1.99999999999.3.4", &end, &v), NUV_VALUE_E_PART_TOO_BIG);
 }
 
 TEST(ParseIpaddr, LeadingSpaceFailsWithMinusOne) {
   char *end;
   std::uint32_t v;
-  EXPECT_EQ(parse_ipaddr(" 1.2.3.4", &end, &v), -1);
+  EXPECT_EQ(parse_ipaddr(" 1.2.3.4", &end, &v), NUV_VALUE_E_REFUSED);
 }
 
 TEST(ParseIpaddr, PartWithoutDigitFailsWithMinusOne) {
   char *end;
   std::uint32_t v;
-  EXPECT_EQ(parse_ipaddr("1.2..4", &end, &v), -1);
-  EXPECT_EQ(parse_ipaddr("1.2.3.", &end, &v), -1);
+  EXPECT_EQ(parse_ipaddr("1.2..4", &end, &v), NUV_VALUE_E_REFUSED);
+  EXPECT_EQ(parse_ipaddr("1.2.3.", &end, &v), NUV_VALUE_E_REFUSED);
 }
 
 TEST(ParseIpaddr, WrongSeparatorFailsWithMinusThree) {
   char *end;
   std::uint32_t v;
-  EXPECT_EQ(parse_ipaddr("1,2.3.4", &end, &v), -3);
+  EXPECT_EQ(parse_ipaddr("1,2.3.4", &end, &v), NUV_VALUE_E_NO_DOT);
 }
 
 TEST(ParseIpaddr, LeadingZerosAreDecimal) {
   char *end;
   std::uint32_t v = 0;
-  EXPECT_EQ(parse_ipaddr("010.001.0.00255", &end, &v), 0);
+  EXPECT_EQ(parse_ipaddr("010.001.0.00255", &end, &v), NUV_VALUE_OK);
   EXPECT_EQ(v, 0x0a0100ffu);
 }
 
@@ -650,4 +650,16 @@ TEST(ValueParserMemory, ParsersNeverAllocate) {
   EXPECT_EQ(parse_nonblank(p, &p, buf, sizeof buf), 0);
   EXPECT_STREQ(buf, "word");
   EXPECT_EQ(nuvcsock_allocations(), before);
+}
+
+TEST(ValueParserCodes, HaveTheirValuesAndTexts) {
+  EXPECT_EQ(NUV_VALUE_OK, 0);
+  EXPECT_EQ(NUV_VALUE_E_REFUSED, -1);
+  EXPECT_EQ(NUV_VALUE_E_PART_TOO_BIG, -2);
+  EXPECT_EQ(NUV_VALUE_E_NO_DOT, -3);
+  EXPECT_STREQ(parse_value_strerror(NUV_VALUE_OK), "parsed");
+  EXPECT_STREQ(parse_value_strerror(NUV_VALUE_E_REFUSED), "value not in the expected form");
+  EXPECT_STREQ(parse_value_strerror(NUV_VALUE_E_PART_TOO_BIG), "address part above 255");
+  EXPECT_STREQ(parse_value_strerror(NUV_VALUE_E_NO_DOT), "address part not followed by \".\"");
+  EXPECT_STREQ(parse_value_strerror(-4), "unknown result code");
 }

@@ -27,13 +27,7 @@ constexpr const char *kLoggingWords[] = {"none", "short", "long", "alert"};
 
 template <std::size_t N>
 int parse_word(const char *const (&table)[N], std::int32_t *value, const char *word) {
-  for (std::size_t i = 0; i < N; ++i) {
-    if (std::strcmp(table[i], word) == 0) {
-      *value = static_cast<std::int32_t>(i);
-      return 0;
-    }
-  }
-  return -1;
+  return nuvrules::parse_table_word(table, value, word);
 }
 
 template <std::size_t N>

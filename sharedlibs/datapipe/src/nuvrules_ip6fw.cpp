@@ -377,14 +377,8 @@ const char *ip6_portrange2simplestr(const ip6_portrange *range) {
 }
 
 int pcphandling_parse(const char *word, int32_t *value) {
-  if (!word) return -1;
-  for (std::size_t i = 0; i < sizeof kPcpWords / sizeof kPcpWords[0]; ++i) {
-    if (std::strcmp(word, kPcpWords[i]) == 0) {
-      *value = static_cast<std::int32_t>(i);
-      return 0;
-    }
-  }
-  return -1;
+  if (!word) return NUVRULES_WORD_E_UNKNOWN;
+  return nuvrules::parse_table_word(kPcpWords, value, word);
 }
 
 const char *pcphandling2str(int32_t value) {

@@ -12,6 +12,19 @@
 
 namespace nuvrules {
 
+// The index of `word` in `table` (compared exactly) stored in *value; the
+// result of the enumeration word parsers.
+template <std::size_t N>
+int parse_table_word(const char *const (&table)[N], std::int32_t *value, const char *word) {
+  for (std::size_t i = 0; i < N; ++i) {
+    if (std::strcmp(table[i], word) == 0) {
+      *value = static_cast<std::int32_t>(i);
+      return NUVRULES_WORD_OK;
+    }
+  }
+  return NUVRULES_WORD_E_UNKNOWN;
+}
+
 // Rule lines are copied into a scratch block of this size before they are
 // split, so a line may hold at most kRuleTextMax characters.
 inline constexpr std::size_t kRuleScratchSize = 1024;

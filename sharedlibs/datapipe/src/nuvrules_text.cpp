@@ -3,6 +3,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "dp_codetext.h"
 #include "nuvproto.h"
 #include "nuvrules_priv.h"
 
@@ -84,3 +85,16 @@ void append_protocol_lower(dp::TextWriter &out, std::uint8_t proto) {
 }
 
 }  // namespace nuvrules
+
+namespace {
+
+constexpr dp::CodeText kWordCodeTexts[] = {
+    {NUVRULES_WORD_OK, "parsed"},
+    {NUVRULES_WORD_E_UNKNOWN, "unknown word"},
+};
+
+}  // namespace
+
+extern "C" const char *nuvrules_word_strerror(int code) {
+  return dp::code_text(kWordCodeTexts, code, dp::kUnknownCodeText);
+}

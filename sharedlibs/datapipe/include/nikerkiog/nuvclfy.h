@@ -17,6 +17,19 @@ NIKERKIOG_BEGIN_DECLS
  * -1 on failure unless a parser says otherwise.  text must be NUL-terminated
  * and end must not be null. */
 
+/* Result codes of the value parsers. */
+enum nuv_value_result {
+  NUV_VALUE_OK = 0,
+  NUV_VALUE_E_REFUSED = -1,      /* not the expected form; parse_ipaddr: a part does not start with a digit */
+  NUV_VALUE_E_PART_TOO_BIG = -2, /* parse_ipaddr: a part exceeds 255 */
+  NUV_VALUE_E_NO_DOT = -3        /* parse_ipaddr: one of the first three parts is not followed by "." */
+};
+
+/* Short English text of a value parser's result code ("parsed" for 0 and
+ * above, "unknown result code" for a code not listed above), for tools and
+ * logs.  Static text, never null. */
+NIKERKIOG_API const char *parse_value_strerror(int code);
+
 /* Number as strtoul reads it with base 0 (decimal, "0x" hex, leading-0 octal;
  * leading white space and a sign allowed), computed as a 32-bit unsigned
  * long on every host, then cut to 8 bits without a range check: "300" gives
@@ -36,8 +49,9 @@ NIKERKIOG_API int parse_ulong(const char *text, char **end, uint32_t *out);
 
 /* Dotted IPv4 address "a.b.c.d", exactly four parts of one or more decimal
  * digits each at most 255; no leading spaces are skipped.
- * out: HOST byte order.  Result: 0; -1 when a part does not start with a
- * digit, -2 when a part exceeds 255, -3 when one of the first three parts is
+ * out: HOST byte order.  Result: NUV_VALUE_OK; NUV_VALUE_E_REFUSED (-1) when a
+ * part does not start with a digit, NUV_VALUE_E_PART_TOO_BIG (-2) when a part
+ * exceeds 255, NUV_VALUE_E_NO_DOT (-3) when one of the first three parts is
  * not followed by ".". */
 NIKERKIOG_API int parse_ipaddr(const char *text, char **end, uint32_t *out);
 

@@ -159,10 +159,22 @@ typedef struct nuvrules_diag {
  * success offset and length are 0. */
 NIKERKIOG_API int ipaccess_parse_with_diag(ipaccess_rule *rule, const char *text, nuvrules_diag *diag);
 
+/* Results of the enumeration word parsers (the _parse functions of the
+ * access rule's enumerations below, and pcphandling_parse). */
+enum {
+  NUVRULES_WORD_OK = 0,         /* a known word; its value stored */
+  NUVRULES_WORD_E_UNKNOWN = -1  /* not one of the words; the value left as it was */
+};
+
+/* Short English text of an enumeration word parser's result ("parsed" for 0,
+ * "unknown result code" for a code not listed above), for tools and logs.
+ * Static text, never null. */
+NIKERKIOG_API const char *nuvrules_word_strerror(int code);
+
 /* Word <-> value conversions of the rule's enumerations.  Each _parse
  * compares the whole `word` exactly (case-sensitive), stores the value in
- * `*value` and returns 0; any other word returns -1 and leaves `*value` as it
- * was.  Each _string returns a constant text, or the "illegal-..." text named
+ * `*value` and returns NUVRULES_WORD_OK; any other word returns
+ * NUVRULES_WORD_E_UNKNOWN and leaves `*value` as it was.  Each _string returns a constant text, or the "illegal-..." text named
  * below for a value outside the table. */
 
 /* "disabled" "permit" "deny" "reject"; otherwise "illegal-policy". */
@@ -492,8 +504,8 @@ NIKERKIOG_API const char *ip6_portrange2simplestr(const ip6_portrange *range);
 #define PCPHANDLING_INTERNET 2
 
 /* Reads the word "ignore", "local" or "internet" (exact, lower case) into
- * `*value` and returns 0; any other word (or null) returns -1 and leaves
- * `*value` as it was. */
+ * `*value` and returns NUVRULES_WORD_OK; any other word (or null) returns
+ * NUVRULES_WORD_E_UNKNOWN and leaves `*value` as it was. */
 NIKERKIOG_API int pcphandling_parse(const char *word, int32_t *value);
 
 /* The word of a PCP handling value, or "<ill. pcphandling>" for any other
