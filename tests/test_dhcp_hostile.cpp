@@ -54,7 +54,7 @@ Bytes message(const Bytes &options, const Bytes &file = {}, const Bytes &sname =
 // bytes: the byte after the options field may be looked at, no other.
 int parse(Store &store, const Bytes &msg, std::uint8_t after = 0xEE) {
   std::unique_ptr<std::uint8_t[]> buf(new std::uint8_t[msg.size() + 1]);
-  std::memcpy(buf.get(), msg.data(), msg.size());
+  if (!msg.empty()) std::memcpy(buf.get(), msg.data(), msg.size());
   buf[msg.size()] = after;
   return dhcp_parse_options(store.ops, buf.get(), static_cast<std::int32_t>(msg.size()), store.slots);
 }
