@@ -9,6 +9,7 @@
 
 #include "clfy_testing.h"
 #include "nikerkiog.h"
+#include "nuvcsock_test.h"
 #include "testsupport.h"
 
 using clfytest::parse;
@@ -80,7 +81,10 @@ bool matches(const std::string &rule_text, const Frame *f) {
 
 class ClfyCaptures : public ::testing::Test {
  protected:
-  void TearDown() override { nuv_clfy_ethersrctab_freeall(); }
+  void TearDown() override {
+    nuv_clfy_ethersrctab_freeall();
+    nuv_clfy_ipdsttab_freeall();
+  }
 };
 
 }  // namespace
@@ -523,4 +527,43 @@ TEST_F(ClfyCaptures, ExplanationAgreesWithTheMatcherOnEveryRuleAndPacket) {
     }
   }
   EXPECT_GT(pairs, 1000);
+}
+
+TEST_F(ClfyCaptures, SetExecutionAllocatesNothingOnAnyBundledPacket) {
+  // Every condition but DHCP, in a list and in its optimised tree.
+  clfytest::Set list;
+  const char *rules[] = {"dev eth0 tcp.dport 80 ip.saddr 10.0.0.0/8",
+                         "udp.dport 53,5353 ip.daddr 224.0.0.0/4",
+                         "ip.saddr 10.0.0.0/8 packetmatch *x*",
+                         "tcp.flags 2/2",
+                         "icmp.type 135",
+                         "vlan.id 165 eth.sourceoui 00:50:56",
+                         "ethsrctab alloc.known",
+                         "ipdsttab alloc.dst",
+                         "ip.len > 1000 ip.tos 0",
+                         "ip.daddr ff02::/16"};
+  for (const char *text : rules) ASSERT_NE(list.add(text), nullptr) << text;
+  clfytest::Set tree;
+  ASSERT_EQ(nuv_clfy_set_optim(&list.set, &tree.set), 0);
+  const std::uint8_t group[4] = {224, 0, 0, 1};
+  std::uint32_t address;
+  std::memcpy(&address, group, 4);
+  ASSERT_EQ(nuv_clfy_ipdsttab_add4("alloc.dst", address), 0);
+  std::vector<std::unique_ptr<Frame>> frames;
+  for (const char *name : kCaptureNames) {
+    const testsupport::Capture capture = testsupport::read_pcap(testsupport::data_path(std::string("captures/") + name));
+    for (const auto &packet : capture.packets)
+      if (testsupport::find_network_layer(capture, packet).found) frames.push_back(frame(name, packet.number));
+  }
+  ASSERT_GT(frames.size(), 60u);
+  const long before = nuvcsock_allocations();
+  int applied = 0;
+  for (const auto &f : frames) {
+    applied += nuv_clfy_get_clfy_from_set(&list.set, 0, &f->desc) != nullptr;
+    applied += nuv_clfy_get_clfy_from_set(&tree.set, 0, &f->desc) != nullptr;
+    nuv_clfy_set_execute(&list.set, nullptr, &f->desc);
+    nuv_clfy_set_execute(&tree.set, nullptr, &f->desc);
+  }
+  EXPECT_EQ(nuvcsock_allocations(), before);
+  EXPECT_GT(applied, 10);
 }

@@ -2,7 +2,15 @@
 
 #include <pcap/pcap.h>
 
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <memory>
 
 namespace tool {
@@ -93,6 +101,112 @@ void dissect_link(Frame &f) {
 struct PcapCloser {
   void operator()(pcap_t *p) const { pcap_close(p); }
 };
+using PcapHandle = std::unique_ptr<pcap_t, PcapCloser>;
+
+Frame make_frame(std::size_t number, const pcap_pkthdr &header, const u_char *data, int link) {
+  Frame f;
+  f.number = number;
+  f.bytes = {data, header.caplen};
+  f.wire_length = header.len;
+  f.link_type = link;
+  dissect_link(f);
+  return f;
+}
+
+std::string unsupported_link(int link) {
+  const char *name = pcap_datalink_val_to_name(link);
+  return "unsupported link type " + std::string(name ? name : std::to_string(link));
+}
+
+using Clock = std::chrono::steady_clock;
+
+// The progress line of a capture file being read: frames, bytes read,
+// frames per second and percent of the file, rewritten in place on standard
+// error at most ten times a second.  It is shown only when standard error
+// is a terminal, so it never ends up in pipes or files, and it is erased
+// when the file is done.
+class ProgressLine {
+ public:
+  ProgressLine(pcap_t *pcap, const std::string &path)
+      : file_(pcap_file(pcap)), enabled_(isatty(STDERR_FILENO) == 1 && file_ != nullptr) {
+    struct stat st {};
+    if (enabled_ && stat(path.c_str(), &st) == 0) size_ = static_cast<std::uint64_t>(st.st_size);
+    start_ = last_ = Clock::now();
+  }
+  ~ProgressLine() {
+    if (shown_) std::fputs("\r\033[K", stderr);
+  }
+  ProgressLine(const ProgressLine &) = delete;
+  ProgressLine &operator=(const ProgressLine &) = delete;
+
+  // Called once per frame; looks at the clock only every 4096 frames.
+  void frame_read(std::size_t frames) {
+    if (!enabled_ || (frames & kCheckEvery) != 0) return;
+    auto now = Clock::now();
+    if (now - last_ < kInterval) return;
+    last_ = now;
+    show(frames, now);
+  }
+
+ private:
+  static constexpr std::size_t kCheckEvery = 4095;
+  static constexpr auto kInterval = std::chrono::milliseconds(100);
+
+  void show(std::size_t frames, Clock::time_point now) {
+    long position = std::ftell(file_);
+    double seconds = std::chrono::duration<double>(now - start_).count();
+    double rate = seconds > 0 ? static_cast<double>(frames) / seconds : 0;
+    double percent = size_ && position > 0 ? 100.0 * static_cast<double>(position) / static_cast<double>(size_) : 0;
+    fmt::print(stderr, "\r\033[K{} frames, {:.1f} MB, {:.0f} frames/s, {:.0f}%", frames,
+               static_cast<double>(position > 0 ? position : 0) / 1e6, rate, percent);
+    std::fflush(stderr);
+    shown_ = true;
+  }
+
+  std::FILE *file_;
+  bool enabled_;
+  bool shown_ = false;
+  std::uint64_t size_ = 0;
+  Clock::time_point start_, last_;
+};
+
+// How long a live capture waits for a frame before it looks at its limits.
+constexpr int kPollMilliseconds = 100;
+
+// Set by the interrupt handler of a live capture.
+volatile std::sig_atomic_t g_interrupted = 0;
+pcap_t *g_live = nullptr;
+
+extern "C" void on_interrupt(int) {
+  g_interrupted = 1;
+  if (g_live) pcap_breakloop(g_live);
+}
+
+// Opens `interface` for a live capture.
+PcapHandle open_live(const std::string &interface, std::string &error) {
+  std::array<char, PCAP_ERRBUF_SIZE> err{};
+  PcapHandle pcap(pcap_create(interface.c_str(), err.data()));
+  if (!pcap) {
+    error = err.data();
+    return nullptr;
+  }
+  pcap_set_snaplen(pcap.get(), 65535);
+  pcap_set_promisc(pcap.get(), 0);
+  pcap_set_timeout(pcap.get(), kPollMilliseconds);
+  pcap_set_immediate_mode(pcap.get(), 1);
+  int rc = pcap_activate(pcap.get());
+  if (rc < 0) {
+    error = rc == PCAP_ERROR ? pcap_geterr(pcap.get()) : pcap_statustostr(rc);
+    return nullptr;
+  }
+  // Non-blocking: the capture loop waits for frames itself, so that it
+  // sees its limits even when no frame comes.
+  if (pcap_setnonblock(pcap.get(), 1, err.data()) != 0) {
+    error = err.data();
+    return nullptr;
+  }
+  return pcap;
+}
 
 }  // namespace
 
@@ -103,28 +217,63 @@ bool link_type_supported(int link_type) {
 
 std::string for_each_frame(const std::string &path, const std::function<void(const Frame &)> &visit) {
   std::array<char, PCAP_ERRBUF_SIZE> err{};
-  std::unique_ptr<pcap_t, PcapCloser> pcap(pcap_open_offline(path.c_str(), err.data()));
+  PcapHandle pcap(pcap_open_offline(path.c_str(), err.data()));
   if (!pcap) return err.data();
   int link = pcap_datalink(pcap.get());
-  if (!link_type_supported(link)) {
-    const char *name = pcap_datalink_val_to_name(link);
-    return "unsupported link type " + std::string(name ? name : std::to_string(link));
-  }
+  if (!link_type_supported(link)) return unsupported_link(link);
+  ProgressLine progress(pcap.get(), path);
   pcap_pkthdr *header;
   const u_char *data;
   std::size_t number = 0;
   int rc;
   while ((rc = pcap_next_ex(pcap.get(), &header, &data)) == 1) {
-    Frame f;
-    f.number = ++number;
-    f.bytes = {data, header->caplen};
-    f.wire_length = header->len;
-    f.link_type = link;
-    dissect_link(f);
-    visit(f);
+    visit(make_frame(++number, *header, data, link));
+    progress.frame_read(number);
   }
   if (rc == PCAP_ERROR) return pcap_geterr(pcap.get());
   return {};
+}
+
+std::string for_each_live_frame(const std::string &interface, const LiveLimits &limits,
+                                const std::function<void(const Frame &)> &visit, const std::function<void()> &tick) {
+  std::string error;
+  PcapHandle pcap = open_live(interface, error);
+  if (!pcap) return error;
+  int link = pcap_datalink(pcap.get());
+  if (!link_type_supported(link)) return unsupported_link(link);
+  g_interrupted = 0;
+  g_live = pcap.get();
+  struct sigaction action {}, previous {};
+  action.sa_handler = on_interrupt;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, &previous);
+  const auto start = Clock::now();
+  auto next_tick = start + std::chrono::seconds(1);
+  std::size_t number = 0;
+  pcap_pkthdr *header;
+  const u_char *data;
+  while (!g_interrupted) {
+    int rc = pcap_next_ex(pcap.get(), &header, &data);
+    if (rc == 1) {
+      visit(make_frame(++number, *header, data, link));
+    } else if (rc == 0) {
+      pollfd wait{pcap_get_selectable_fd(pcap.get()), POLLIN, 0};
+      poll(&wait, 1, kPollMilliseconds);
+    } else if (rc != PCAP_ERROR_BREAK) {
+      error = pcap_geterr(pcap.get());
+      break;
+    }
+    auto now = Clock::now();
+    if (limits.count && number >= limits.count) break;
+    if (limits.seconds > 0 && std::chrono::duration<double>(now - start).count() >= limits.seconds) break;
+    if (now >= next_tick) {
+      tick();
+      next_tick = now + std::chrono::seconds(1);
+    }
+  }
+  sigaction(SIGINT, &previous, nullptr);
+  g_live = nullptr;
+  return error;
 }
 
 }  // namespace tool

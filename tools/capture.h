@@ -36,6 +36,23 @@ bool link_type_supported(int link_type);
 
 // Calls `visit` for every frame of the capture file at `path` (pcap or
 // pcapng).  Returns an empty string on success, else the error text.
+// While the file is read, a progress line (frames, bytes, frames per second,
+// percent of the file) is kept up to date on standard error when standard
+// error is a terminal; it is erased when the file is done.
 std::string for_each_frame(const std::string &path, const std::function<void(const Frame &)> &visit);
+
+// When to stop a live capture: after `count` frames (0: no limit), after
+// `seconds` (0: no limit), or on an interrupt (Ctrl-C), whichever is first.
+struct LiveLimits {
+  std::size_t count = 0;
+  double seconds = 0;
+};
+
+// Captures on the network interface `interface` through libpcap and calls
+// `visit` for every frame until a limit of `limits` is reached; `tick` is
+// called about once a second.  Returns an empty string when the capture ran
+// (and stopped by a limit or an interrupt), else the error text.
+std::string for_each_live_frame(const std::string &interface, const LiveLimits &limits,
+                                const std::function<void(const Frame &)> &visit, const std::function<void()> &tick);
 
 }  // namespace tool

@@ -48,7 +48,8 @@ std::size_t stated_ip_length(const Frame &frame, std::span<const std::uint8_t> i
 
 }  // namespace
 
-bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::string &error) {
+bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::vector<LineError> &errors,
+                     std::string &error) {
   std::ifstream in(path);
   if (!in) {
     error = "cannot read the rules file";
@@ -57,23 +58,59 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
   std::size_t number = 0;
   for (std::string raw; std::getline(in, raw);) {
     ++number;
+    if (!raw.empty() && raw.back() == '\r') raw.pop_back();
     std::string text = trim(raw);
     if (text.empty() || text[0] == '#') continue;
-    RuleLine rule{number, text, 0};
+    RuleLine rule{number, raw, text, raw.find_first_not_of(" \t") + 1, false, 0};
     if (auto arrow = text.rfind("=>"); arrow != std::string::npos) {
-      std::string value = trim(text.substr(arrow + 2));
+      std::string after = text.substr(arrow + 2);
+      std::string value = trim(after);
       char *end = nullptr;
       unsigned long result = std::strtoul(value.c_str(), &end, 10);
-      if (value.empty() || *end || result > 0xFFFF) {
-        error = fmt::format("line {}: the result after \"=>\" must be a number 0..65535", number);
-        return false;
+      if (value.empty() || *end || value[0] == '-' || value[0] == '+' || result > 0xFFFF) {
+        std::size_t at = value.empty() ? arrow : arrow + 2 + after.find_first_not_of(" \t");
+        errors.push_back({number, raw, rule.column + at, value.empty() ? 2 : value.size(), "",
+                          "the result after \"=>\" must be a number 0..65535"});
+        continue;
       }
       rule.text = trim(text.substr(0, arrow));
+      rule.has_result = true;
       rule.result = static_cast<std::uint16_t>(result);
     }
     rules.push_back(rule);
   }
+  if (in.bad()) {
+    error = "read error";
+    return false;
+  }
   return true;
+}
+
+nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why) {
+  why = LineError{line.line, line.raw, line.column, line.text.size(), "", ""};
+  nuv_clfy *rule = nullptr;
+  if (nuv_clfy_parse(line.text.c_str(), &rule) == 0) return rule;
+  why.reason = "the classifier refuses this rule";
+  return nullptr;
+}
+
+// The line with tabs kept and every other character before the column
+// turned into a space, so that the caret lines up under the column.
+std::string caret_line(const LineError &e) {
+  std::string marks;
+  for (std::size_t i = 0; i + 1 < e.column && i < e.raw.size(); ++i) marks += e.raw[i] == '\t' ? '\t' : ' ';
+  marks += '^';
+  std::size_t room = e.raw.size() >= e.column ? e.raw.size() - e.column + 1 : 1;
+  std::size_t length = std::min(e.length, room);
+  if (length > 1) marks.append(length - 1, '~');
+  return marks;
+}
+
+void print_line_error(const std::string &file, const LineError &e, const char *severity) {
+  std::fflush(stdout);
+  std::string reason = e.reason;
+  if (!e.keyword.empty() && reason.find(e.keyword) == std::string::npos) reason = e.keyword + ": " + reason;
+  fmt::print(stderr, "{}:{}:{}: {}: {}\n{}\n{}\n", file, e.line, e.column, severity, reason, e.raw, caret_line(e));
 }
 
 RuleSet::RuleSet(std::string device, std::string bridge)
@@ -97,12 +134,9 @@ void RuleSet::bind(nuv_clfy *rule, const RuleLine &line) {
   results_[line.line] = line.result;
 }
 
-bool RuleSet::add(const RuleLine &line) {
-  nuv_clfy *rule = nullptr;
-  if (nuv_clfy_parse(line.text.c_str(), &rule) != 0) return false;
+void RuleSet::add(nuv_clfy *rule, const RuleLine &line) {
   bind(rule, line);
   nuv_clfy_add_tail(&set_, rule);
-  return true;
 }
 
 bool RuleSet::optimise() {
@@ -127,15 +161,32 @@ std::uint16_t RuleSet::result_of(std::size_t line) const {
   return it == results_.end() ? 0 : it->second;
 }
 
+std::size_t RuleSet::line_of(const nuv_clfy *rule) {
+  std::int32_t line;
+  std::memcpy(&line, rule->action_data, sizeof line);
+  return static_cast<std::size_t>(line);
+}
+
+std::vector<RuleSet::ListedRule> RuleSet::rules() {
+  std::vector<ListedRule> out;
+  nuv_clfy_set_walk(&set_, [](nuv_clfy *rule, int depth, void *arg) {
+    char buf[1024];
+    auto *out = static_cast<std::vector<ListedRule> *>(arg);
+    std::string text = nuv_clfy_as_string(-1, rule, buf, sizeof buf);
+    if (auto action = text.rfind(" (" + std::string(kActionName) + ")"); action != std::string::npos) text.erase(action);
+    out->push_back({line_of(rule), depth, trim(text), rule->hits, rule->result});
+    return 0;
+  }, &out);
+  return out;
+}
+
 std::vector<std::string> RuleSet::listing() {
   std::vector<std::string> lines;
   nuv_clfy_set_walk(&set_, [](nuv_clfy *rule, int depth, void *out) {
     char buf[1024];
-    std::int32_t line;
-    std::memcpy(&line, rule->action_data, sizeof line);
     auto *lines = static_cast<std::vector<std::string> *>(out);
-    lines->push_back(fmt::format("{}  (line {}, {} hits)", nuv_clfy_as_string(depth, rule, buf, sizeof buf), line,
-                                 rule->hits));
+    lines->push_back(fmt::format("{}  (line {}, {} hits)", nuv_clfy_as_string(depth, rule, buf, sizeof buf),
+                                 line_of(rule), rule->hits));
     return 0;
   }, &lines);
   return lines;

@@ -14,16 +14,39 @@ namespace tool {
 
 // One rule line of a rules file.
 struct RuleLine {
-  std::size_t line = 0;    // 1-based line number in the file
-  std::string text;        // the rule text handed to the parser
+  std::size_t line = 0;      // 1-based line number in the file
+  std::string raw;           // the whole line as written
+  std::string text;          // the rule text handed to the parser
+  std::size_t column = 1;    // 1-based column of `text` in `raw`
+  bool has_result = false;   // the line ends with "=> N"
   std::uint16_t result = 0;  // the value after "=>", 0 when none
+};
+
+// A rejected line: where (1-based column, characters marked) and why.
+struct LineError {
+  std::size_t line = 0;
+  std::string raw;
+  std::size_t column = 1;
+  std::size_t length = 1;
+  std::string keyword;  // the keyword whose value was refused, when known
+  std::string reason;
 };
 
 // Reads a rules file: one rule per line, blank lines and lines starting
 // with "#" skipped, an optional "=> N" at the end giving the rule's result.
-// Returns false (with `error` set) when the file cannot be read or a result
-// is not a number 0..65535.
-bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::string &error);
+// A result that is not a number 0..65535 makes the line an error in
+// `errors` (the line is not in `rules`).  Returns false (with `error` set)
+// when the file cannot be read.
+bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::vector<LineError> &errors,
+                     std::string &error);
+
+// Parses the rule of a line with the classifier's parser.  Returns the new
+// rule (owned by the caller), or null with `why` describing the refusal.
+nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why);
+
+// Prints a rejected line as compilers do: "FILE:LINE:COLUMN: error: REASON",
+// the line, and a caret under the column (on standard error).
+void print_line_error(const std::string &file, const LineError &e, const char *severity = "error");
 
 // A rule set built from rule lines, with every rule bound to an action that
 // reports the rule's line.  Interface names in `dev`/`brdev` conditions are
@@ -36,8 +59,8 @@ class RuleSet {
   RuleSet(const RuleSet &) = delete;
   RuleSet &operator=(const RuleSet &) = delete;
 
-  // Parses and appends one rule; false when the parser refuses it.
-  bool add(const RuleLine &rule);
+  // Appends a parsed rule (taking it over) for its line.
+  void add(nuv_clfy *rule, const RuleLine &line);
   // Restructures the set with the classifier's set optimisation.
   bool optimise();
 
@@ -45,6 +68,21 @@ class RuleSet {
   std::size_t classify(const nuv_clfy_packet &packet);
   // The result of the rule given by its line.
   std::uint16_t result_of(std::size_t line) const;
+  // The line a rule of the set came from.
+  static std::size_t line_of(const nuv_clfy *rule);
+  // The top-level rule list, for walking the set's tree.
+  nuv_clfy *head() const { return set_.head; }
+
+  // One rule of the set as the classifier prints it, with its line and hits.
+  struct ListedRule {
+    std::size_t line;
+    int depth;
+    std::string text;  // the classifier's printed form, without depth prefix or result
+    std::uint32_t hits;
+    std::uint16_t result;
+  };
+  // The rules of the set in tree order (a rule, then its sub-rules).
+  std::vector<ListedRule> rules();
 
   // The set as listing lines (depth prefix, rule text, result).
   std::vector<std::string> listing();

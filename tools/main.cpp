@@ -1,155 +1,132 @@
-// nikerkiog: try the library on real captures before rules ship to a router.
+// nikerkiog: try the library on real captures and rule files before they
+// ship to a router.
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "capture.h"
-#include "classify.h"
-#include "describe.h"
+#include "commands.h"
+#include "output.h"
 
 namespace {
 
-// Exit statuses of the tool.
-constexpr int kExitOk = 0;
-constexpr int kExitRules = 1;
-constexpr int kExitUnreadable = 2;
-
-nlohmann::json report_json(const std::string &file, const tool::FrameReport &r) {
-  nlohmann::json j{{"file", file}, {"number", r.number}};
-  if (!r.description.empty()) j["description"] = r.description;
-  if (!r.problem.empty()) j["problem"] = r.problem;
-  if (!r.vlan_ids.empty()) j["vlan"] = r.vlan_ids;
-  nlohmann::json sums = nlohmann::json::object();
-  for (const auto &[layer, verdict] : r.checksums) sums[layer] = verdict;
-  j["checksums"] = sums;
-  return j;
-}
-
-int run_describe(const std::vector<std::string> &files, bool json) {
-  int status = kExitOk;
-  nlohmann::json all = nlohmann::json::array();
-  for (const auto &file : files) {
-    if (!json && files.size() > 1) fmt::print("# {}\n", file);
-    std::string error = tool::for_each_frame(file, [&](const tool::Frame &frame) {
-      tool::FrameReport r = tool::describe_frame(frame);
-      if (json) all.push_back(report_json(file, r));
-      else fmt::print("{}\n", tool::format_report(r));
-    });
-    if (!error.empty()) {
-      std::fflush(stdout);
-      fmt::print(stderr, "nikerkiog: {}: {}\n", file, error);
-      status = kExitUnreadable;
-    }
-  }
-  if (json) fmt::print("{}\n", all.dump(2));
-  return status;
-}
-
-struct ClassifyOptions {
-  std::string rules;
-  std::vector<std::string> captures;
-  std::string device = "eth0";
-  std::string bridge = "br0";
-  bool optimise = false;
-  bool json = false;
-};
-
-// Builds the rule set; false (after printing why) when a rule is refused.
-bool build_rule_set(const ClassifyOptions &o, tool::RuleSet &set) {
-  std::vector<tool::RuleLine> lines;
-  std::string error;
-  if (!tool::read_rule_lines(o.rules, lines, error)) {
-    fmt::print(stderr, "nikerkiog: {}: {}\n", o.rules, error);
-    return false;
-  }
-  bool ok = true;
-  for (const auto &line : lines) {
-    if (!set.add(line)) {
-      fmt::print(stderr, "nikerkiog: {}:{}: the classifier refuses this rule: {}\n", o.rules, line.line, line.text);
-      ok = false;
-    }
-  }
-  if (ok && o.optimise && !set.optimise()) {
-    fmt::print(stderr, "nikerkiog: out of memory while optimising the rule set\n");
-    ok = false;
-  }
-  return ok;
-}
-
-std::string verdict_text(std::size_t line, std::uint16_t result) {
-  return line ? fmt::format("rule at line {} => {}", line, result) : std::string("no rule");
-}
-
-int run_classify(const ClassifyOptions &o) {
-  tool::RuleSet set(o.device, o.bridge);
-  if (!build_rule_set(o, set)) return kExitRules;
-  int status = kExitOk;
-  nlohmann::json all = nlohmann::json::array();
-  std::vector<std::uint8_t> storage;
-  for (const auto &file : o.captures) {
-    if (!o.json && o.captures.size() > 1) fmt::print("# {}\n", file);
-    std::string error = tool::for_each_frame(file, [&](const tool::Frame &frame) {
-      std::string why;
-      auto packet = tool::packet_descriptor(frame, storage, why);
-      std::size_t line = packet ? set.classify(*packet) : 0;
-      if (o.json) {
-        nlohmann::json j{{"file", file}, {"number", frame.number}};
-        if (!packet) j["problem"] = why;
-        else if (line) j["rule_line"] = line, j["result"] = set.result_of(line);
-        else j["rule_line"] = nullptr;
-        all.push_back(j);
-      } else {
-        fmt::print("{:>5}  {}\n", frame.number, packet ? verdict_text(line, set.result_of(line)) : why);
+// Packet numbers of --explain: "3,7" and repeated options alike.
+void split_numbers(const std::vector<std::string> &items, std::vector<std::size_t> &numbers) {
+  for (const auto &item : items) {
+    std::size_t start = 0;
+    while (start <= item.size()) {
+      std::size_t comma = item.find(',', start);
+      std::string word = item.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+      std::size_t used = 0;
+      unsigned long long n = 0;
+      try {
+        n = std::stoull(word, &used);
+      } catch (const std::exception &) {
+        used = 0;
       }
-    });
-    if (!error.empty()) {
-      std::fflush(stdout);
-      fmt::print(stderr, "nikerkiog: {}: {}\n", file, error);
-      status = kExitUnreadable;
+      if (used == 0 || used != word.size() || n == 0) throw CLI::ValidationError("--explain", "not a packet number: " + word);
+      numbers.push_back(static_cast<std::size_t>(n));
+      if (comma == std::string::npos) break;
+      start = comma + 1;
     }
   }
-  if (o.json) {
-    fmt::print("{}\n", nlohmann::json{{"packets", all}, {"rules", set.listing()}}.dump(2));
-  } else {
-    fmt::print("# rule set{}, with hits\n", o.optimise ? " (optimised)" : "");
-    for (const auto &l : set.listing()) fmt::print("{}\n", l);
-  }
-  return status;
+}
+
+CLI::App *add_check_command(CLI::App &parent, const char *name, const char *what, tool::CheckOptions &o,
+                            const char *files_help) {
+  CLI::App *cmd = parent.add_subcommand(name, what);
+  cmd->add_option("files", o.files, files_help)->required();
+  cmd->add_flag("--print", o.print, "Print the normalised form of every accepted line");
+  cmd->add_flag("--json", o.json, "Write JSON Lines: one object per rule line, then a summary");
+  return cmd;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"nikerkiog: packet and rule utilities, tried on captures"};
-  app.require_subcommand(1);
+  CLI::App app{"nikerkiog: classifier rules, firewall rule texts and DHCP messages, tried on captures"};
+  app.set_version_flag("--version", "nikerkiog " NIKERKIOG_VERSION, "Print the library's version and exit");
+  app.require_subcommand(0, 1);
 
   std::vector<std::string> describe_files;
   bool describe_json = false;
   CLI::App *describe = app.add_subcommand(
       "describe", "Print one line per packet: its description and IP/TCP/UDP/ICMP checksum verdicts");
   describe->add_option("captures", describe_files, "pcap or pcapng files")->required();
-  describe->add_flag("--json", describe_json, "Print the reports as a JSON array");
+  describe->add_flag("--json", describe_json, "Write JSON Lines: one object per packet, then a summary");
 
-  ClassifyOptions classify_options;
+  tool::ClassifyOptions co;
+  std::vector<std::string> explain_items;
   CLI::App *classify = app.add_subcommand(
-      "classify", "Try classifier rules on captured packets: the first rule that applies to each packet");
-  classify->add_option("rules", classify_options.rules, "rules file: one rule per line, \"=> N\" gives a result")
-      ->required();
-  classify->add_option("captures", classify_options.captures, "pcap or pcapng files")->required();
-  classify->add_option("--dev", classify_options.device, "interface the packets arrive on (dev conditions)")
-      ->capture_default_str();
-  classify->add_option("--brdev", classify_options.bridge, "bridge the packets pass (brdev conditions)")
-      ->capture_default_str();
-  classify->add_flag("--optimise", classify_options.optimise, "restructure the rule set into a tree first");
-  classify->add_flag("--json", classify_options.json, "Print the verdicts and the rule set as JSON");
+      "classify", "Try classifier rules on captured or live packets: the first rule that applies to each packet");
+  classify->add_option("rules", co.rules, "rules file: one rule per line, \"=> N\" gives a result")->required();
+  classify->add_option("captures", co.captures, "pcap or pcapng files");
+  classify->add_option("--dev", co.device, "interface the packets arrive on (dev conditions)")->capture_default_str();
+  classify->add_option("--brdev", co.bridge, "bridge the packets pass (brdev conditions)")->capture_default_str();
+  classify->add_flag("--optimise", co.optimise, "Restructure the rule set into a tree first");
+  classify->add_flag("--json", co.json, "Write JSON Lines: one object per packet, then a summary with the rule set");
+  classify->add_flag("--keep-going", co.keep_going, "Report rejected rule lines and use the others");
+  classify->add_option("--explain", explain_items, "Explain the verdicts of these packets (N[,N...])");
+  CLI::Option *live = classify->add_option("--live", co.live, "Classify live traffic of this interface instead of files");
+  classify->add_option("--count", co.count, "With --live: stop after N packets")->needs(live);
+  classify->add_option("--seconds", co.seconds, "With --live: stop after S seconds")->needs(live);
 
-  CLI11_PARSE(app, argc, argv);
+  std::vector<std::string> dhcp_files;
+  bool dhcp_json = false;
+  CLI::App *dhcp = app.add_subcommand(
+      "dhcp", "Decode the DHCP messages of captures: header fields and options as the option store reads them");
+  dhcp->add_option("captures", dhcp_files, "pcap or pcapng files")->required();
+  dhcp->add_flag("--json", dhcp_json, "Write JSON Lines: one object per message, then a summary");
 
-  if (describe->parsed()) return run_describe(describe_files, describe_json);
-  if (classify->parsed()) return run_classify(classify_options);
-  return kExitOk;
+  tool::CheckOptions check_options;
+  CLI::App *check = add_check_command(app, "check", "Check classifier rule files line by line, as a compiler does",
+                                      check_options, "classifier rule files");
+
+  tool::CheckOptions acl_options, masq_options, ip6fw_options;
+  acl_options.language = tool::RuleLanguage::kAccess;
+  masq_options.language = tool::RuleLanguage::kMasquerade;
+  ip6fw_options.language = tool::RuleLanguage::kIp6Forward;
+  CLI::App *acl = app.add_subcommand("acl", "Access rules (IPv4 packet filter lines)");
+  acl->require_subcommand(0, 1);
+  CLI::App *acl_check = add_check_command(*acl, "check", "Check access rule files line by line", acl_options,
+                                          "access rule files");
+  CLI::App *masq = app.add_subcommand("masq", "Masquerade forward rules (port forwardings)");
+  masq->require_subcommand(0, 1);
+  CLI::App *masq_check = add_check_command(*masq, "check", "Check masquerade forward rule files line by line",
+                                           masq_options, "masquerade forward rule files");
+  CLI::App *ip6fw = app.add_subcommand("ip6fw", "IPv6 forward rules (protocols and ports a host may receive)");
+  ip6fw->require_subcommand(0, 1);
+  CLI::App *ip6fw_check = add_check_command(*ip6fw, "check", "Check IPv6 forward rule files line by line",
+                                            ip6fw_options, "IPv6 forward rule files, one rule each");
+
+  try {
+    app.parse(argc, argv);
+    split_numbers(explain_items, co.explain);
+  } catch (const CLI::ParseError &e) {
+    int status = app.exit(e);
+    return status == 0 ? tool::kExitOk : tool::kExitError;
+  }
+
+  if (describe->parsed()) return tool::run_describe(describe_files, describe_json);
+  if (classify->parsed()) {
+    if (co.live.empty() == co.captures.empty()) {
+      fmt::print(stderr, "nikerkiog classify: give capture files or --live INTERFACE (one of the two)\n");
+      return tool::kExitError;
+    }
+    return tool::run_classify(co);
+  }
+  if (dhcp->parsed()) return tool::run_dhcp(dhcp_files, dhcp_json);
+  if (check->parsed()) return tool::run_check(check_options);
+  if (acl_check->parsed()) return tool::run_check(acl_options);
+  if (masq_check->parsed()) return tool::run_check(masq_options);
+  if (ip6fw_check->parsed()) return tool::run_check(ip6fw_options);
+  for (CLI::App *group : {acl, masq, ip6fw}) {
+    if (group->parsed()) {
+      fmt::print(stderr, "{}", group->help());
+      return tool::kExitError;
+    }
+  }
+  fmt::print(stderr, "{}", app.help());
+  return tool::kExitError;
 }

@@ -272,7 +272,10 @@ def tool_classes(tool, rules, pcap, extra=()):
     out = subprocess.run([tool, "classify", rules, pcap, "--dev", "lo", "--json", *extra], check=True,
                          capture_output=True, text=True).stdout
     counts = {}
-    for packet in json.loads(out)["packets"]:
+    for line in out.splitlines():  # JSON Lines: one object per packet, then a summary
+        packet = json.loads(line)
+        if packet.get("type") != "packet":
+            continue
         check("problem" not in packet, f"the tool could not classify a packet: {packet}")
         mark = packet["result"] if packet.get("rule_line") else 0
         counts[mark] = counts.get(mark, 0) + 1

@@ -104,12 +104,13 @@ TEST(Classify, OptimisedSetGivesTheSameVerdictsOnEveryCapture) {
   }
 }
 
-TEST(Classify, RefusedRuleNamesItsLineAndGivesExitStatus1) {
+TEST(Classify, RefusedRuleIsReportedWithLineAndColumnAndGivesExitStatus1) {
   std::string rules = write_rules("bad.rules", "udp.dport 53\nip.version 5\n");
   int status = -1;
   std::string out = classify(rules + " " + capture("dns_udp.pcap"), &status);
   EXPECT_EQ(status, 1);
-  EXPECT_NE(out.find("bad.rules:2: the classifier refuses this rule: ip.version 5"), std::string::npos) << out;
+  EXPECT_NE(out.find(rules + ":2:1: error: the classifier refuses this rule\nip.version 5\n^~~~~~~~~~~~\n"), std::string::npos) << out;
+  EXPECT_EQ(out.find("rule at line"), std::string::npos) << out;
 }
 
 TEST(Classify, ResultThatIsNotANumberGivesExitStatus1) {
@@ -117,18 +118,37 @@ TEST(Classify, ResultThatIsNotANumberGivesExitStatus1) {
   int status = -1;
   std::string out = classify(rules + " " + capture("dns_udp.pcap"), &status);
   EXPECT_EQ(status, 1);
-  EXPECT_NE(out.find("line 1: the result after \"=>\" must be a number 0..65535"), std::string::npos) << out;
+  EXPECT_NE(out.find(rules + ":1:17: error: the result after \"=>\" must be a number 0..65535\n"
+                     "udp.dport 53 => many\n"
+                     "                ^~~~\n"),
+            std::string::npos)
+      << out;
 }
 
-TEST(Classify, JsonReportsEveryPacketAndTheRuleSet) {
+TEST(Classify, KeepGoingUsesTheAcceptedLinesAndStillGivesExitStatus1) {
+  std::string rules = write_rules("keepgoing.rules", "udp.dport 53 => 30\nip.version 5\nudp.sport 53 => 31\n");
+  int status = -1;
+  std::string out = classify("--keep-going " + rules + " " + capture("dns_udp.pcap"), &status);
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(out.find(rules + ":2:1: error: "), std::string::npos) << out;
+  std::string verdict_out = run_command(std::string(NIKERKIOG_TOOL_PATH) + " classify --keep-going " + rules + " " +
+                                        capture("dns_udp.pcap") + " 2>/dev/null");
+  EXPECT_EQ(verdicts(verdict_out),
+            (std::vector<std::string>{"    1  rule at line 1 => 30", "    2  rule at line 3 => 31"}));
+}
+
+TEST(Classify, JsonReportsEveryPacketThenTheRuleSetWithHits) {
   std::string rules = write_rules("json.rules", "udp.sport 53 => 31\n");
   std::string out = run_command(std::string(NIKERKIOG_TOOL_PATH) + " classify --json " + rules + " " +
                                 capture("dns_udp.pcap"));
-  auto j = nlohmann::json::parse(out);
-  ASSERT_EQ(j["packets"].size(), 2u);
-  EXPECT_TRUE(j["packets"][0]["rule_line"].is_null());
-  EXPECT_EQ(j["packets"][1]["rule_line"], 1);
-  EXPECT_EQ(j["packets"][1]["result"], 31);
-  ASSERT_EQ(j["rules"].size(), 1u);
-  EXPECT_NE(j["rules"][0].get<std::string>().find("udp.sport 53"), std::string::npos);
+  std::vector<nlohmann::json> objects;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) objects.push_back(nlohmann::json::parse(line));
+  ASSERT_EQ(objects.size(), 3u);
+  EXPECT_TRUE(objects[0]["rule_line"].is_null());
+  EXPECT_EQ(objects[1]["rule_line"], 1);
+  EXPECT_EQ(objects[1]["result"], 31);
+  ASSERT_EQ(objects[2]["rules"].size(), 1u);
+  EXPECT_EQ(objects[2]["rules"][0]["text"], "ip.proto 17 udp.sport 53");
+  EXPECT_EQ(objects[2]["rules"][0]["hits"], 1);
 }

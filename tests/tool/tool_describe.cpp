@@ -219,13 +219,14 @@ TEST(Describe, NonCaptureFileGivesExitStatus2AfterDescribingTheOthers) {
   EXPECT_NE(out.find("UDP "), std::string::npos);
 }
 
-TEST(Describe, JsonOutputHoldsOneObjectPerFrame) {
+TEST(Describe, JsonOutputHoldsOneObjectPerFrameThenASummary) {
   std::string out = describe("--json " + data_path("captures/dns_udp.pcap"));
-  auto reports = nlohmann::json::parse(out);
-  ASSERT_TRUE(reports.is_array());
-  ASSERT_EQ(reports.size(), 2u);
-  EXPECT_EQ(reports[0]["number"], 1);
-  EXPECT_EQ(reports[0]["checksums"]["ip"], "ok");
-  EXPECT_EQ(reports[1]["checksums"]["udp"], "ok");
-  EXPECT_NE(reports[1]["description"].get<std::string>().find("UDP 209.87.249.18:53"), std::string::npos);
+  auto lines = lines_of(out);
+  ASSERT_EQ(lines.size(), 3u);
+  auto first = nlohmann::json::parse(lines[0]), second = nlohmann::json::parse(lines[1]);
+  EXPECT_EQ(first["number"], 1);
+  EXPECT_EQ(first["checksums"]["ip"], "ok");
+  EXPECT_EQ(second["checksums"]["udp"], "ok");
+  EXPECT_NE(second["description"].get<std::string>().find("UDP 209.87.249.18:53"), std::string::npos);
+  EXPECT_EQ(nlohmann::json::parse(lines[2])["frames"], 2);
 }

@@ -12,6 +12,7 @@
 // parameter: the plain matcher's policy forgets which condition failed and
 // learns DHCP clients; the explaining policy keeps the first failed
 // condition and learns nothing.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +37,11 @@ using namespace dp::wire;
 // taking it to be of the smallest size.
 constexpr std::uint32_t kHopByHopLength = 8;
 
+// The hot path of a test is inlined into the per-packet loops; conditions
+// that are rare or costly stay out of line so that the loops stay small.
+#define CLFY_HOT [[gnu::always_inline]] inline
+#define CLFY_COLD [[gnu::noinline]]
+
 // ---- Policies ----
 
 // The plain matcher: a miss is just false, DHCP clients are learned.
@@ -54,7 +60,7 @@ struct Explaining {
   }
 };
 
-bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t value2, std::uint32_t x) {
+CLFY_HOT bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t value2, std::uint32_t x) {
   switch (op) {
     case NUV_CLFY_OP_EQ: return x == value1;
     case NUV_CLFY_OP_NE: return x != value1;
@@ -67,7 +73,7 @@ bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint16_t valu
   }
 }
 
-bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
+CLFY_HOT bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
   for (std::uint32_t i = 0; i < list.count; ++i) {
     const nuv_clfy_value &v = list.entries[i];
     if (comparison_holds(v.op, v.value1, v.value2, x)) return true;
@@ -78,7 +84,7 @@ bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
 // ---- Interfaces, mark, link layer ----
 
 template <class P>
-bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mark, P &p) {
+CLFY_HOT bool interfaces_hold(const nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mark, P &p) {
   const std::uint32_t flags = rule.flags;
   // An interface index the caller never resolved (-1) matches no packet.
   if (flags & NUV_CLFY_F_DEV) {
@@ -127,7 +133,7 @@ Cond first_link_address(std::uint32_t flags) {
 }
 
 template <class P>
-bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
+CLFY_COLD bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
   if (rule.flags & kLinkAddressConditions) {
     if (!packet.eth_header) return p.miss(first_link_address(rule.flags), Why::kNoEthernet);
     if (!addresses_hold(rule, packet.eth_header, p)) return false;
@@ -149,16 +155,25 @@ bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p)
 
 // Bytes readable from the transport header on (0 when it starts beyond the
 // packet).
-std::uint32_t transport_room(const PacketFacts &f) {
+CLFY_HOT std::uint32_t transport_room(PacketFacts &f) {
   return f.transport <= f.available ? f.available - f.transport : 0;
 }
 
-bool transport_has(const PacketFacts &f, std::uint32_t bytes) {
+CLFY_HOT bool transport_has(PacketFacts &f, std::uint32_t bytes) {
   return f.transport <= f.available && f.available - f.transport >= bytes;
 }
 
+CLFY_COLD void read_transport(PacketFacts &f);
+CLFY_HOT void read_network(PacketFacts &f);
+
+// The transport words, read on the first condition that needs them.
+CLFY_HOT void need_transport(PacketFacts &f) {
+  if (!(f.read & kReadTransport)) read_transport(f);
+}
+
 template <class P>
-bool ports_hold(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_HOT bool ports_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  need_transport(f);
   if (rule.flags & NUV_CLFY_F_SPORTS) {
     if (!(f.readable & kHasSport)) return p.miss(Cond::kSports, Why::kShort);
     if (!list_holds(rule.sports, f.sport)) return p.miss(Cond::kSports, Why::kValue, f.sport);
@@ -171,9 +186,10 @@ bool ports_hold(const nuv_clfy &rule, const PacketFacts &f, P &p) {
 }
 
 template <class P>
-bool tcp_flags_hold(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_COLD bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
   if (rule.ip_proto != kProtoTcp) return p.miss(Cond::kTcpFlags, Why::kRuleNotTcp);
+  need_transport(f);
   if (!(f.readable & kHasTcpWord)) return p.miss(Cond::kTcpFlags, Why::kShort);
   if ((f.tcp_word & net_to_host16(rule.tcp_flags_mask)) != net_to_host16(rule.tcp_flags))
     return p.miss(Cond::kTcpFlags, Why::kValue, f.tcp_word & 0x0fffu);
@@ -183,7 +199,7 @@ bool tcp_flags_hold(const nuv_clfy &rule, const PacketFacts &f, P &p) {
 // The payload after a UDP or TCP header (any other protocol: the whole
 // transport part), at most `declared` bytes and never past the packet.
 template <class P>
-bool payload_matches(const nuv_clfy &rule, const PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
+CLFY_COLD bool payload_matches(const nuv_clfy &rule, PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
   std::uint32_t header = 0;
   if (proto == kProtoUdp) {
     header = kUdpHeaderLength;
@@ -240,7 +256,7 @@ bool dhcp_message_holds(const nuv_clfy_dhcp &condition, const std::uint8_t *msg,
 // The option walk reads the code byte that follows the options area, so the
 // message is evaluated from a copy that ends in an end option.
 template <class P>
-bool dhcp_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_COLD bool dhcp_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!rule.dhcp) return p.miss(Cond::kDhcp, Why::kNoCondition);
   if (!transport_has(f, kUdpHeaderLength + kDhcpFixedPart)) return p.miss(Cond::kDhcp, Why::kShort);
   const std::uint32_t length = transport_room(f) - kUdpHeaderLength;
@@ -260,30 +276,66 @@ bool dhcp_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
 
 // ---- Network layer, shared by both IP versions ----
 
+// The version nibble, the type of service (IPv6: traffic class) and the
+// ip.len value (IPv6: payload length plus the fixed header).
+std::uint8_t tos_of(const PacketFacts &f) {
+  const std::uint8_t *ip = f.ip;
+  if (f.family == kFamilyIpv4) return ip[1];
+  return static_cast<std::uint8_t>((ip[0] << 4) | (ip[1] >> 4));
+}
+
+std::uint32_t length_of(const PacketFacts &f) {
+  if (f.family == kFamilyIpv4) return load_be16(f.ip + 2);
+  return load_be16(f.ip + kIpv6PayloadLengthOffset) + kIpv6HeaderLength;
+}
+
 template <class P>
-bool header_fields_hold(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_HOT bool header_fields_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   const std::uint32_t flags = rule.flags;
-  if ((flags & NUV_CLFY_F_IP_VERSION) && f.version != rule.ip_version)
-    return p.miss(Cond::kIpVersion, Why::kValue, f.version);
+  const std::uint8_t version = f.ip[0] >> 4;
+  if ((flags & NUV_CLFY_F_IP_VERSION) && version != rule.ip_version)
+    return p.miss(Cond::kIpVersion, Why::kValue, version);
   if ((flags & NUV_CLFY_F_IP_PROTO) && f.proto != rule.ip_proto) return p.miss(Cond::kIpProto, Why::kValue, f.proto);
-  if ((flags & NUV_CLFY_F_IP_TOS) && (f.tos & rule.ip_tos_mask) != rule.ip_tos)
-    return p.miss(Cond::kIpTos, Why::kValue, f.tos);
-  if ((flags & NUV_CLFY_F_IP_LEN) && !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, f.length))
-    return p.miss(Cond::kIpLen, Why::kValue, f.length);
+  if ((flags & NUV_CLFY_F_IP_TOS) && (tos_of(f) & rule.ip_tos_mask) != rule.ip_tos)
+    return p.miss(Cond::kIpTos, Why::kValue, tos_of(f));
+  if ((flags & NUV_CLFY_F_IP_LEN) &&
+      !comparison_holds(rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2, length_of(f)))
+    return p.miss(Cond::kIpLen, Why::kValue, length_of(f));
   return true;
 }
 
 // ---- IPv4 ----
+
+// Presence-bit groups skipped by one test when the rule has none of them.
+constexpr std::uint32_t kInterfaceConditions =
+    NUV_CLFY_F_DEV | NUV_CLFY_F_BRDEV | NUV_CLFY_F_LOCALMARK | NUV_CLFY_F_ETH_PROTO;
+constexpr std::uint32_t kHeaderFieldConditions =
+    NUV_CLFY_F_IP_VERSION | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_TOS | NUV_CLFY_F_IP_LEN;
+constexpr std::uint32_t kAddressConditions = NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR | NUV_CLFY_F_IPDSTTAB;
+constexpr std::uint32_t kPortConditions = NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS;
+constexpr std::uint32_t kRareTransportConditions = NUV_CLFY_F_DHCP | NUV_CLFY_F_TCP_FLAGS | NUV_CLFY_F_PACKETMATCH;
+
+template <class P>
+CLFY_HOT bool ipv4_addresses_hold(const nuv_clfy &rule, PacketFacts &f, P &p);
+template <class P>
+CLFY_HOT bool ipv4_transport_holds(const nuv_clfy &rule, PacketFacts &f, P &p);
 
 bool ipv4_address_holds(const std::uint8_t *stored, const std::uint8_t *packet_addr) {
   return (load_net32(packet_addr) & load_net32(stored + 4)) == load_net32(stored);
 }
 
 template <class P>
-bool ipv4_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_HOT bool ipv4_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint32_t flags = rule.flags;
+  if ((flags & kHeaderFieldConditions) && !header_fields_hold(rule, f, p)) return false;
+  if (flags & kAddressConditions) return ipv4_addresses_hold(rule, f, p) && ipv4_transport_holds(rule, f, p);
+  return ipv4_transport_holds(rule, f, p);
+}
+
+template <class P>
+CLFY_HOT bool ipv4_addresses_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   const std::uint8_t *ip = f.ip;
   const std::uint32_t flags = rule.flags;
-  if (!header_fields_hold(rule, f, p)) return false;
   if (flags & NUV_CLFY_F_IP_SADDR) {
     if (rule.ip_saddr_family != kFamilyIpv4) return p.miss(Cond::kIpSaddr, Why::kFamily, 4, ip + 12);
     if (!ipv4_address_holds(rule.ip_saddr.v6, ip + 12)) return p.miss(Cond::kIpSaddr, Why::kValue, 4, ip + 12);
@@ -294,8 +346,15 @@ bool ipv4_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
   }
   if ((flags & NUV_CLFY_F_IPDSTTAB) && !nuv_clfy_ipdsttab_is_in(rule.ipdsttab, load_net32(ip + 16)))
     return p.miss(Cond::kIpDstTab, Why::kNotInTable, 4, ip + 16);
+  return true;
+}
+
+template <class P>
+CLFY_HOT bool ipv4_transport_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint32_t flags = rule.flags;
   if (!(flags & NUV_CLFY_GROUP_TRANSPORT)) return true;
-  if (!ports_hold(rule, f, p)) return false;
+  if ((flags & kPortConditions) && !ports_hold(rule, f, p)) return false;
+  if (!(flags & kRareTransportConditions)) return true;
   if ((flags & NUV_CLFY_F_DHCP) && !dhcp_holds(rule, f, p)) return false;
   if (!tcp_flags_hold(rule, f, p)) return false;
   if ((flags & NUV_CLFY_F_PACKETMATCH) &&
@@ -336,7 +395,7 @@ bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
 }
 
 template <class P>
-bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
+CLFY_COLD bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
   if (!extension_chain_readable(ip, available)) return p.miss(Cond::kIcmpType, Why::kShort);
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
@@ -348,7 +407,7 @@ bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32
 }
 
 template <class P>
-bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
+CLFY_COLD bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
                         const std::uint8_t *packet_addr, P &p) {
   if (family != kFamilyIpv6) return p.miss(cond, Why::kFamily, 6, packet_addr);
   if (!ipv6_prefix_holds(stored.v6, prefixlen, packet_addr)) return p.miss(cond, Why::kValue, 6, packet_addr);
@@ -356,13 +415,13 @@ bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t p
 }
 
 template <class P>
-bool ipv6_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_HOT bool ipv6_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
   const std::uint8_t *ip = f.ip;
   const std::uint32_t flags = rule.flags;
   // One hop-by-hop header is looked through for the protocol and the ports.
   if (f.hop_unreadable && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)))
     return p.miss(flags & NUV_CLFY_F_IP_PROTO ? Cond::kIpProto : Cond::kPacketMatch, Why::kShort);
-  if (!header_fields_hold(rule, f, p)) return false;
+  if ((flags & kHeaderFieldConditions) && !header_fields_hold(rule, f, p)) return false;
   if ((flags & NUV_CLFY_F_IP_SADDR) &&
       !ipv6_address_holds(Cond::kIpSaddr, rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family, ip + kIpv6SourceOffset, p))
     return false;
@@ -374,7 +433,7 @@ bool ipv6_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
   if (flags & NUV_CLFY_GROUP_TRANSPORT) {
     if (!ports_hold(rule, f, p) || !tcp_flags_hold(rule, f, p)) return false;
     // DHCP conditions are IPv4-only and pass untested here.
-    if ((flags & NUV_CLFY_F_PACKETMATCH) && !payload_matches(rule, f, f.proto, f.declared, p)) return false;
+    if ((flags & NUV_CLFY_F_PACKETMATCH) && !payload_matches(rule, f, f.proto, load_be16(ip + kIpv6PayloadLengthOffset), p)) return false;
   }
   if ((flags & NUV_CLFY_F_ICMP_TYPE) && !icmpv6_type_holds(rule, ip, f.available, p)) return false;
   return true;
@@ -382,7 +441,8 @@ bool ipv6_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
 
 // A packet too short for its fixed IP header satisfies no IP condition.
 template <class P>
-bool ip_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
+CLFY_HOT bool ip_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  if (!(f.read & kReadNetwork)) read_network(f);
   if (f.family == kFamilyIpv6) return ipv6_holds(rule, f, p);
   if (f.family == kFamilyIpv4) return ipv4_holds(rule, f, p);
   const nuv_clfy_packet &packet = *f.desc;
@@ -393,17 +453,20 @@ bool ip_holds(const nuv_clfy &rule, const PacketFacts &f, P &p) {
 }
 
 template <class P>
-bool rule_holds(const nuv_clfy &rule, const PacketFacts &f, std::uint32_t mark, P &p) {
-  if (!interfaces_hold(rule, *f.desc, mark, p)) return false;
-  if ((rule.flags & NUV_CLFY_GROUP_LINK) && !link_layer_holds(rule, *f.desc, p)) return false;
-  if (rule.flags & NUV_CLFY_GROUP_IP) return ip_holds(rule, f, p);
+CLFY_HOT bool rule_holds(const nuv_clfy &rule, PacketFacts &f, std::uint32_t mark, P &p) {
+  const std::uint32_t flags = rule.flags;
+  if ((flags & kInterfaceConditions) && !interfaces_hold(rule, *f.desc, mark, p)) return false;
+  if ((flags & NUV_CLFY_GROUP_LINK) && !link_layer_holds(rule, *f.desc, p)) return false;
+  if (flags & NUV_CLFY_GROUP_IP) return ip_holds(rule, f, p);
   // Without IP conditions a rule needs at least one condition it could test;
   // bits that name no condition do not make a rule match.
-  if (rule.flags & kConditionsBeforeIp) return true;
+  if (flags & kConditionsBeforeIp) return true;
   return p.miss(Cond::kNothingTestable);
 }
 
-void read_transport(PacketFacts &f) {
+CLFY_COLD void read_transport(PacketFacts &f) {
+  f.read |= kReadTransport;
+  f.readable = 0;
   const std::uint32_t room = transport_room(f);
   const std::uint8_t *t = f.ip + f.transport;
   if (room >= 2) {
@@ -420,45 +483,35 @@ void read_transport(PacketFacts &f) {
   }
 }
 
-void read_ipv4(PacketFacts &f) {
-  const std::uint8_t *ip = f.ip;
-  f.family = kFamilyIpv4;
-  f.version = ip[0] >> 4;
-  f.proto = ip[9];
-  f.tos = ip[1];
-  f.length = load_be16(ip + 2);
-  f.transport = (ip[0] & 0x0fu) * 4u;
-  read_transport(f);
-}
-
-void read_ipv6(PacketFacts &f) {
-  const std::uint8_t *ip = f.ip;
-  const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
-  f.family = kFamilyIpv6;
-  f.hop_unreadable = hop_by_hop && f.available <= kIpv6HeaderLength;
-  f.version = ip[0] >> 4;
-  f.proto = hop_by_hop ? (f.available > kIpv6HeaderLength ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
-  f.tos = static_cast<std::uint8_t>((ip[0] << 4) | (ip[1] >> 4));
-  f.declared = load_be16(ip + kIpv6PayloadLengthOffset);
-  f.length = f.declared + kIpv6HeaderLength;
-  f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
-  read_transport(f);
-}
-
-}  // namespace
-
-void read_packet(const nuv_clfy_packet &packet, PacketFacts &f) {
-  f = PacketFacts{};
-  f.desc = &packet;
-  f.ip = packet.ip_header;
+// The network layer, read when the first rule with an IP condition is
+// tried: the version to follow and where the transport header starts.
+CLFY_HOT void read_network(PacketFacts &f) {
+  const nuv_clfy_packet &packet = *f.desc;
+  const std::uint8_t *ip = packet.ip_header;
+  f.read |= kReadNetwork;
+  f.family = 0;
+  f.ip = ip;
   f.available = packet.ip_len;
-  if (!f.ip) return;
-  const std::uint16_t eth_proto = net_to_host16(packet.eth_proto);
-  if (eth_proto == kEtherTypeIpv6 && f.available >= kIpv6HeaderLength) read_ipv6(f);
-  if (eth_proto == kEtherTypeIpv4 && f.available >= kIpv4HeaderLength) read_ipv4(f);
+  if (!ip) return;
+  if (packet.eth_proto == net_to_host16(kEtherTypeIpv4)) {
+    if (f.available < kIpv4HeaderLength) return;
+    f.family = kFamilyIpv4;
+    f.proto = ip[9];
+    f.transport = (ip[0] & 0x0fu) * 4u;
+  } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
+    if (f.available < kIpv6HeaderLength) return;
+    const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
+    const bool behind = f.available > kIpv6HeaderLength;
+    f.family = kFamilyIpv6;
+    f.hop_unreadable = hop_by_hop && !behind;
+    f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
+    f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
+  }
 }
 
-bool rule_applies(nuv_clfy &rule, const PacketFacts &facts, std::uint32_t mark) {
+// The plain matcher's verdict: a match counts in the rule's hits, except for
+// a rule without conditions.
+CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   if (rule.flags == 0) return true;
   Quiet quiet;
   if (!rule_holds(rule, facts, mark, quiet)) return false;
@@ -466,11 +519,81 @@ bool rule_applies(nuv_clfy &rule, const PacketFacts &facts, std::uint32_t mark) 
   return true;
 }
 
-bool rule_explained(const nuv_clfy &rule, const PacketFacts &facts, std::uint32_t mark, Finding &finding) {
+}  // namespace
+
+bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Finding &finding) {
   finding = Finding{};
   if (rule.flags == 0) return true;
   Explaining explaining{finding};
   return rule_holds(rule, facts, mark, explaining);
+}
+
+namespace {
+
+// The packet's value for a segment's kind, or false when the packet has
+// none (then no sibling of the segment can match).
+CLFY_HOT bool packet_key(PacketFacts &f, const Segment &segment, std::uint32_t &key) {
+  if (!(f.read & kReadNetwork)) read_network(f);
+  switch (segment.kind) {
+    case SegmentKind::kSource4:
+      if (f.family != kFamilyIpv4) return false;
+      key = load_net32(f.ip + 12) & segment.mask;
+      return true;
+    case SegmentKind::kDest4:
+      if (f.family != kFamilyIpv4) return false;
+      key = load_net32(f.ip + 16) & segment.mask;
+      return true;
+    case SegmentKind::kDport:
+      if (!f.family) return false;
+      need_transport(f);
+      if (!(f.readable & kHasDport)) return false;
+      key = f.dport;
+      return true;
+    case SegmentKind::kProto:
+      if (!f.family || (f.family == kFamilyIpv6 && f.hop_unreadable)) return false;
+      key = f.proto;
+      return true;
+  }
+  return false;
+}
+
+// The applying rule among the siblings of `segment` whose value is the
+// packet's, tried in list order; null when none applies.
+nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts) {
+  std::uint32_t key;
+  if (!packet_key(facts, segment, key)) return nullptr;
+  const IndexEntry *end = segment.entries + segment.count;
+  const IndexEntry *e = std::lower_bound(static_cast<const IndexEntry *>(segment.entries), end, key,
+                                         [](const IndexEntry &entry, std::uint32_t k) { return entry.key < k; });
+  for (; e != end && e->key == key; ++e) {
+    nuv_clfy *rule = e->rule;
+    if (!applies(*rule, facts, 0)) continue;
+    if (!rule->children) return rule;
+    if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
+  const ListIndex *index = rule ? list_index(rule) : nullptr;
+  const Segment *segment = index ? index->segments : nullptr;
+  const Segment *segments_end = index ? index->segments + index->segment_count : nullptr;
+  while (rule) {
+    if (segment != segments_end && rule == segment->start) {
+      if (nuv_clfy *found = first_in_segment(*segment, facts)) return found;
+      rule = segment->after;
+      ++segment;
+      continue;
+    }
+    if (applies(*rule, facts, 0)) {
+      if (!rule->children) return rule;
+      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
+    }
+    rule = rule->next;
+  }
+  return nullptr;
 }
 
 }  // namespace dp::clfy
@@ -478,5 +601,5 @@ bool rule_explained(const nuv_clfy &rule, const PacketFacts &facts, std::uint32_
 extern "C" int nuv_clfy_matches(nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t, uint32_t mark) {
   dp::clfy::PacketFacts facts;
   dp::clfy::read_packet(*packet, facts);
-  return dp::clfy::rule_applies(*rule, facts, mark) ? 1 : 0;
+  return dp::clfy::applies(*rule, facts, mark) ? 1 : 0;
 }

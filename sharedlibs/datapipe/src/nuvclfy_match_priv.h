@@ -14,30 +14,36 @@
 
 namespace dp::clfy {
 
-// What a packet offers the conditions, read once per call.
+// What a packet offers the conditions, read once per call and only as far
+// as the rules tried need it: the network layer when the first rule with an
+// IP condition is tried, the transport words when the first port or flag
+// condition is.
 struct PacketFacts {
   const nuv_clfy_packet *desc;
   const std::uint8_t *ip;   // the IP header when family is 4 or 6
   std::uint32_t available;  // bytes readable from ip on
+  std::uint32_t transport;  // offset of the transport header from ip
+  std::uint8_t read;        // kRead* bits: which parts below are filled in
   std::uint8_t family;      // 4 or 6; 0 when no IP condition can hold
-  std::uint8_t version;     // high nibble of the first byte
   std::uint8_t proto;       // IPv4 protocol; IPv6 next header behind one hop-by-hop header
-  std::uint8_t tos;         // type of service / traffic class byte
   bool hop_unreadable;      // IPv6 hop-by-hop header with nothing readable after the fixed header
   std::uint8_t readable;    // kHas* bits: which transport words lie inside the packet
   std::uint16_t sport, dport;
   std::uint16_t tcp_word;   // 16-bit word at offset 12 of the transport header
-  std::uint32_t length;     // the ip.len value: IPv4 total length, IPv6 payload length + 40
-  std::uint32_t transport;  // offset of the transport header from ip
-  std::uint32_t declared;   // IPv6 payload length (packet payload bound)
 };
+
+inline constexpr std::uint8_t kReadNetwork = 1;
+inline constexpr std::uint8_t kReadTransport = 2;
 
 inline constexpr std::uint8_t kHasSport = 1;
 inline constexpr std::uint8_t kHasDport = 2;
 inline constexpr std::uint8_t kHasTcpWord = 4;
 
-// Reads the packet descriptor's fields into `facts`.
-void read_packet(const nuv_clfy_packet &packet, PacketFacts &facts);
+// Starts the record of `packet`: nothing of the packet is read yet.
+inline void read_packet(const nuv_clfy_packet &packet, PacketFacts &facts) {
+  facts.desc = &packet;
+  facts.read = 0;
+}
 
 // The conditions as the sequence names them, in the order it tests them.
 enum class Cond : std::uint8_t {
@@ -101,12 +107,55 @@ struct Finding {
   const std::uint8_t *bytes = nullptr;  // an address or MAC of the packet
 };
 
-// Whether `rule` matches the packet; counts the hit and learns DHCP clients
-// as nuv_clfy_matches does.
-bool rule_applies(nuv_clfy &rule, const PacketFacts &facts, std::uint32_t mark);
-
 // The same verdict without counting or learning; a miss fills `finding`.
-bool rule_explained(const nuv_clfy &rule, const PacketFacts &facts, std::uint32_t mark, Finding &finding);
+bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Finding &finding);
+
+// The first rule of the list `rule` (and its siblings) that applies to the
+// packet, searching sub-rules of matching rules (a rule with sub-rules is
+// never the result itself); null when none applies.
+nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts);
+
+// ---- Value lookup among siblings of an optimised tree ----
+
+// The exact value a run of siblings is looked up by.
+enum class SegmentKind : std::uint8_t { kSource4, kDest4, kDport, kProto };
+
+struct IndexEntry {
+  std::uint32_t key;       // the sibling's value (addresses: network-order bytes in memory order)
+  std::uint32_t position;  // place in the segment, for first-match order among equal values
+  nuv_clfy *rule;
+};
+
+// A run of consecutive siblings from `start` up to (not including) `after`.
+struct Segment {
+  nuv_clfy *start;
+  nuv_clfy *after;
+  SegmentKind kind;
+  std::uint32_t mask;  // the addresses' common mask
+  IndexEntry *entries; // sorted by key, then position
+  std::uint32_t count;
+};
+
+// The segments of one list, in list order.
+struct ListIndex {
+  ListIndex *chain;
+  const nuv_clfy *head;
+  std::uint32_t head_id;
+  std::uint32_t segment_count;
+  Segment *segments;
+  IndexEntry *entries;
+};
+
+// Builds the indexes of the list at `head` and of every sub-list below it
+// (replacing older ones).  A list without a long run gets none; so does
+// one whose index cannot be allocated.
+void index_tree(nuv_clfy *head);
+
+// Drops the index of the list whose first rule is `head`, if any.
+void forget_list_index(const nuv_clfy *head);
+
+// The index of the list whose first rule is `head`, or null.
+const ListIndex *list_index(const nuv_clfy *head);
 
 }  // namespace dp::clfy
 

@@ -7,6 +7,7 @@
 #include "dp_portrange.h"
 #include "dp_wire.h"
 #include "nuvclfy.h"
+#include "nuvclfy_match_priv.h"
 #include "nuvclfy_priv.h"
 
 namespace {
@@ -304,5 +305,7 @@ extern "C" int nuv_clfy_set_optim(nuv_clfy_set *src, nuv_clfy_set *dst) {
   if (result < 0) return -1;
   dst->head = tree;
   nuv_clfy_set_walk(dst, set_owner, dst);
+  // Long runs of siblings that differ in one exact value are looked up.
+  dp::clfy::index_tree(dst->head);
   return 0;
 }

@@ -5,6 +5,7 @@
 #include "dp_bytes.h"
 #include "dp_wire.h"
 #include "nuvclfy.h"
+#include "nuvclfy_match_priv.h"
 #include "nuvclfy_priv.h"
 
 namespace dp::clfy {
@@ -50,6 +51,7 @@ std::uint32_t next_rule_id() { return ++last_rule_id; }
 
 void release_rule(nuv_clfy *rule) {
   if (!rule) return;
+  forget_list_index(rule);
   free_owned_parts(rule);
   CLFY_FREE(rule);
 }
@@ -183,6 +185,7 @@ int nuv_clfy_add_packetmatch(nuv_clfy *rule, const char *pattern) {
 
 nuv_clfy_set *nuv_clfy_add_head(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule) return set;
+  if (set->head) dp::clfy::forget_list_index(set->head);
   rule->owner = set;
   rule->next = set->head;
   set->head = rule;
@@ -191,6 +194,7 @@ nuv_clfy_set *nuv_clfy_add_head(nuv_clfy_set *set, nuv_clfy *rule) {
 
 void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule) return;
+  if (set->head) dp::clfy::forget_list_index(set->head);
   rule->owner = set;
   nuv_clfy **link = &set->head;
   while (*link) link = &(*link)->next;
@@ -199,6 +203,7 @@ void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) {
 
 int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule || !set->head) return -1;
+  dp::clfy::forget_list_index(set->head);
   for (nuv_clfy **link = &set->head; *link; link = &(*link)->next) {
     nuv_clfy *found = *link;
     if (found->id != rule->id) continue;

@@ -8,22 +8,11 @@ namespace {
 
 int g_debug_flag;
 
-// First rule of the list `rule` (and its siblings) that applies.  A matching
-// rule with sub-rules only narrows the search: it is never the result itself.
-nuv_clfy *first_applying(nuv_clfy *rule, const dp::clfy::PacketFacts &facts) {
-  for (; rule; rule = rule->next) {
-    if (!dp::clfy::rule_applies(*rule, facts, 0)) continue;
-    if (!rule->children) return rule;
-    if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
-  }
-  return nullptr;
-}
-
 // The packet's fields are read once for the whole search.
 nuv_clfy *search(nuv_clfy_set *set, const nuv_clfy_packet &packet) {
   dp::clfy::PacketFacts facts;
   dp::clfy::read_packet(packet, facts);
-  return first_applying(set->head, facts);
+  return dp::clfy::first_applying(set->head, facts);
 }
 
 int walk(nuv_clfy *rule, int depth, nuv_clfy_walk_callback callback, void *arg) {

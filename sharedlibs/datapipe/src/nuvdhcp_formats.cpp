@@ -55,3 +55,5 @@ static_assert(kFormatTable[200].code == 200);
 const FormatRow &option_format_row(std::uint8_t code) { return kFormatTable[code]; }
 
 }  // namespace dp::dhcp
+
+extern "C" const char *dhcp_option_format(uint8_t code) { return dp::dhcp::option_format(code); }

@@ -85,6 +85,17 @@ NIKERKIOG_API int dhcp_parse_option_buffer(const dhcp_memops *memops, const unsi
 NIKERKIOG_API int dhcp_parse_options(const dhcp_memops *memops, const unsigned char *msg, int32_t msglen,
                                      dhcp_options store);
 
+/* ---- Option formats ---- */
+
+/* The value format of option `code` in the library's option format table,
+ * the table option construction and matching go by: "I" one IPv4 address,
+ * "IA" a list of addresses, "IIA" a list of address pairs, "l" signed
+ * 32-bit, "L" unsigned 32-bit, "S" unsigned 16-bit, "SA" a list of 16-bit
+ * values, "B" unsigned 8-bit, "BA" a list of bytes, "f" a flag byte, "t"
+ * text, "X" opaque bytes, "e" the end mark (255), "" for the pad (0).
+ * Numbers are big-endian on the wire.  Static text, never null. */
+NIKERKIOG_API const char *dhcp_option_format(uint8_t code);
+
 /* ---- Option construction ---- */
 
 struct dhcpoptions; /* a configured option record, nuvdhcpcfg.h */
