@@ -85,7 +85,7 @@ fuzz: deps $(BUILD)/fuzz/build.ninja
 	@for t in $(FUZZ_TARGETS); do \
 	  echo "=== fuzz_$$t: $(FUZZ_SECONDS) s"; \
 	  mkdir -p $(BUILD)/fuzz/corpus/$$t; \
-	  if $(BUILD)/fuzz/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -jobs=1 -workers=1 -print_final_stats=1 \
+	  if $(BUILD)/fuzz/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
 	       -artifact_prefix=$(BUILD)/fuzz/artifacts/$$t- \
 	       $(BUILD)/fuzz/corpus/$$t fuzz/corpus/$$t > $(BUILD)/fuzz/$$t.log 2>&1; then \
 	    grep -E '^#[0-9]+ +DONE|^stat::(number_of_executed_units|average_exec_per_sec)' $(BUILD)/fuzz/$$t.log; \
