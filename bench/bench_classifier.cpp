@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "nikerkiog.h"
+#include "pcap_file.h"
 
 namespace {
 
@@ -32,36 +33,6 @@ std::string captures_dir() { return NIKERKIOG_CAPTURES_DIR "/"; }
 const char *const kCaptures[] = {"ipv4_tcp_http_xml.pcap", "dns_udp.pcap",         "dhcp-rfc3004.pcap",
                                  "icmpv6.pcap",            "tcp-handshake-nano.pcap", "ipv6-routing-header.pcap",
                                  "IGMP_V2.pcap",           "dns-badcookie.pcap",   "igmpv3-queries.pcap"};
-
-std::uint32_t read32(const std::uint8_t *p, bool swap) {
-  std::uint32_t v;
-  std::memcpy(&v, p, 4);
-  return swap ? __builtin_bswap32(v) : v;
-}
-
-struct Frame {
-  std::vector<std::uint8_t> bytes;
-  std::uint32_t link_type;
-};
-
-// Frames of a classic pcap file (either byte order).
-std::vector<Frame> read_pcap(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<Frame> frames;
-  if (file.size() < 24) return frames;
-  const std::uint32_t magic = read32(file.data(), false);
-  const bool swap = magic == 0xd4c3b2a1u || magic == 0x4d3cb2a1u;
-  const std::uint32_t link = read32(file.data() + 20, swap);
-  for (std::size_t at = 24; at + 16 <= file.size();) {
-    const std::uint32_t caplen = read32(file.data() + at + 8, swap);
-    at += 16;
-    if (at + caplen > file.size()) break;
-    frames.push_back({std::vector<std::uint8_t>(file.begin() + at, file.begin() + at + caplen), link});
-    at += caplen;
-  }
-  return frames;
-}
 
 struct Packet {
   std::vector<std::uint8_t> frame;
@@ -109,11 +80,17 @@ const std::vector<Packet> &packets() {
   if (!mix.empty()) return mix;
   std::uint32_t dev = 0;
   for (const char *name : kCaptures) {
-    for (Frame &f : read_pcap(captures_dir() + name)) {
+    testsupport::Capture capture;
+    const std::string error = testsupport::read_pcap_file(captures_dir() + name, capture);
+    if (!error.empty()) {
+      std::fprintf(stderr, "bench_classifier: %s\n", error.c_str());
+      std::exit(1);
+    }
+    for (testsupport::CapturedPacket &f : capture.packets) {
       Packet p;
-      p.frame = std::move(f.bytes);
+      p.frame = std::move(f.data);
       mix.push_back(std::move(p));
-      if (!describe(mix.back(), f.link_type, 1 + dev++ % 4)) mix.pop_back();
+      if (!describe(mix.back(), capture.link_type, 1 + dev++ % 4)) mix.pop_back();
     }
   }
   // Descriptors point into the frames' heap buffers, which moving a frame

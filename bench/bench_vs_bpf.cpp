@@ -272,13 +272,13 @@ void check_one_rule(const OneRule &c, const std::vector<Frame> &frames, const st
   nuv_clfy_free(rule);
 }
 
-#endif  // NIKERKIOG_BENCH_PCAP
-
 void print_ratio_row(const char *measure, double reference, const char *unit, double classifier, double goal) {
   const double ratio = reference / classifier;
   std::printf("| %-44s | %9.2f %-3s | %9.2f %-3s | %7.2fx | %s%.0fx\n", measure, reference, unit, classifier, unit,
               ratio, ratio >= goal ? "met, goal " : "goal ", goal);
 }
+
+#endif  // NIKERKIOG_BENCH_PCAP
 
 }  // namespace
 

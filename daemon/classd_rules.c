@@ -35,13 +35,20 @@ static void add_error(struct classd_load_error *error, const char *format, ...) 
   error->length += (size_t)length;
 }
 
-/* Parses one rule's text.  On failure stores the 0-based offset of the
- * fault within `text` and the reason.  This is the one place that calls the
- * classifier's parser. */
-static int parse_rule(const char *text, nuv_clfy **rule, uint32_t *offset, const char **reason) {
-  if (nuv_clfy_parse(text, rule) == 0) return 0;
-  *offset = 0;
-  *reason = "the classifier refuses this rule";
+/* Parses one rule's text through the classifier's diagnostic parser.  On
+ * failure stores the 0-based offset of the fault within `text` and the
+ * reason, led by the keyword involved when the reason does not name it. */
+static int parse_rule(const char *text, nuv_clfy **rule, uint32_t *offset, char *reason, size_t size) {
+  nuv_clfy_diag diag;
+  const char *why;
+  memset(&diag, 0, sizeof diag);
+  if (nuv_clfy_parse_with_diag(text, rule, &diag) == 0) return 0;
+  why = diag.reason && diag.reason[0] ? diag.reason : nuv_clfy_strerror(diag.code);
+  *offset = diag.offset;
+  if (diag.keyword[0] && !strstr(why, diag.keyword))
+    snprintf(reason, size, "%.*s: %s", (int)sizeof diag.keyword, diag.keyword, why);
+  else
+    snprintf(reason, size, "%s", why);
   return -1;
 }
 
@@ -150,7 +157,7 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
   struct classd_rule entry;
   nuv_clfy *rule = NULL;
   uint32_t offset, index = (uint32_t)rules->count;
-  const char *reason;
+  char reason[160];
   long slot;
   memset(&entry, 0, sizeof entry);
   entry.line = number;
@@ -163,7 +170,7 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
     return LOAD_STOPPED;
   }
   entry.slot = (uint32_t)slot;
-  if (parse_rule(entry.text, &rule, &offset, &reason) != 0) {
+  if (parse_rule(entry.text, &rule, &offset, reason, sizeof reason) != 0) {
     free(entry.text);
     add_error(error, "%s:%u:%zu: %s", path, number, split->first + offset + 1, reason);
     return LINE_WRONG;

@@ -11,28 +11,23 @@
 
 #include <gtest/gtest.h>
 
+#include "clfy_rule_ptr.h"
 #include "nikerkiog.h"
 
 namespace clfytest {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct RuleDeleter {
-  void operator()(nuv_clfy *rule) const { nuv_clfy_free(rule); }
-};
-using Rule = std::unique_ptr<nuv_clfy, RuleDeleter>;
+using Rule = testsupport::ClfyRulePtr;
 
 // The rule parsed from `text`, or null when the parser refuses it.
-inline Rule parse(const std::string &text) {
-  nuv_clfy *rule = nullptr;
-  if (nuv_clfy_parse(text.c_str(), &rule) != 0) return Rule();
-  return Rule(rule);
-}
+inline Rule parse(const std::string &text) { return testsupport::parse_clfy_rule(text.c_str()); }
 
+// The parser's result code for `text` (a parsed rule is freed again).
 inline int parse_result(const std::string &text) {
   nuv_clfy *rule = nullptr;
   const int rc = nuv_clfy_parse(text.c_str(), &rule);
-  if (rc == 0) nuv_clfy_free(rule);
+  const Rule owned(rc == 0 ? rule : nullptr);
   return rc;
 }
 

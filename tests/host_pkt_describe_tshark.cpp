@@ -63,23 +63,8 @@ std::map<std::size_t, Row> tshark_rows(const std::string &capture) {
 
 // Protocol names as the registry copy has them, with the library's
 // exceptions written out here independently.
-std::map<int, std::string> registry_names() {
-  std::map<int, std::string> names;
-  std::istringstream in(testsupport::read_text_file(testsupport::data_path("iana-protocol-numbers.csv")));
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::string number = line.substr(0, line.find(','));
-    if (number.find('-') != std::string::npos) continue;
-    std::size_t open = line.find('"');
-    std::size_t close = line.find('"', open + 1);
-    names[std::stoi(number)] = line.substr(open + 1, close - open - 1);
-  }
-  return names;
-}
-
 std::string expected_protocol_word(int proto) {
-  static const std::map<int, std::string> registry = registry_names();
+  const std::map<int, std::string> &registry = testsupport::iana_protocol_keywords();
   if (proto == 255 || proto == 4) return "IP";
   if (proto == 58) return "ICMPv6";
   if (proto == 94) return "IPIP";

@@ -70,13 +70,11 @@ class ClfyClone : public ::testing::Test {
 TEST_F(ClfyClone, CloneOfARuleWithADhcpConditionHasOneMoreDestinationPort) {
   Rule rule;
   rule.dport(NUV_CLFY_OP_EQ, 68);
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.r, 60, 0, 0, "MSFT*", "clients"), 0);
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "MSFT*", "clients"), 0);
   // The rule now holds 68 and the 67 of its condition.
-  Rule copy;
-  nuv_clfy_free(copy.r);
-  copy.r = nuv_clfy_clone(rule);
-  ASSERT_NE(copy.r, nullptr);
-  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{1, 68, 0}, {1, 67, 0}, {1, 67, 0}}));
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ASSERT_NE(copy.get(), nullptr);
+  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{NUV_CLFY_OP_EQ, 68, 0}, {NUV_CLFY_OP_EQ, 67, 0}, {NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyClone, CloneOfOnePortAndADhcpConditionHasTwoPortsAFreshIdAndNoLinks) {
@@ -86,31 +84,29 @@ TEST_F(ClfyClone, CloneOfOnePortAndADhcpConditionHasTwoPortsAFreshIdAndNoLinks) 
   nuv_clfy sibling{}, child{};
   rule->next = &sibling;
   rule->children = &child;
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->dports.count, 2u);
   EXPECT_GT(copy->id, rule->id);
   EXPECT_EQ(copy->next, nullptr);
   EXPECT_EQ(copy->children, nullptr);
   rule->next = nullptr;
   rule->children = nullptr;
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, CloneTakesTheNextId) {
   Rule rule;
-  nuv_clfy *copy = nuv_clfy_clone(rule);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
   Rule after;
   EXPECT_EQ(after->id, copy->id + 1);
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, CloneKeepsEveryNonOwnedField) {
   nuv_clfy_set set{};
   Rule rule;
   fill_everything(rule, &set);
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->owner, &set);
   EXPECT_EQ(copy->flags, rule->flags);
   EXPECT_EQ(copy->dev_ifindex, 3);
@@ -129,7 +125,7 @@ TEST_F(ClfyClone, CloneKeepsEveryNonOwnedField) {
   EXPECT_EQ(std::memcmp(&copy->ip_saddr, &rule->ip_saddr, 16), 0);
   EXPECT_EQ(copy->ip_saddr_family, 4);
   EXPECT_EQ(std::memcmp(&copy->ip_daddr, &rule->ip_daddr, 16), 0);
-  EXPECT_EQ(copy->ip_len.op, 4u);
+  EXPECT_EQ(copy->ip_len.op, NUV_CLFY_OP_LE);
   EXPECT_EQ(copy->ip_len.value1, 1500);
   EXPECT_EQ(copy->ipdsttab, rule->ipdsttab);
   EXPECT_EQ(copy->tcp_flags, rule->tcp_flags);
@@ -141,14 +137,13 @@ TEST_F(ClfyClone, CloneKeepsEveryNonOwnedField) {
   EXPECT_EQ(copy->result, 9);
   copy->owner = nullptr;
   rule->owner = nullptr;
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, CloneHasItsOwnCopyOfEveryOwnedPart) {
   Rule rule;
   fill_everything(rule, nullptr);
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ASSERT_NE(copy.get(), nullptr);
   ASSERT_NE(copy->localmark, nullptr);
   EXPECT_NE(copy->localmark, rule->localmark);
   EXPECT_EQ(std::memcmp(copy->localmark, rule->localmark, 128), 0);
@@ -168,43 +163,39 @@ TEST_F(ClfyClone, CloneHasItsOwnCopyOfEveryOwnedPart) {
   ASSERT_NE(copy->packetmatch, nullptr);
   EXPECT_NE(copy->packetmatch, rule->packetmatch);
   EXPECT_STREQ(copy->packetmatch, "*GET*");
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, CloneAgreesWithTheOriginalOnEveryConditionButTheDhcpPorts) {
   Rule rule;
   fill_everything(rule, nullptr);
-  nuv_clfy *copy = nuv_clfy_clone(rule);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
   const uint32_t all_but_ports_and_dhcp = 0xffffffffu & ~(NUV_CLFY_F_DPORTS | NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH);
-  EXPECT_EQ(nuv_clfy_cmp(rule, copy, all_but_ports_and_dhcp), 0);
-  EXPECT_EQ(nuv_clfy_cmp(rule, copy, NUV_CLFY_F_DPORTS), -1);
-  EXPECT_EQ(nuv_clfy_cmp(rule, copy, NUV_CLFY_F_PACKETMATCH), 1);
-  nuv_clfy_free(copy);
+  EXPECT_EQ(nuv_clfy_cmp(rule, copy.get(), all_but_ports_and_dhcp), 0);
+  EXPECT_EQ(nuv_clfy_cmp(rule, copy.get(), NUV_CLFY_F_DPORTS), -1);
+  EXPECT_EQ(nuv_clfy_cmp(rule, copy.get(), NUV_CLFY_F_PACKETMATCH), 1);
 }
 
 TEST_F(ClfyClone, CloneOfARuleWithoutDhcpComparesEqualUnderEveryMaskButPacketmatch) {
   Rule rule;
   rule.dev("eth1").proto(6).dport(NUV_CLFY_OP_EQ, 80).dport(NUV_CLFY_OP_EQ, 443).vlan(NUV_CLFY_OP_EQ, 7);
-  nuv_clfy *copy = nuv_clfy_clone(rule);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
   for (uint32_t bit = 1; bit; bit <<= 1) {
     if (bit == NUV_CLFY_F_PACKETMATCH) continue;
-    EXPECT_EQ(nuv_clfy_cmp(rule, copy, bit), 0) << std::hex << bit;
+    EXPECT_EQ(nuv_clfy_cmp(rule, copy.get(), bit), 0) << std::hex << bit;
   }
-  EXPECT_EQ(nuv_clfy_cmp(rule, copy, 0xffffffffu & ~NUV_CLFY_F_PACKETMATCH), 0);
-  nuv_clfy_free(copy);
+  EXPECT_EQ(nuv_clfy_cmp(rule, copy.get(), 0xffffffffu & ~NUV_CLFY_F_PACKETMATCH), 0);
 }
 
 TEST_F(ClfyClone, CloneOfAnEmptyRuleIsEmpty) {
   Rule rule;
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->flags, 0u);
   EXPECT_EQ(copy->ip_proto, 255);
   EXPECT_EQ(copy->localmark, nullptr);
   EXPECT_EQ(copy->vlan_ids.entries, nullptr);
   EXPECT_EQ(copy->dhcp, nullptr);
   EXPECT_EQ(copy->packetmatch, nullptr);
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, PatternThatCannotBeCopiedLeavesTheCloneWithoutIt) {
@@ -214,13 +205,12 @@ TEST_F(ClfyClone, PatternThatCannotBeCopiedLeavesTheCloneWithoutIt) {
     rule.proto(6).dport(NUV_CLFY_OP_EQ, 80).packetmatch("*GET*");
     // Allocations: record, destination ports, pattern.
     nuvcsock_fail_nth_allocation(3);
-    nuv_clfy *copy = nuv_clfy_clone(rule);
+    testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
     nuvcsock_fail_nth_allocation(0);
-    ASSERT_NE(copy, nullptr);
+    ASSERT_NE(copy.get(), nullptr);
     EXPECT_EQ(copy->packetmatch, nullptr);
     EXPECT_TRUE(copy->flags & NUV_CLFY_F_PACKETMATCH);
     EXPECT_EQ(copy->dports.count, 1u);
-    nuv_clfy_free(copy);
   }
   nuv_clfy_ethersrctab_freeall();
   nuv_clfy_ipdsttab_freeall();
@@ -239,12 +229,11 @@ TEST_F(ClfyClone, CloneFailsAtEveryAllocationWithNullNothingLeakedAndNoIdUsed) {
     Rule before;
     const uint32_t previous_id = before->id;
     nuvcsock_fail_nth_allocation(n);
-    nuv_clfy *copy = nuv_clfy_clone(rule);
+    testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
     nuvcsock_fail_nth_allocation(0);
-    if (copy) {
+    if (copy.get()) {
       EXPECT_EQ(copy->id, previous_id + 1);
       copy->owner = nullptr;
-      nuv_clfy_free(copy);
       break;
     }
     Rule after;
@@ -266,17 +255,16 @@ TEST_F(ClfyClone, CloneOfNullIsNull) {
 TEST_F(ClfyClone, RestrictedCloneKeepsOnlyTheMaskedPresenceBits) {
   Rule rule;
   rule.dev("eth0").proto(6).saddr4("10.0.0.0", "255.0.0.0").sport(NUV_CLFY_OP_EQ, 1);
-  nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DEV | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_ETH_PROTO);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DEV | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_ETH_PROTO));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->flags, NUV_CLFY_F_DEV | NUV_CLFY_F_IP_PROTO);
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, RestrictedCloneCopiesScalarFieldsWhateverTheMask) {
   Rule rule;
   rule.dev("eth0").proto(6).saddr4("10.0.0.0", "255.0.0.0").tos(0x20, 0xfc).icmp_type(3);
-  nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, 0);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, 0));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->flags, 0u);
   EXPECT_STREQ(copy->dev, "eth0");
   EXPECT_EQ(copy->ip_proto, 6);
@@ -285,14 +273,13 @@ TEST_F(ClfyClone, RestrictedCloneCopiesScalarFieldsWhateverTheMask) {
   EXPECT_EQ(copy->ip_tos, 0x20);
   EXPECT_EQ(copy->icmp_type, 3);
   EXPECT_NE(copy->id, rule->id);
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, RestrictedCloneLeavesOwnedPartsOutsideTheMaskEmpty) {
   Rule rule;
   fill_everything(rule, nullptr);
-  nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DEV | NUV_CLFY_F_IP_PROTO);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DEV | NUV_CLFY_F_IP_PROTO));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->localmark, nullptr);
   EXPECT_EQ(copy->vlan_ids.entries, nullptr);
   EXPECT_EQ(copy->vlan_ids.count, 0u);
@@ -302,7 +289,6 @@ TEST_F(ClfyClone, RestrictedCloneLeavesOwnedPartsOutsideTheMaskEmpty) {
   EXPECT_EQ(copy->dports.count, 0u);
   EXPECT_EQ(copy->dhcp, nullptr);
   EXPECT_EQ(copy->packetmatch, nullptr);
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, RestrictedCloneCopiesEachOwnedPartWhoseBitIsInTheMask) {
@@ -313,8 +299,8 @@ TEST_F(ClfyClone, RestrictedCloneCopiesEachOwnedPartWhoseBitIsInTheMask) {
       {NUV_CLFY_F_DPORTS, "dports"},       {NUV_CLFY_F_DHCP, "dhcp"},     {NUV_CLFY_F_PACKETMATCH, "packetmatch"}};
   for (const auto &[bit, name] : parts) {
     SCOPED_TRACE(name);
-    nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, bit);
-    ASSERT_NE(copy, nullptr);
+    testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, bit));
+    ASSERT_NE(copy.get(), nullptr);
     EXPECT_EQ(copy->localmark != nullptr, bit == NUV_CLFY_F_LOCALMARK);
     EXPECT_EQ(copy->vlan_ids.count != 0, bit == NUV_CLFY_F_VLAN_ID);
     EXPECT_EQ(copy->sports.count != 0, bit == NUV_CLFY_F_SPORTS);
@@ -322,29 +308,26 @@ TEST_F(ClfyClone, RestrictedCloneCopiesEachOwnedPartWhoseBitIsInTheMask) {
     EXPECT_EQ(copy->packetmatch != nullptr, bit == NUV_CLFY_F_PACKETMATCH);
     // Destination ports come with the DHCP condition too.
     EXPECT_EQ(copy->dports.count != 0, bit == NUV_CLFY_F_DPORTS || bit == NUV_CLFY_F_DHCP);
-    nuv_clfy_free(copy);
   }
 }
 
 TEST_F(ClfyClone, RestrictedCloneWithTheDhcpBitSetsTheProtocolAndPortBitsAgain) {
   Rule rule;
   rule.dport(NUV_CLFY_OP_EQ, 68).dhcp(60, 0, 0, "MSFT*", "clients");
-  nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DHCP);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DHCP));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->flags, NUV_CLFY_F_DHCP | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS);
   EXPECT_EQ(copy->ip_proto, 17);
   // Only the condition's own entry: the original port list was not copied.
-  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{1, 67, 0}}));
-  nuv_clfy_free(copy);
+  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyClone, RestrictedCloneWithDhcpAndPortBitsAppendsPort67ToTheCopiedPorts) {
   Rule rule;
   rule.dport(NUV_CLFY_OP_EQ, 68).dhcp(60, 0, 0, "MSFT*", "clients");
-  nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DHCP | NUV_CLFY_F_DPORTS);
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{1, 68, 0}, {1, 67, 0}, {1, 67, 0}}));
-  nuv_clfy_free(copy);
+  testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, NUV_CLFY_F_DHCP | NUV_CLFY_F_DPORTS));
+  ASSERT_NE(copy.get(), nullptr);
+  EXPECT_EQ(entries_of(copy->dports), (std::vector<Entry>{{NUV_CLFY_OP_EQ, 68, 0}, {NUV_CLFY_OP_EQ, 67, 0}, {NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyClone, RestrictedCloneFailsAtEveryAllocationWithNullAndNothingLeaked) {
@@ -356,11 +339,10 @@ TEST_F(ClfyClone, RestrictedCloneFailsAtEveryAllocationWithNullAndNothingLeaked)
   for (;; ++n) {
     NoLeakGuard guard;
     nuvcsock_fail_nth_allocation(n);
-    nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, mask);
+    testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, mask));
     nuvcsock_fail_nth_allocation(0);
-    if (copy) {
+    if (copy.get()) {
       EXPECT_EQ(copy->flags, (rule->flags & mask) | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS);
-      nuv_clfy_free(copy);
       break;
     }
     ASSERT_LT(n, 30);
@@ -374,18 +356,17 @@ TEST_F(ClfyClone, CloneLearnsIntoTheSameTableAsTheOriginal) {
   rule.dhcp(60, 0, 0, "x", "learn");
   ethersrctab *original = nuv_clfy_ethersrctab_find("learn");
   ASSERT_NE(original, nullptr);
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  ASSERT_NE(copy, nullptr);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ASSERT_NE(copy.get(), nullptr);
   EXPECT_EQ(copy->dhcp->ethsrctab, original);
-  nuv_clfy_free(copy);
 }
 
 TEST_F(ClfyClone, EveryCloneAllocationIsTaggedWithTheClassifierSourcePath) {
   Rule rule;
   fill_everything(rule, nullptr);
   const long before = nuvcsock_slab_live_blocks();
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  nuv_clfy *part = nuv_clfy_checkflag_clone(rule, 0xffffffffu);
+  testsupport::ClfyRulePtr copy(nuv_clfy_clone(rule));
+  testsupport::ClfyRulePtr part(nuv_clfy_checkflag_clone(rule, 0xffffffffu));
   std::vector<std::string> tags;
   nuvcsock_slab_foreach_live(
       [](const char *file, int line, size_t, void *ctx) {
@@ -395,8 +376,6 @@ TEST_F(ClfyClone, EveryCloneAllocationIsTaggedWithTheClassifierSourcePath) {
   EXPECT_EQ(static_cast<long>(tags.size()), nuvcsock_slab_live_blocks());
   EXPECT_GT(nuvcsock_slab_live_blocks(), before);
   for (const std::string &tag : tags) EXPECT_EQ(tag, "sharedlibs/datapipe/nuvclfy");
-  nuv_clfy_free(part);
-  nuv_clfy_free(copy);
 }
 
 // ---- Random rules ----
@@ -407,17 +386,17 @@ TEST_F(ClfyClone, RandomRestrictedClonesKeepTheMaskedConditionsAndShareNoMemory)
     Rule rule;
     testsupport::randomise_rule(rule, random);
     const uint32_t mask = random() % 4 == 0 ? 0xffffffffu : static_cast<uint32_t>(random());
-    nuv_clfy *copy = nuv_clfy_checkflag_clone(rule, mask);
-    ASSERT_NE(copy, nullptr);
+    testsupport::ClfyRulePtr copy(nuv_clfy_checkflag_clone(rule, mask));
+    ASSERT_NE(copy.get(), nullptr);
     const bool dhcp_copied = rule->dhcp && (mask & NUV_CLFY_F_DHCP);
     const uint32_t dhcp_bits = dhcp_copied ? NUV_CLFY_F_DHCP | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS : 0;
     ASSERT_EQ(copy->flags, (rule->flags & mask) | dhcp_bits) << "round " << round;
     // The kept conditions agree (ports and DHCP aside, which gain port 67;
     // packetmatch answers 1 for equal patterns).
     const uint32_t comparable = mask & ~(NUV_CLFY_F_DPORTS | NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH);
-    ASSERT_EQ(nuv_clfy_cmp(copy, rule, comparable & copy->flags), 0) << "round " << round;
+    ASSERT_EQ(nuv_clfy_cmp(copy.get(), rule, comparable & copy->flags), 0) << "round " << round;
     if (!dhcp_copied && (mask & NUV_CLFY_F_DPORTS)) {
-      ASSERT_EQ(nuv_clfy_cmp(copy, rule, NUV_CLFY_F_DPORTS), 0);
+      ASSERT_EQ(nuv_clfy_cmp(copy.get(), rule, NUV_CLFY_F_DPORTS), 0);
     }
     if (dhcp_copied) {
       ASSERT_EQ(copy->dports.count, ((mask & NUV_CLFY_F_DPORTS) ? rule->dports.count : 0) + 1);
@@ -427,6 +406,5 @@ TEST_F(ClfyClone, RandomRestrictedClonesKeepTheMaskedConditionsAndShareNoMemory)
     ASSERT_TRUE(!copy->sports.entries || copy->sports.entries != rule->sports.entries);
     ASSERT_TRUE(!copy->dports.entries || copy->dports.entries != rule->dports.entries);
     ASSERT_TRUE(!copy->packetmatch || copy->packetmatch != rule->packetmatch);
-    nuv_clfy_free(copy);
   }
 }

@@ -600,9 +600,7 @@ TEST_F(ClfyCmp, RandomRulesCompareLikeAPlainReference) {
     testsupport::randomise_rule(a, random);
     if (random() % 4 == 0) {
       // Same conditions in b, so that deeper rows get compared.
-      nuv_clfy *copy = nuv_clfy_clone(a);
-      nuv_clfy_free(b.r);
-      b.r = copy;
+      b.owned = testsupport::clone_clfy_rule(a);
       if (random() % 2) testsupport::randomise_rule(b, random);
     } else {
       testsupport::randomise_rule(b, random);

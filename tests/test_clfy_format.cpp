@@ -1,6 +1,7 @@
 // Rule text formatter: listing lines and condition texts.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 
 #include "clfy_testing.h"
@@ -246,7 +247,14 @@ TEST_F(ClfyFormat, LongValueListIsCutAt127Characters) {
 
 TEST_F(ClfyFormat, ShowPrintsNothingAndAcceptsAnyRule) {
   auto rule = parse("dev eth0");
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   nuv_clfy_show(0, rule.get());
   nuv_clfy_show(-3, rule.get());
-  SUCCEED();
+  std::fflush(nullptr);
+  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(err, "");
+  EXPECT_EQ(text_of(rule.get(), 0), "  0: dev eth0 => 0");
 }

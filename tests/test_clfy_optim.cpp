@@ -531,17 +531,21 @@ TEST_F(SetOptim, SameDeviceNameResolvedToOtherIndexesIsNoCommonCondition) {
 
 // ---- The grouping table and the comparison it relies on ----
 
-TEST(ClfyGroupingMasks, SevenMasksWithTheSecondRepeatedLast) {
-  const std::uint32_t expected[] = {0x00000021, 0x00020021, 0x01020021, 0x001a0021,
-                                    0x00120021, 0x000a0021, 0x00020021};
+TEST(ClfyGroupingMasks, SixMasksFromDeviceAndEthernetTypeToBothAddresses) {
+  constexpr std::uint32_t kBase = NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO;
+  const std::uint32_t expected[] = {kBase,
+                                    kBase | NUV_CLFY_F_IP_PROTO,
+                                    kBase | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_LEN,
+                                    kBase | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR,
+                                    kBase | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_DADDR,
+                                    kBase | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR};
   ASSERT_EQ(std::size(dp::clfy::kGroupingMasks), std::size(expected));
   for (std::size_t i = 0; i < std::size(expected); ++i) EXPECT_EQ(dp::clfy::kGroupingMasks[i], expected[i]) << i;
-  EXPECT_EQ(dp::clfy::kGroupingMasks[6], dp::clfy::kGroupingMasks[1]);
 }
 
-TEST_F(SetOptim, RepeatedMaskNeverChangesTheGrouping) {
-  // A run sharing only the protocol ties between the second and the last
-  // mask; the parent is the same either way and holds the protocol alone.
+TEST_F(SetOptim, RunSharingOnlyTheProtocolGroupsUnderTheProtocol) {
+  // The run ties between several masks; the earliest, device, Ethernet type
+  // and protocol, wins and the parent holds the protocol alone.
   src.add("ip.proto udp udp.dport 1", 1);
   src.add("ip.proto udp udp.dport 2", 2);
   ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);

@@ -67,35 +67,35 @@ TEST_F(ClfyParse, LineOf255CharactersIsParsed) {
   std::string line = "dev eth0";
   line.append(255 - line.size(), ' ');
   ASSERT_EQ(line.size(), 255u);
-  EXPECT_EQ(parse_result(line), 0);
+  EXPECT_EQ(parse_result(line), NUV_CLFY_E_OK);
 }
 
 TEST_F(ClfyParse, LineOf256CharactersIsRefused) {
   std::string line = "dev eth0";
   line.append(256 - line.size(), ' ');
-  EXPECT_EQ(parse_result(line), -1);
+  EXPECT_EQ(parse_result(line), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, VeryLongLineIsRefused) {
   testsupport::NoLeakGuard guard;
-  EXPECT_EQ(parse_result(std::string(100000, 'a')), -1);
+  EXPECT_EQ(parse_result(std::string(100000, 'a')), NUV_CLFY_E_REFUSED);
 }
 
-TEST_F(ClfyParse, UnknownKeywordIsRefused) { EXPECT_EQ(parse_result("dev eth0 ip.bogus 5"), -1); }
+TEST_F(ClfyParse, UnknownKeywordIsRefused) { EXPECT_EQ(parse_result("dev eth0 ip.bogus 5"), NUV_CLFY_E_REFUSED); }
 
 TEST_F(ClfyParse, UpperCaseKeywordIsRefused) {
-  EXPECT_EQ(parse_result("DEV eth0"), -1);
-  EXPECT_EQ(parse_result("Ip.proto tcp"), -1);
+  EXPECT_EQ(parse_result("DEV eth0"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("Ip.proto tcp"), NUV_CLFY_E_REFUSED);
 }
 
-TEST_F(ClfyParse, LineStartingWithDigitIsRefused) { EXPECT_EQ(parse_result("80"), -1); }
+TEST_F(ClfyParse, LineStartingWithDigitIsRefused) { EXPECT_EQ(parse_result("80"), NUV_CLFY_E_REFUSED); }
 
 TEST_F(ClfyParse, TabIsNoSeparator) {
   // The keyword ends at the tab, but the value runs to the next space.
   auto tabbed = parse("dev\teth0");
   ASSERT_TRUE(tabbed);
   EXPECT_STREQ(tabbed->dev, "\teth0");
-  EXPECT_EQ(parse_result("\tdev eth0"), -1);
+  EXPECT_EQ(parse_result("\tdev eth0"), NUV_CLFY_E_REFUSED);
   auto named = parse("dev eth0\tx");
   ASSERT_TRUE(named);
   EXPECT_STREQ(named->dev, "eth0\tx");
@@ -119,13 +119,13 @@ TEST_F(ClfyParse, EveryRuleGetsAFreshId) {
 TEST_F(ClfyParse, RefusedRuleLeavesResultUntouched) {
   nuv_clfy *sentinel = reinterpret_cast<nuv_clfy *>(0x1234);
   nuv_clfy *result = sentinel;
-  EXPECT_EQ(nuv_clfy_parse("dev eth0 nonsense", &result), -1);
+  EXPECT_EQ(nuv_clfy_parse("dev eth0 nonsense", &result), NUV_CLFY_E_REFUSED);
   EXPECT_EQ(result, sentinel);
 }
 
 TEST_F(ClfyParse, RefusedRuleLeaksNothing) {
   testsupport::NoLeakGuard guard;
-  EXPECT_EQ(parse_result("dev eth0 localmark voice tcp.dport 80,443 packetmatch x* ip.version 5"), -1);
+  EXPECT_EQ(parse_result("dev eth0 localmark voice tcp.dport 80,443 packetmatch x* ip.version 5"), NUV_CLFY_E_REFUSED);
 }
 
 // ---- The keyword table ----
@@ -153,7 +153,7 @@ TEST_F(ClfyParse, HandlerCanBeCalledThroughTheTable) {
   char *end = value;
   const nuv_clfy_keyword *dev = &parsetab[0];
   ASSERT_STREQ(dev->keyword, "dev");
-  EXPECT_EQ(dev->handler(value, &end, rule.get()), 0);
+  EXPECT_EQ(dev->handler(value, &end, rule.get()), NUV_CLFY_E_OK);
   EXPECT_STREQ(rule->dev, "eth3");
   EXPECT_STREQ(end, "rest");
 }
@@ -216,7 +216,7 @@ TEST_F(ClfyParse, LocalmarkMapAllocationFailureRefusesRule) {
   testsupport::NoLeakGuard guard;
   // Allocation 1 is the rule, allocation 2 the class map.
   nuvcsock_fail_nth_allocation(2);
-  EXPECT_EQ(parse_result("localmark voice"), -1);
+  EXPECT_EQ(parse_result("localmark voice"), NUV_CLFY_E_REFUSED);
 }
 
 // ---- Link layer ----
@@ -258,7 +258,7 @@ TEST_F(ClfyParse, EthDestAndDestOui) {
   EXPECT_EQ(oui->eth_dest[2], 0x5e);
 }
 
-TEST_F(ClfyParse, MalformedMacIsRefused) { EXPECT_EQ(parse_result("eth.source 0:11:22:33:44:55"), -1); }
+TEST_F(ClfyParse, MalformedMacIsRefused) { EXPECT_EQ(parse_result("eth.source 0:11:22:33:44:55"), NUV_CLFY_E_REFUSED); }
 
 TEST_F(ClfyParse, VlanIdListWithOperators) {
   auto rule = parse("vlan.id 10,<5,100-200");
@@ -289,13 +289,13 @@ TEST_F(ClfyParse, EthsrctabFindsOrCreatesTheTable) {
 
 TEST_F(ClfyParse, EthsrctabCreationFailureRefusesRule) {
   nuvcsock_fail_nth_allocation(2);
-  EXPECT_EQ(parse_result("ethsrctab t1"), -1);
+  EXPECT_EQ(parse_result("ethsrctab t1"), NUV_CLFY_E_REFUSED);
   nuvcsock_fail_nth_allocation(0);
 }
 
 // ---- IP ----
 
-TEST_F(ClfyParse, IpVersion5IsRefused) { EXPECT_EQ(parse_result("ip.version 5"), -1); }
+TEST_F(ClfyParse, IpVersion5IsRefused) { EXPECT_EQ(parse_result("ip.version 5"), NUV_CLFY_E_REFUSED); }
 
 TEST_F(ClfyParse, IpVersionWithEqualsIsAccepted) {
   auto six = parse("ip.version=6");
@@ -318,7 +318,7 @@ TEST_F(ClfyParse, IpProtoByName) {
 
 TEST_F(ClfyParse, IpProtoBareNumberIsRefused) {
   // Protocol numbers are written "P6"; a bare number is no protocol name.
-  EXPECT_EQ(parse_result("ip.proto 6"), -1);
+  EXPECT_EQ(parse_result("ip.proto 6"), NUV_CLFY_E_REFUSED);
   auto rule = parse("ip.proto P6");
   ASSERT_TRUE(rule);
   EXPECT_EQ(rule->ip_proto, 6);
@@ -330,7 +330,7 @@ TEST_F(ClfyParse, IpProtoTakesOneNameAndContinuesBehindTheComma) {
   EXPECT_EQ(rule->ip_proto, 6);
   EXPECT_STREQ(rule->dev, "eth0");
   // The second protocol is read as a keyword, and "udp" is none.
-  EXPECT_EQ(parse_result("ip.proto tcp,udp"), -1);
+  EXPECT_EQ(parse_result("ip.proto tcp,udp"), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, IpTosDefaultMask) {
@@ -369,7 +369,7 @@ TEST_F(ClfyParse, IpSaddrHandlerStoresHostBits) {
   while (std::strcmp(row->keyword, "ip.saddr") != 0) ++row;
   char value[] = " 10.0.0.1/24";
   char *end = value;
-  ASSERT_EQ(row->handler(value, &end, rule.get()), 0);
+  ASSERT_EQ(row->handler(value, &end, rule.get()), NUV_CLFY_E_OK);
   EXPECT_EQ(rule->ip_saddr.v4.addr, clfytest::ipv4(10, 0, 0, 1));
   EXPECT_EQ(rule->ip_saddr.v4.mask, clfytest::ipv4(255, 255, 255, 0));
 }
@@ -400,7 +400,7 @@ TEST_F(ClfyParse, Ipv6DaddrAtEndOfLineIsAHost) {
 
 TEST_F(ClfyParse, Ipv6DaddrWithoutLengthFollowedByConditionsIsRefused) {
   // Without "/" the whole rest of the line is read as the address.
-  EXPECT_EQ(parse_result("ip.daddr fe80::1 dev eth0"), -1);
+  EXPECT_EQ(parse_result("ip.daddr fe80::1 dev eth0"), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, Ipv6DaddrWithLengthFollowedByConditions) {
@@ -414,13 +414,13 @@ TEST_F(ClfyParse, Ipv6DaddrWithLengthFollowedByConditions) {
 TEST_F(ClfyParse, Ipv6AddressTakesALaterSlashAsItsLength) {
   // The "/" of the tos mask is the first one on the line: the address text
   // becomes "fe80::1 ip.tos 0x20", which is no address.
-  EXPECT_EQ(parse_result("ip.saddr fe80::1 ip.tos 0x20/0xe0"), -1);
+  EXPECT_EQ(parse_result("ip.saddr fe80::1 ip.tos 0x20/0xe0"), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, MalformedAddressesAreRefused) {
-  EXPECT_EQ(parse_result("ip.saddr 10.0.0.256"), -1);
-  EXPECT_EQ(parse_result("ip.saddr fe80::zz"), -1);
-  EXPECT_EQ(parse_result("ip.daddr"), -1);
+  EXPECT_EQ(parse_result("ip.saddr 10.0.0.256"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ip.saddr fe80::zz"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ip.daddr"), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, IpdsttabFindsOrCreatesTheTable) {
@@ -432,7 +432,7 @@ TEST_F(ClfyParse, IpdsttabFindsOrCreatesTheTable) {
 
 TEST_F(ClfyParse, IpdsttabCreationFailureRefusesRule) {
   nuvcsock_fail_nth_allocation(2);
-  EXPECT_EQ(parse_result("ipdsttab t2"), -1);
+  EXPECT_EQ(parse_result("ipdsttab t2"), NUV_CLFY_E_REFUSED);
   nuvcsock_fail_nth_allocation(0);
 }
 
@@ -452,7 +452,7 @@ TEST_F(ClfyParse, IpLenRange) {
   EXPECT_EQ(rule->ip_len.value2, 128);
 }
 
-TEST_F(ClfyParse, IpLenTakesNoList) { EXPECT_EQ(parse_result("ip.len 10,20"), -1); }
+TEST_F(ClfyParse, IpLenTakesNoList) { EXPECT_EQ(parse_result("ip.len 10,20"), NUV_CLFY_E_REFUSED); }
 
 // ---- Operators ----
 
@@ -479,9 +479,9 @@ TEST_F(ClfyParse, RangeWithBlanksAroundTheHyphen) {
 }
 
 TEST_F(ClfyParse, UnknownOperatorIsRefused) {
-  EXPECT_EQ(parse_result("tcp.dport ~80"), -1);
-  EXPECT_EQ(parse_result("tcp.dport"), -1);
-  EXPECT_EQ(parse_result("tcp.dport >"), -1);
+  EXPECT_EQ(parse_result("tcp.dport ~80"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("tcp.dport"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("tcp.dport >"), NUV_CLFY_E_REFUSED);
 }
 
 // ---- Ports ----
@@ -524,7 +524,7 @@ TEST_F(ClfyParse, EveryPortKeywordSetsItsProtocolAndList) {
 TEST_F(ClfyParse, CommaOfALaterKeywordSplitsThePortList) {
   // The list is split at every comma of the rest of the line, so the first
   // piece is "80 localmark voice" and the rule is refused.
-  EXPECT_EQ(parse_result("tcp.dport 80 localmark voice,video"), -1);
+  EXPECT_EQ(parse_result("tcp.dport 80 localmark voice,video"), NUV_CLFY_E_REFUSED);
   // Written the other way round it is fine.
   auto rule = parse("localmark voice,video tcp.dport 80");
   ASSERT_TRUE(rule);
@@ -538,7 +538,7 @@ TEST_F(ClfyParse, BlanksAroundListCommas) {
   expect_entry(rule->dports, 1, NUV_CLFY_OP_EQ, 67);
 }
 
-TEST_F(ClfyParse, EmptyListElementIsRefused) { EXPECT_EQ(parse_result("udp.dport 53,,67"), -1); }
+TEST_F(ClfyParse, EmptyListElementIsRefused) { EXPECT_EQ(parse_result("udp.dport 53,,67"), NUV_CLFY_E_REFUSED); }
 
 TEST_F(ClfyParse, TcpFlagsWithMask) {
   auto rule = parse("tcp.flags 0x12/0x17");
@@ -564,7 +564,7 @@ TEST_F(ClfyParse, IcmpType) {
   ASSERT_TRUE(rule);
   EXPECT_EQ(rule->flags, NUV_CLFY_F_ICMP_TYPE);
   EXPECT_EQ(rule->icmp_type, 135);
-  EXPECT_EQ(parse_result("icmp.type x"), -1);
+  EXPECT_EQ(parse_result("icmp.type x"), NUV_CLFY_E_REFUSED);
 }
 
 // ---- DHCP conditions ----
@@ -603,18 +603,18 @@ TEST_F(ClfyParse, DhcpHeaderCondition) {
 
 TEST_F(ClfyParse, DhcpConditionWithoutTableIsRefused) {
   testsupport::NoLeakGuard guard;
-  EXPECT_EQ(parse_result("dhcpoption 60 MSFT*"), -1);
-  EXPECT_EQ(parse_result("dhcpoption 60 MSFT* 42"), -1);
+  EXPECT_EQ(parse_result("dhcpoption 60 MSFT*"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("dhcpoption 60 MSFT* 42"), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, DhcpMatchErrorsAreRefused) {
-  EXPECT_EQ(parse_result("dhcpoption 0 x t"), -1);         // code 0
-  EXPECT_EQ(parse_result("dhcpoption 60/1/1 x t"), -1);    // slash after another code
-  EXPECT_EQ(parse_result("dhcpoption 125/x/1 y t"), -1);   // bad enterprise
-  EXPECT_EQ(parse_result("dhcpoption 125/9 y t"), -1);     // missing second slash
-  EXPECT_EQ(parse_result("dhcpoption 125/9/x y t"), -1);   // bad sub-option
-  EXPECT_EQ(parse_result("dhcpheader bogus x t"), -1);     // unknown field
-  EXPECT_EQ(parse_result("dhcpheader op"), -1);            // nothing after the field
+  EXPECT_EQ(parse_result("dhcpoption 0 x t"), NUV_CLFY_E_REFUSED);         // code 0
+  EXPECT_EQ(parse_result("dhcpoption 60/1/1 x t"), NUV_CLFY_E_REFUSED);    // slash after another code
+  EXPECT_EQ(parse_result("dhcpoption 125/x/1 y t"), NUV_CLFY_E_REFUSED);   // bad enterprise
+  EXPECT_EQ(parse_result("dhcpoption 125/9 y t"), NUV_CLFY_E_REFUSED);     // missing second slash
+  EXPECT_EQ(parse_result("dhcpoption 125/9/x y t"), NUV_CLFY_E_REFUSED);   // bad sub-option
+  EXPECT_EQ(parse_result("dhcpheader bogus x t"), NUV_CLFY_E_REFUSED);     // unknown field
+  EXPECT_EQ(parse_result("dhcpheader op"), NUV_CLFY_E_REFUSED);            // nothing after the field
 }
 
 TEST_F(ClfyParse, DhcpConditionStorageFailureRefusesRule) {
@@ -625,7 +625,7 @@ TEST_F(ClfyParse, DhcpConditionStorageFailureRefusesRule) {
     ASSERT_NE(nuv_clfy_ethersrctab_find_or_create("pre.made"), nullptr);
     const long live = testsupport::live_blocks().slab;
     nuvcsock_fail_nth_allocation(n);
-    EXPECT_EQ(parse_result("dhcpoption 60 MSFT* pre.made"), -1) << n;
+    EXPECT_EQ(parse_result("dhcpoption 60 MSFT* pre.made"), NUV_CLFY_E_REFUSED) << n;
     nuvcsock_fail_nth_allocation(0);
     EXPECT_EQ(testsupport::live_blocks().slab, live) << n;
     nuv_clfy_ethersrctab_freeall();
@@ -650,7 +650,7 @@ TEST_F(ClfyParse, PacketmatchTakesTheRestOfTheLineAndTheConditionsApplyToo) {
 }
 
 TEST_F(ClfyParse, PacketmatchFollowedByUnknownWordIsRefused) {
-  EXPECT_EQ(parse_result("packetmatch GET* please"), -1);
+  EXPECT_EQ(parse_result("packetmatch GET* please"), NUV_CLFY_E_REFUSED);
 }
 
 // ---- Normalisation at the end of parsing ----
@@ -695,7 +695,7 @@ TEST_F(ClfyParse, EveryAllocationFailureOfALongRuleIsRefusedCleanly) {
       nuv_clfy_free(rule);
     } else {
       ++refused;
-      EXPECT_EQ(rc, -1) << n;
+      EXPECT_EQ(rc, NUV_CLFY_E_REFUSED) << n;
       EXPECT_EQ(rule, nullptr) << n;
     }
   }
@@ -705,7 +705,7 @@ TEST_F(ClfyParse, EveryAllocationFailureOfALongRuleIsRefusedCleanly) {
 TEST_F(ClfyParse, RuleAllocationFailureIsRefused) {
   testsupport::NoLeakGuard guard;
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(parse_result("dev eth0"), -1);
+  EXPECT_EQ(parse_result("dev eth0"), NUV_CLFY_E_REFUSED);
 }
 
 // ---- Handler results before the parser collapses them to -1 ----
@@ -727,17 +727,17 @@ int run_handler(const char *keyword, const char *value, nuv_clfy *rule, char **e
 
 }  // namespace
 
-TEST_F(ClfyParse, DhcpHandlerCodeForMissingTableIsMinus9) {
+TEST_F(ClfyParse, DhcpHandlerCodeForMissingTableIsMissingTable) {
   auto rule = parse("any");
-  EXPECT_EQ(run_handler("dhcpoption", " 60 MSFT*", rule.get()), -9);
-  EXPECT_EQ(run_handler("dhcpheader", " op 01 7", rule.get()), -9);
+  EXPECT_EQ(run_handler("dhcpoption", " 60 MSFT*", rule.get()), NUV_CLFY_E_MISSING_TABLE);
+  EXPECT_EQ(run_handler("dhcpheader", " op 01 7", rule.get()), NUV_CLFY_E_MISSING_TABLE);
 }
 
-TEST_F(ClfyParse, DhcpHandlerCodeForUnstorableConditionIsMinus10) {
+TEST_F(ClfyParse, DhcpHandlerCodeForUnstorableConditionIsNotStored) {
   testsupport::NoLeakGuard guard;
   auto rule = clfytest::Rule(nuv_clfy_alloc());
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(run_handler("dhcpoption", " 60 MSFT* some.table", rule.get()), -10);
+  EXPECT_EQ(run_handler("dhcpoption", " 60 MSFT* some.table", rule.get()), NUV_CLFY_E_DHCP_NOT_STORED);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->dhcp, nullptr);
   rule.reset();
@@ -746,19 +746,19 @@ TEST_F(ClfyParse, DhcpHandlerCodeForUnstorableConditionIsMinus10) {
 
 TEST_F(ClfyParse, DhcpHandlerPassesTheMatchParsersCodesOn) {
   auto rule = parse("any");
-  EXPECT_EQ(run_handler("dhcpoption", " 0 x t", rule.get()), -2);
-  EXPECT_EQ(run_handler("dhcpoption", " 60/1/1 x t", rule.get()), -3);
-  EXPECT_EQ(run_handler("dhcpoption", " 125/x/1 x t", rule.get()), -4);
-  EXPECT_EQ(run_handler("dhcpoption", " 125/9 x t", rule.get()), -5);
-  EXPECT_EQ(run_handler("dhcpoption", " 125/9/x x t", rule.get()), -6);
-  EXPECT_EQ(run_handler("dhcpheader", " op", rule.get()), -1);
-  EXPECT_EQ(run_handler("dhcpheader", " bogus x t", rule.get()), -2);
+  EXPECT_EQ(run_handler("dhcpoption", " 0 x t", rule.get()), NUV_CLFY_E_DHCP_BAD_CODE);
+  EXPECT_EQ(run_handler("dhcpoption", " 60/1/1 x t", rule.get()), NUV_CLFY_E_DHCP_NOT_VENDOR);
+  EXPECT_EQ(run_handler("dhcpoption", " 125/x/1 x t", rule.get()), NUV_CLFY_E_DHCP_ENTERPRISE);
+  EXPECT_EQ(run_handler("dhcpoption", " 125/9 x t", rule.get()), NUV_CLFY_E_DHCP_SECOND_SLASH);
+  EXPECT_EQ(run_handler("dhcpoption", " 125/9/x x t", rule.get()), NUV_CLFY_E_DHCP_SUB_CODE);
+  EXPECT_EQ(run_handler("dhcpheader", " op", rule.get()), NUV_CLFY_E_DHCP_NO_PATTERN);
+  EXPECT_EQ(run_handler("dhcpheader", " bogus x t", rule.get()), NUV_CLFY_E_DHCP_BAD_CODE);
 }
 
 TEST_F(ClfyParse, DhcpHandlerEndsBehindTheTableNameAndRestoresTheText) {
   auto rule = parse("any");
   char *end = nullptr;
-  ASSERT_EQ(run_handler("dhcpoption", " 60 MSFT* lan.pcs dev eth0", rule.get(), &end), 0);
+  ASSERT_EQ(run_handler("dhcpoption", " 60 MSFT* lan.pcs dev eth0", rule.get(), &end), NUV_CLFY_E_OK);
   EXPECT_STREQ(end, " dev eth0");
   EXPECT_STREQ(end - std::strlen("MSFT* lan.pcs"), "MSFT* lan.pcs dev eth0");
 }
@@ -766,7 +766,7 @@ TEST_F(ClfyParse, DhcpHandlerEndsBehindTheTableNameAndRestoresTheText) {
 TEST_F(ClfyParse, PacketmatchHandlerEndsAfterTheFirstWord) {
   auto rule = parse("any");
   char *end = nullptr;
-  ASSERT_EQ(run_handler("packetmatch", "  a*b c d", rule.get(), &end), 0);
+  ASSERT_EQ(run_handler("packetmatch", "  a*b c d", rule.get(), &end), NUV_CLFY_E_OK);
   EXPECT_STREQ(end, " c d");
   EXPECT_STREQ(rule->packetmatch, "a*b c d");
 }
@@ -774,20 +774,20 @@ TEST_F(ClfyParse, PacketmatchHandlerEndsAfterTheFirstWord) {
 TEST_F(ClfyParse, IpProtoHandlerEndsBehindTheCommaOrAtTheEnd) {
   auto rule = parse("any");
   char *end = nullptr;
-  ASSERT_EQ(run_handler("ip.proto", " tcp,udp", rule.get(), &end), 0);
+  ASSERT_EQ(run_handler("ip.proto", " tcp,udp", rule.get(), &end), NUV_CLFY_E_OK);
   EXPECT_STREQ(end, "udp");
-  ASSERT_EQ(run_handler("ip.proto", " udp", rule.get(), &end), 0);
+  ASSERT_EQ(run_handler("ip.proto", " udp", rule.get(), &end), NUV_CLFY_E_OK);
   EXPECT_STREQ(end, "");
   EXPECT_EQ(rule->ip_proto, 17);
-  EXPECT_EQ(run_handler("ip.proto", " nosuchproto", rule.get()), -1);
+  EXPECT_EQ(run_handler("ip.proto", " nosuchproto", rule.get()), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, KeywordsWithoutEqualsTakeTheSignAsTheirValue) {
   // Table names and patterns are read as written: "=" is the name, and the
   // word after it is then no keyword.
-  EXPECT_EQ(parse_result("ethsrctab = lan"), -1);
-  EXPECT_EQ(parse_result("ipdsttab = lan"), -1);
-  EXPECT_EQ(parse_result("packetmatch = x"), -1);
+  EXPECT_EQ(parse_result("ethsrctab = lan"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ipdsttab = lan"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("packetmatch = x"), NUV_CLFY_E_REFUSED);
   auto pattern = parse("packetmatch =x");
   ASSERT_TRUE(pattern);
   EXPECT_STREQ(pattern->packetmatch, "=x");

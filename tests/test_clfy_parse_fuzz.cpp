@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "clfy_rule_ptr.h"
 #include "clfy_testing.h"
 #include "nikerkiog.h"
 #include "testsupport.h"
@@ -50,10 +51,10 @@ TEST(ClfyParseFuzz, RandomLinesAreParsedOrRefusedCleanly) {
     const int rc = nuv_clfy_parse(line.c_str(), &rule);
     ASSERT_TRUE(rc == 0 || rc == -1) << line;
     if (rc == 0) {
+      const testsupport::ClfyRulePtr owned(rule);  // freed before the count below
       ++accepted;
       char text[512];
       nuv_clfy_as_string(3, rule, text, sizeof text);
-      nuv_clfy_free(rule);
     } else {
       ++refused;
       EXPECT_EQ(rule, nullptr);

@@ -7,21 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "clfy_rule_ptr.h"
 #include "nikerkiog.h"
 #include "nuvcsock_test.h"
 #include "testsupport.h"
 
+using testsupport::ClfyRulePtr;
 using testsupport::NoLeakGuard;
 
 namespace {
-
-// Frees rules made by a test, also when an expectation fails midway.
-struct RuleHolder {
-  nuv_clfy *rule;
-  explicit RuleHolder(nuv_clfy *r) : rule(r) {}
-  ~RuleHolder() { nuv_clfy_free(rule); }
-  nuv_clfy *operator->() const { return rule; }
-};
 
 struct ValueEntry {
   uint32_t op;
@@ -50,37 +44,38 @@ class ClfyRule : public ::testing::Test {
 // ---- Creation ----
 
 TEST_F(ClfyRule, NewRuleHasNoConditionsAndAnyProtocol) {
-  RuleHolder rule(nuv_clfy_alloc());
-  ASSERT_NE(rule.rule, nullptr);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  ASSERT_NE(rule.get(), nullptr);
   EXPECT_EQ(rule->flags, 0u);
   EXPECT_EQ(rule->ip_proto, 255);
 }
 
 TEST_F(ClfyRule, NewRuleIsZeroExceptIdAndProtocol) {
-  RuleHolder rule(nuv_clfy_alloc());
-  ASSERT_NE(rule.rule, nullptr);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  ASSERT_NE(rule.get(), nullptr);
   nuv_clfy expected;
   std::memset(&expected, 0, sizeof expected);
   expected.id = rule->id;
   expected.ip_proto = 255;
-  EXPECT_EQ(std::memcmp(rule.rule, &expected, sizeof expected), 0);
+  EXPECT_EQ(std::memcmp(rule.get(), &expected, sizeof expected), 0);
 }
 
 TEST_F(ClfyRule, EachNewRuleTakesTheNextId) {
-  RuleHolder first(nuv_clfy_alloc());
-  RuleHolder second(nuv_clfy_alloc());
-  RuleHolder third(nuv_clfy_alloc());
+  ClfyRulePtr first(nuv_clfy_alloc());
+  ClfyRulePtr second(nuv_clfy_alloc());
+  ClfyRulePtr third(nuv_clfy_alloc());
   EXPECT_EQ(second->id, first->id + 1);
   EXPECT_EQ(third->id, second->id + 1);
 }
 
 TEST_F(ClfyRule, FailedCreationReturnsNullAndUsesNoId) {
   NoLeakGuard guard;
-  RuleHolder before(nuv_clfy_alloc());
+  ClfyRulePtr before(nuv_clfy_alloc());
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(nuv_clfy_alloc(), nullptr);
+  ClfyRulePtr failed(nuv_clfy_alloc());
   nuvcsock_fail_nth_allocation(0);
-  RuleHolder after(nuv_clfy_alloc());
+  EXPECT_EQ(failed.get(), nullptr);
+  ClfyRulePtr after(nuv_clfy_alloc());
   EXPECT_EQ(after->id, before->id + 1);
 }
 
@@ -88,11 +83,10 @@ TEST_F(ClfyRule, CreationFailsOnlyAtItsOneAllocation) {
   for (long n = 1;; ++n) {
     NoLeakGuard guard;
     nuvcsock_fail_nth_allocation(n);
-    nuv_clfy *rule = nuv_clfy_alloc();
+    ClfyRulePtr rule(nuv_clfy_alloc());
     nuvcsock_fail_nth_allocation(0);
     if (rule) {
       EXPECT_EQ(n, 2);
-      nuv_clfy_free(rule);
       break;
     }
     ASSERT_LT(n, 10);
@@ -102,55 +96,55 @@ TEST_F(ClfyRule, CreationFailsOnlyAtItsOneAllocation) {
 // ---- Value lists ----
 
 TEST_F(ClfyRule, PortValuesArriveInNetworkOrderAndAreStoredInHostOrder) {
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_ip_dport(rule.rule, NUV_CLFY_OP_RANGE, htons(1000), htons(2000));
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_RANGE, htons(1000), htons(2000));
   ASSERT_EQ(rule->dports.count, 1u);
-  EXPECT_EQ(rule->dports.entries[0].op, 7u);
+  EXPECT_EQ(rule->dports.entries[0].op, NUV_CLFY_OP_RANGE);
   EXPECT_EQ(rule->dports.entries[0].value1, 1000);
   EXPECT_EQ(rule->dports.entries[0].value2, 2000);
 }
 
 TEST_F(ClfyRule, AddingASourcePortSetsOnlyTheSourcePortBit) {
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_ip_sport(rule.rule, NUV_CLFY_OP_EQ, htons(53), 0);
-  EXPECT_EQ(rule->flags, 0x00200000u);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_EQ, htons(53), 0);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_SPORTS);
 }
 
 TEST_F(ClfyRule, AddingADestinationPortSetsOnlyTheDestinationPortBit) {
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_ip_dport(rule.rule, NUV_CLFY_OP_EQ, htons(53), 0);
-  EXPECT_EQ(rule->flags, 0x00400000u);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_EQ, htons(53), 0);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_DPORTS);
 }
 
 TEST_F(ClfyRule, AddingAVlanIdSetsOnlyTheVlanIdBit) {
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_vlanid(rule.rule, NUV_CLFY_OP_EQ, htons(100), 0);
-  EXPECT_EQ(rule->flags, 0x00001000u);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_vlanid(rule.get(), NUV_CLFY_OP_EQ, htons(100), 0);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_VLAN_ID);
   ASSERT_EQ(rule->vlan_ids.count, 1u);
   EXPECT_EQ(rule->vlan_ids.entries[0].value1, 100);
 }
 
 TEST_F(ClfyRule, ThreeSourcePortsKeepTheirOrder) {
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_ip_sport(rule.rule, NUV_CLFY_OP_GE, htons(8000), 0);
-  nuv_clfy_add_ip_sport(rule.rule, NUV_CLFY_OP_EQ, htons(80), 0);
-  nuv_clfy_add_ip_sport(rule.rule, NUV_CLFY_OP_NE, htons(443), 0);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_GE, htons(8000), 0);
+  nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_EQ, htons(80), 0);
+  nuv_clfy_add_ip_sport(rule.get(), NUV_CLFY_OP_NE, htons(443), 0);
   EXPECT_EQ(entries_of(rule->sports),
-            (std::vector<ValueEntry>{{6, 8000, 0}, {1, 80, 0}, {2, 443, 0}}));
+            (std::vector<ValueEntry>{{NUV_CLFY_OP_GE, 8000, 0}, {NUV_CLFY_OP_EQ, 80, 0}, {NUV_CLFY_OP_NE, 443, 0}}));
 }
 
 TEST_F(ClfyRule, OperatorCodesAreStoredAsGiven) {
-  RuleHolder rule(nuv_clfy_alloc());
-  for (uint32_t op = 0; op <= 9; ++op) nuv_clfy_add_vlanid(rule.rule, op, htons(static_cast<uint16_t>(op)), 0);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  for (uint32_t op = 0; op <= 9; ++op) nuv_clfy_add_vlanid(rule.get(), op, htons(static_cast<uint16_t>(op)), 0);
   ASSERT_EQ(rule->vlan_ids.count, 10u);
   for (uint32_t op = 0; op <= 9; ++op) EXPECT_EQ(rule->vlan_ids.entries[op].op, op);
 }
 
 TEST_F(ClfyRule, FailedFirstAdditionLeavesTheRuleWithoutTheCondition) {
   NoLeakGuard guard;
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   nuvcsock_fail_nth_allocation(1);
-  nuv_clfy_add_ip_dport(rule.rule, NUV_CLFY_OP_EQ, htons(80), 0);
+  nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_EQ, htons(80), 0);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->dports.count, 0u);
   EXPECT_EQ(rule->dports.entries, nullptr);
@@ -159,16 +153,16 @@ TEST_F(ClfyRule, FailedFirstAdditionLeavesTheRuleWithoutTheCondition) {
 
 TEST_F(ClfyRule, FailedLaterAdditionKeepsTheEarlierEntries) {
   NoLeakGuard guard;
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_vlanid(rule.rule, NUV_CLFY_OP_EQ, htons(10), 0);
-  nuv_clfy_add_vlanid(rule.rule, NUV_CLFY_OP_EQ, htons(20), 0);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_vlanid(rule.get(), NUV_CLFY_OP_EQ, htons(10), 0);
+  nuv_clfy_add_vlanid(rule.get(), NUV_CLFY_OP_EQ, htons(20), 0);
   const nuv_clfy_value *entries = rule->vlan_ids.entries;
   nuvcsock_fail_nth_allocation(1);
-  nuv_clfy_add_vlanid(rule.rule, NUV_CLFY_OP_EQ, htons(30), 0);
+  nuv_clfy_add_vlanid(rule.get(), NUV_CLFY_OP_EQ, htons(30), 0);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->vlan_ids.entries, entries);
-  EXPECT_EQ(entries_of(rule->vlan_ids), (std::vector<ValueEntry>{{1, 10, 0}, {1, 20, 0}}));
-  EXPECT_EQ(rule->flags, 0x00001000u);
+  EXPECT_EQ(entries_of(rule->vlan_ids), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 10, 0}, {NUV_CLFY_OP_EQ, 20, 0}}));
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_VLAN_ID);
 }
 
 TEST_F(ClfyRule, EachListAdditionFailsSilentlyUntilItsAllocationSucceeds) {
@@ -178,17 +172,17 @@ TEST_F(ClfyRule, EachListAdditionFailsSilentlyUntilItsAllocationSucceeds) {
                                                                  {nuv_clfy_add_ip_dport, &nuv_clfy::dports}};
   for (const auto &[add, list] : adds) {
     NoLeakGuard guard;
-    RuleHolder rule(nuv_clfy_alloc());
-    add(rule.rule, NUV_CLFY_OP_EQ, htons(1), 0);
+    ClfyRulePtr rule(nuv_clfy_alloc());
+    add(rule.get(), NUV_CLFY_OP_EQ, htons(1), 0);
     for (long n = 1;; ++n) {
       nuvcsock_fail_nth_allocation(n);
-      add(rule.rule, NUV_CLFY_OP_EQ, htons(2), 0);
+      add(rule.get(), NUV_CLFY_OP_EQ, htons(2), 0);
       nuvcsock_fail_nth_allocation(0);
-      if ((rule.rule->*list).count == 2) {
+      if ((rule.get()->*list).count == 2) {
         EXPECT_EQ(n, 2);
         break;
       }
-      EXPECT_EQ(entries_of(rule.rule->*list), (std::vector<ValueEntry>{{1, 1, 0}}));
+      EXPECT_EQ(entries_of(rule.get()->*list), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 1, 0}}));
       ASSERT_LT(n, 10);
     }
   }
@@ -197,27 +191,27 @@ TEST_F(ClfyRule, EachListAdditionFailsSilentlyUntilItsAllocationSucceeds) {
 // ---- Class map ----
 
 TEST_F(ClfyRule, ClassMapIsCopiedAndSetsTheBit) {
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   uint8_t map[128] = {};
   map[0] = 1;
   map[127] = 1;
-  ASSERT_EQ(nuv_clfy_add_localmark(rule.rule, map), 0);
+  ASSERT_EQ(nuv_clfy_add_localmark(rule.get(), map), 0);
   ASSERT_NE(rule->localmark, nullptr);
   EXPECT_NE(rule->localmark, map);
   EXPECT_EQ(std::memcmp(rule->localmark, map, sizeof map), 0);
-  EXPECT_EQ(rule->flags, 0x00000010u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_LOCALMARK);
 }
 
 TEST_F(ClfyRule, SecondClassMapReusesTheRulesMap) {
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   uint8_t first[128] = {};
   first[5] = 1;
   uint8_t second[128] = {};
   second[6] = 1;
-  ASSERT_EQ(nuv_clfy_add_localmark(rule.rule, first), 0);
+  ASSERT_EQ(nuv_clfy_add_localmark(rule.get(), first), 0);
   const uint8_t *own = rule->localmark;
   const long allocations = nuvcsock_allocations();
-  ASSERT_EQ(nuv_clfy_add_localmark(rule.rule, second), 0);
+  ASSERT_EQ(nuv_clfy_add_localmark(rule.get(), second), 0);
   EXPECT_EQ(nuvcsock_allocations(), allocations);
   EXPECT_EQ(rule->localmark, own);
   EXPECT_EQ(std::memcmp(rule->localmark, second, sizeof second), 0);
@@ -225,10 +219,10 @@ TEST_F(ClfyRule, SecondClassMapReusesTheRulesMap) {
 
 TEST_F(ClfyRule, ClassMapThatCannotBeAllocatedFailsAndLeavesTheRuleUnchanged) {
   NoLeakGuard guard;
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   uint8_t map[128] = {};
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(nuv_clfy_add_localmark(rule.rule, map), -1);
+  EXPECT_EQ(nuv_clfy_add_localmark(rule.get(), map), -1);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->localmark, nullptr);
   EXPECT_EQ(rule->flags, 0u);
@@ -237,24 +231,24 @@ TEST_F(ClfyRule, ClassMapThatCannotBeAllocatedFailsAndLeavesTheRuleUnchanged) {
 // ---- DHCP condition ----
 
 TEST_F(ClfyRule, DhcpConditionMakesTheRuleUdpToPort67) {
-  RuleHolder rule(nuv_clfy_alloc());
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.rule, 60, 0, 0, "MSFT*", "clients"), 0);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "MSFT*", "clients"), 0);
   EXPECT_EQ(rule->ip_proto, 17);
-  EXPECT_EQ(rule->flags, 0x00800000u | 0x00020000u | 0x00400000u);
-  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{1, 67, 0}}));
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_DPORTS | NUV_CLFY_F_DHCP);
+  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyRule, DhcpConditionAppendsPort67AfterExistingPorts) {
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_ip_dport(rule.rule, NUV_CLFY_OP_EQ, htons(68), 0);
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.rule, 60, 0, 0, "x", "clients"), 0);
-  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{1, 68, 0}, {1, 67, 0}}));
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_EQ, htons(68), 0);
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "x", "clients"), 0);
+  EXPECT_EQ(entries_of(rule->dports), (std::vector<ValueEntry>{{NUV_CLFY_OP_EQ, 68, 0}, {NUV_CLFY_OP_EQ, 67, 0}}));
 }
 
 TEST_F(ClfyRule, DhcpConditionHoldsItsFieldsAndAnOwnCopyOfThePattern) {
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   char pattern[] = "abc*";
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.rule, 125, 3561, 1, pattern, "lan.boxes"), 0);
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 125, 3561, 1, pattern, "lan.boxes"), 0);
   ASSERT_NE(rule->dhcp, nullptr);
   EXPECT_EQ(rule->dhcp->code, 125);
   EXPECT_EQ(rule->dhcp->enterprise, 3561u);
@@ -268,54 +262,51 @@ TEST_F(ClfyRule, DhcpConditionHoldsItsFieldsAndAnOwnCopyOfThePattern) {
 
 TEST_F(ClfyRule, DhcpConditionUsesAnExistingTable) {
   ethersrctab *table = nuv_clfy_ethersrctab_find_or_create("known");
-  RuleHolder rule(nuv_clfy_alloc());
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.rule, 0, 0, 11, "00:11:*", "known"), 0);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 0, 0, 11, "00:11:*", "known"), 0);
   EXPECT_EQ(rule->dhcp->ethsrctab, table);
 }
 
 TEST_F(ClfyRule, SecondDhcpConditionReplacesTheFirstWithoutFreeingIt) {
   NoLeakGuard guard;
-  RuleHolder rule(nuv_clfy_alloc());
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.rule, 60, 0, 0, "first", "t"), 0);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "first", "t"), 0);
   nuv_clfy_dhcp *first = rule->dhcp;
-  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.rule, 61, 0, 0, "second", "t"), 0);
+  ASSERT_EQ(nuv_clfy_add_dhcppacketmatch(rule.get(), 61, 0, 0, "second", "t"), 0);
   EXPECT_NE(rule->dhcp, first);
   // The first condition is still allocated (the rule no longer refers to it).
   EXPECT_STREQ(first->pattern, "first");
   EXPECT_EQ(rule->dports.count, 2u);
   slab_cbcontext_free(first->pattern, __FILE__, __LINE__);
   slab_cbcontext_free(first, __FILE__, __LINE__);
-  nuv_clfy_free(rule.rule);
-  rule.rule = nullptr;
+  rule.reset();
   nuv_clfy_ethersrctab_freeall();
 }
 
 TEST_F(ClfyRule, DhcpConditionFailsAtEveryAllocationAndLeavesTheRuleUnchanged) {
   for (long n = 1; n < 20; ++n) {
     NoLeakGuard guard;
-    RuleHolder rule(nuv_clfy_alloc());
-    nuv_clfy_add_ip_dport(rule.rule, NUV_CLFY_OP_EQ, htons(68), 0);
+    ClfyRulePtr rule(nuv_clfy_alloc());
+    nuv_clfy_add_ip_dport(rule.get(), NUV_CLFY_OP_EQ, htons(68), 0);
     const nuv_clfy_value *ports = rule->dports.entries;
     nuvcsock_fail_nth_allocation(n);
-    const int result = nuv_clfy_add_dhcppacketmatch(rule.rule, 60, 0, 0, "MSFT*", "clients");
+    const int result = nuv_clfy_add_dhcppacketmatch(rule.get(), 60, 0, 0, "MSFT*", "clients");
     nuvcsock_fail_nth_allocation(0);
     if (result == 0) {
       EXPECT_GT(n, 3) << "record, pattern, table and port list each allocate";
       EXPECT_EQ(rule->dports.count, 2u);
-      nuv_clfy_free(rule.rule);
-      rule.rule = nullptr;
+      rule.reset();
       nuv_clfy_ethersrctab_freeall();
       return;
     }
     SCOPED_TRACE("allocation " + std::to_string(n) + " failed");
     EXPECT_EQ(result, -1);
     EXPECT_EQ(rule->dhcp, nullptr);
-    EXPECT_EQ(rule->flags, 0x00400000u);
+    EXPECT_EQ(rule->flags, NUV_CLFY_F_DPORTS);
     EXPECT_EQ(rule->ip_proto, 255);
     EXPECT_EQ(rule->dports.entries, ports);
     EXPECT_EQ(rule->dports.count, 1u);
-    nuv_clfy_free(rule.rule);
-    rule.rule = nullptr;
+    rule.reset();
     nuv_clfy_ethersrctab_freeall();
   }
   FAIL() << "the DHCP condition never succeeded";
@@ -324,33 +315,33 @@ TEST_F(ClfyRule, DhcpConditionFailsAtEveryAllocationAndLeavesTheRuleUnchanged) {
 // ---- packetmatch ----
 
 TEST_F(ClfyRule, PacketmatchStoresACopyAndSetsTheBit) {
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   char pattern[] = "*GET /*";
-  EXPECT_EQ(nuv_clfy_add_packetmatch(rule.rule, pattern), 0);
+  EXPECT_EQ(nuv_clfy_add_packetmatch(rule.get(), pattern), 0);
   ASSERT_NE(rule->packetmatch, nullptr);
   EXPECT_NE(rule->packetmatch, pattern);
   EXPECT_STREQ(rule->packetmatch, "*GET /*");
-  EXPECT_EQ(rule->flags, 0x02000000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_PACKETMATCH);
 }
 
 TEST_F(ClfyRule, SecondPacketmatchReplacesAndFreesTheFirst) {
   NoLeakGuard guard;
-  RuleHolder rule(nuv_clfy_alloc());
-  nuv_clfy_add_packetmatch(rule.rule, "first");
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  nuv_clfy_add_packetmatch(rule.get(), "first");
   const long live = nuvcsock_slab_live_blocks();
-  nuv_clfy_add_packetmatch(rule.rule, "second");
+  nuv_clfy_add_packetmatch(rule.get(), "second");
   EXPECT_EQ(nuvcsock_slab_live_blocks(), live);
   EXPECT_STREQ(rule->packetmatch, "second");
 }
 
 TEST_F(ClfyRule, PacketmatchThatCannotBeCopiedLeavesTheBitWithoutPattern) {
   NoLeakGuard guard;
-  RuleHolder rule(nuv_clfy_alloc());
+  ClfyRulePtr rule(nuv_clfy_alloc());
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(nuv_clfy_add_packetmatch(rule.rule, "pattern"), 0);
+  EXPECT_EQ(nuv_clfy_add_packetmatch(rule.get(), "pattern"), 0);
   nuvcsock_fail_nth_allocation(0);
   EXPECT_EQ(rule->packetmatch, nullptr);
-  EXPECT_EQ(rule->flags, 0x02000000u);
+  EXPECT_EQ(rule->flags, NUV_CLFY_F_PACKETMATCH);
 }
 
 // ---- Destruction ----
@@ -384,15 +375,13 @@ TEST_F(ClfyRule, FreeingARuleKeepsItsSharedTables) {
 
 TEST_F(ClfyRule, FreeingARuleLeavesItsChildrenAlone) {
   NoLeakGuard guard;
+  ClfyRulePtr child(nuv_clfy_alloc());
+  ClfyRulePtr sibling(nuv_clfy_alloc());
   nuv_clfy *parent = nuv_clfy_alloc();
-  nuv_clfy *child = nuv_clfy_alloc();
-  nuv_clfy *sibling = nuv_clfy_alloc();
-  parent->children = child;
-  parent->next = sibling;
+  parent->children = child.get();
+  parent->next = sibling.get();
   nuv_clfy_free(parent);
   EXPECT_EQ(child->flags, 0u);  // still a live rule (ASan would catch a freed one)
-  nuv_clfy_free(child);
-  nuv_clfy_free(sibling);
 }
 
 TEST_F(ClfyRule, FreeingNullDoesNothing) { nuv_clfy_free(nullptr); }
@@ -501,8 +490,8 @@ TEST_F(ClfyRule, DeleteOfTheHeadMovesTheHead) {
 
 TEST_F(ClfyRule, DeleteFromAnEmptySetFails) {
   nuv_clfy_set set = empty_set();
-  RuleHolder rule(nuv_clfy_alloc());
-  EXPECT_EQ(nuv_clfy_del_and_free(&set, rule.rule), -1);
+  ClfyRulePtr rule(nuv_clfy_alloc());
+  EXPECT_EQ(nuv_clfy_del_and_free(&set, rule.get()), -1);
 }
 
 TEST_F(ClfyRule, DeleteOfAnUnknownIdFailsAndKeepsTheSet) {
@@ -510,8 +499,8 @@ TEST_F(ClfyRule, DeleteOfAnUnknownIdFailsAndKeepsTheSet) {
   nuv_clfy_set set = empty_set();
   nuv_clfy *a = nuv_clfy_alloc();
   nuv_clfy_add_tail(&set, a);
-  RuleHolder stranger(nuv_clfy_alloc());
-  EXPECT_EQ(nuv_clfy_del_and_free(&set, stranger.rule), -1);
+  ClfyRulePtr stranger(nuv_clfy_alloc());
+  EXPECT_EQ(nuv_clfy_del_and_free(&set, stranger.get()), -1);
   EXPECT_EQ(ids_of(set), (std::vector<uint32_t>{a->id}));
   nuv_clfy_del_and_free_all(&set);
 }
@@ -588,7 +577,8 @@ void count_tag(const char *file, int line, size_t, void *ctx) {
 
 TEST_F(ClfyRule, EveryAllocationIsTaggedWithTheClassifierSourcePath) {
   ASSERT_EQ(nuvcsock_slab_live_blocks(), 0) << "this test needs a clean start";
-  nuv_clfy *rule = nuv_clfy_alloc();
+  ClfyRulePtr owned(nuv_clfy_alloc());
+  nuv_clfy *rule = owned.get();
   uint8_t map[128] = {1};
   nuv_clfy_add_localmark(rule, map);
   nuv_clfy_add_vlanid(rule, NUV_CLFY_OP_EQ, htons(1), 0);
@@ -597,15 +587,12 @@ TEST_F(ClfyRule, EveryAllocationIsTaggedWithTheClassifierSourcePath) {
   nuv_clfy_add_packetmatch(rule, "q");
   nuv_clfy_ethersrctab_add("macs", reinterpret_cast<const uint8_t *>("\x00\x11\x22\x33\x44\x55"));
   nuv_clfy_ipdsttab_add4("dst", htonl(0xc0000201));
-  nuv_clfy *copy = nuv_clfy_clone(rule);
-  nuv_clfy *part = nuv_clfy_checkflag_clone(rule, 0xffffffffu);
+  ClfyRulePtr copy(nuv_clfy_clone(rule));
+  ClfyRulePtr part(nuv_clfy_checkflag_clone(rule, 0xffffffffu));
   TagCount tags;
   nuvcsock_slab_foreach_live(count_tag, &tags);
   EXPECT_GE(tags.total, 30);
   EXPECT_TRUE(tags.others.empty()) << tags.others.front();
-  nuv_clfy_free(part);
-  nuv_clfy_free(copy);
-  nuv_clfy_free(rule);
 }
 
 TEST_F(ClfyRule, NullArgumentsAreIgnored) {

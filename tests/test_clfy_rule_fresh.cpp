@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "clfy_rule_ptr.h"
 #include "nikerkiog.h"
 
 namespace {
@@ -15,9 +16,8 @@ std::uint32_t first_rule_id = 0;
 class FirstRule : public ::testing::Environment {
  public:
   void SetUp() override {
-    nuv_clfy *rule = nuv_clfy_alloc();
+    const testsupport::ClfyRulePtr rule(nuv_clfy_alloc());
     first_rule_id = rule ? rule->id : 0;
-    nuv_clfy_free(rule);
   }
 };
 

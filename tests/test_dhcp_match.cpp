@@ -243,21 +243,21 @@ TEST(ParseDhcpOptionMatch, RecordIsClearedFirst) {
 }
 
 TEST(ParseDhcpOptionMatch, BadOrZeroCodeIsMinus2) {
-  EXPECT_EQ(parse_option("abc").rc, -2);
-  EXPECT_EQ(parse_option("").rc, -2);
-  EXPECT_EQ(parse_option("   ").rc, -2);
-  EXPECT_EQ(parse_option("0 x").rc, -2);
-  EXPECT_EQ(parse_option("256 x").rc, -2);  // truncates to 0
+  EXPECT_EQ(parse_option("abc").rc, DHCP_MATCH_E_BAD_CODE);
+  EXPECT_EQ(parse_option("").rc, DHCP_MATCH_E_BAD_CODE);
+  EXPECT_EQ(parse_option("   ").rc, DHCP_MATCH_E_BAD_CODE);
+  EXPECT_EQ(parse_option("0 x").rc, DHCP_MATCH_E_BAD_CODE);
+  EXPECT_EQ(parse_option("256 x").rc, DHCP_MATCH_E_BAD_CODE);  // truncates to 0
 }
 
 TEST(ParseDhcpOptionMatch, SlashAfterANonVendorCodeIsMinus3) {
-  EXPECT_EQ(parse_option("60/1/1 x").rc, -3);
-  EXPECT_EQ(parse_option("43/1/1 x").rc, -3);
+  EXPECT_EQ(parse_option("60/1/1 x").rc, DHCP_MATCH_E_NOT_VENDOR);
+  EXPECT_EQ(parse_option("43/1/1 x").rc, DHCP_MATCH_E_NOT_VENDOR);
 }
 
 TEST(ParseDhcpOptionMatch, BadEnterpriseNumberIsMinus4) {
-  EXPECT_EQ(parse_option("125/x/1 a").rc, -4);
-  EXPECT_EQ(parse_option("125//1 a").rc, -4);
+  EXPECT_EQ(parse_option("125/x/1 a").rc, DHCP_MATCH_E_ENTERPRISE);
+  EXPECT_EQ(parse_option("125//1 a").rc, DHCP_MATCH_E_ENTERPRISE);
 }
 
 TEST(ParseDhcpOptionMatch, EnterpriseNumberZeroIsAccepted) {
@@ -267,14 +267,14 @@ TEST(ParseDhcpOptionMatch, EnterpriseNumberZeroIsAccepted) {
 }
 
 TEST(ParseDhcpOptionMatch, MissingSecondSlashIsMinus5) {
-  EXPECT_EQ(parse_option("125/3561 a").rc, -5);
-  EXPECT_EQ(parse_option("125/3561").rc, -5);
-  EXPECT_EQ(parse_option("125/3561:1 a").rc, -5);
+  EXPECT_EQ(parse_option("125/3561 a").rc, DHCP_MATCH_E_SECOND_SLASH);
+  EXPECT_EQ(parse_option("125/3561").rc, DHCP_MATCH_E_SECOND_SLASH);
+  EXPECT_EQ(parse_option("125/3561:1 a").rc, DHCP_MATCH_E_SECOND_SLASH);
 }
 
 TEST(ParseDhcpOptionMatch, BadSubOptionCodeIsMinus6) {
-  EXPECT_EQ(parse_option("125/3561/x a").rc, -6);
-  EXPECT_EQ(parse_option("125/3561/").rc, -6);
+  EXPECT_EQ(parse_option("125/3561/x a").rc, DHCP_MATCH_E_SUB_CODE);
+  EXPECT_EQ(parse_option("125/3561/").rc, DHCP_MATCH_E_SUB_CODE);
 }
 
 TEST(ParseDhcpOptionMatch, SubOptionCodeZeroIsAccepted) {
@@ -287,7 +287,7 @@ TEST(ParseDhcpOptionMatch, ErrorLeavesTheEndPointerAlone) {
   std::string text = "60/1/1 x";
   dhcp_match m{};
   char *end = nullptr;
-  EXPECT_EQ(parse_dhcpoptionmatch(text.data(), &end, &m), -3);
+  EXPECT_EQ(parse_dhcpoptionmatch(text.data(), &end, &m), DHCP_MATCH_E_NOT_VENDOR);
   EXPECT_EQ(end, nullptr);
 }
 
@@ -329,9 +329,9 @@ TEST(ParseDhcpHeaderMatch, SpacesAreSkippedAndThePatternEndsAtASpace) {
 }
 
 TEST(ParseDhcpHeaderMatch, NameAtTheEndOfTheTextIsMinus1) {
-  EXPECT_EQ(parse_header("op").rc, -1);
-  EXPECT_EQ(parse_header("").rc, -1);
-  EXPECT_EQ(parse_header("   ").rc, -1);
+  EXPECT_EQ(parse_header("op").rc, DHCP_MATCH_E_NO_PATTERN);
+  EXPECT_EQ(parse_header("").rc, DHCP_MATCH_E_NO_PATTERN);
+  EXPECT_EQ(parse_header("   ").rc, DHCP_MATCH_E_NO_PATTERN);
 }
 
 TEST(ParseDhcpHeaderMatch, OnlySpacesAfterTheNameGiveAnEmptyPattern) {
@@ -343,13 +343,13 @@ TEST(ParseDhcpHeaderMatch, OnlySpacesAfterTheNameGiveAnEmptyPattern) {
 
 TEST(ParseDhcpHeaderMatch, UnknownNameIsMinus2AndItsTerminatorStays) {
   HeaderParse r = parse_header("bogus x");
-  EXPECT_EQ(r.rc, -2);
+  EXPECT_EQ(r.rc, DHCP_MATCH_E_UNKNOWN_FIELD);
   EXPECT_EQ(r.text_after, "bogus|x");
 }
 
 TEST(ParseDhcpHeaderMatch, NamePrefixIsNotAField) {
-  EXPECT_EQ(parse_header("ch x").rc, -2);
-  EXPECT_EQ(parse_header("chaddrx x").rc, -2);
+  EXPECT_EQ(parse_header("ch x").rc, DHCP_MATCH_E_UNKNOWN_FIELD);
+  EXPECT_EQ(parse_header("chaddrx x").rc, DHCP_MATCH_E_UNKNOWN_FIELD);
 }
 
 TEST(ParseDhcpHeaderMatch, RecordIsClearedFirst) {

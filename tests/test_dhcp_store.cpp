@@ -127,10 +127,32 @@ TEST(DhcpSetOption, FailedAllocationLeavesTheSlotAbsentWithItsOldLength) {
   EXPECT_EQ(dhcp_set_option(mem.ops(), store.slots, 15, 5, "newer"), -1);
   EXPECT_EQ(store.slots[15].data, nullptr);
   EXPECT_EQ(store.slots[15].len, 3u);
-  // The old block is given up, not released: it is still live and the
-  // caller would have to have kept its own pointer to it.
+  mem.ops()->free(old);
+}
+
+TEST(DhcpSetOption, FailedAllocationLeavesThePreviousBlockToTheCaller) {
+  DhcpTestMemops mem;
+  Store store(mem.ops());
+  ASSERT_EQ(dhcp_set_option(mem.ops(), store.slots, 15, 3, "old"), 0);
+  unsigned char *old = store.slots[15].data;  // read before the call: now the caller's
+  mem.fail_nth(1);
+  EXPECT_EQ(dhcp_set_option(mem.ops(), store.slots, 15, 5, "newer"), -1);
   EXPECT_TRUE(mem.is_live(old));
-  testsupport::dhcp_test_free(old);
+  EXPECT_EQ(std::memcmp(old, "old", 3), 0);
+  mem.ops()->free(old);
+  EXPECT_EQ(mem.live(), 0);
+}
+
+TEST(DhcpSetOption, NewValueMayBeTakenFromTheOldOne) {
+  DhcpTestMemops mem;
+  Store store(mem.ops());
+  ASSERT_EQ(dhcp_set_option(mem.ops(), store.slots, 15, 7, "example"), 0);
+  // The last three bytes of the old value become the new value; the old
+  // block is read before it is released.
+  ASSERT_EQ(dhcp_set_option(mem.ops(), store.slots, 15, 3, store.slots[15].data + 4), 0);
+  ASSERT_EQ(store.slots[15].len, 3u);
+  EXPECT_EQ(std::memcmp(store.slots[15].data, "ple", 3), 0);
+  EXPECT_EQ(mem.live(), 1);
 }
 
 TEST(DhcpSetOption, FailedAllocationOfAnEmptySlotReturnsMinusOne) {

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,25 +13,6 @@
 #include "testsupport.h"
 
 namespace {
-
-// The registry copy: number -> keyword, for the single numbers it lists
-// (ranges such as "146-252" are skipped).  Reads the CSV itself.
-std::map<int, std::string> registry_keywords() {
-  std::map<int, std::string> rows;
-  std::istringstream in(testsupport::read_text_file(testsupport::data_path("iana-protocol-numbers.csv")));
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::size_t comma = line.find(',');
-    std::string number = line.substr(0, comma);
-    if (number.find('-') != std::string::npos) continue;
-    // The keyword is the second field, in double quotes (never containing one).
-    std::size_t open = line.find('"', comma);
-    std::size_t close = line.find('"', open + 1);
-    rows[std::stoi(number)] = line.substr(open + 1, close - open - 1);
-  }
-  return rows;
-}
 
 // A TCP header of exactly 14 bytes (up to the flag byte), so that a read
 // beyond the flags is caught by AddressSanitizer.
@@ -88,7 +68,7 @@ TEST(IpProtoName, NamedProtocolsAreConstantTexts) {
 }
 
 TEST(IpProtoName, NamesOfRows0To139AreTheRegistryKeywords) {
-  auto rows = registry_keywords();
+  auto rows = testsupport::iana_protocol_keywords();
   ASSERT_EQ(rows.size(), 150u - 1u) << "registry copy changed shape";
   for (int n = 0; n < 140; ++n) {
     ASSERT_TRUE(rows.count(n)) << n;
@@ -99,7 +79,7 @@ TEST(IpProtoName, NamesOfRows0To139AreTheRegistryKeywords) {
 }
 
 TEST(IpProtoName, RegistryRowsWithoutKeywordAreExactlyTheAnyRows) {
-  auto rows = registry_keywords();
+  auto rows = testsupport::iana_protocol_keywords();
   std::vector<int> without_keyword;
   for (int n = 0; n < 140; ++n)
     if (rows[n].empty()) without_keyword.push_back(n);
@@ -108,13 +88,13 @@ TEST(IpProtoName, RegistryRowsWithoutKeywordAreExactlyTheAnyRows) {
 }
 
 TEST(IpProtoName, RegistryKeywordOfRow4IsNotUsed) {
-  auto rows = registry_keywords();
+  auto rows = testsupport::iana_protocol_keywords();
   EXPECT_EQ(rows[4], "IPv4");
   EXPECT_STREQ(ipproto2str(4), "IP");
 }
 
 TEST(IpProtoName, RegistryKeywordOfRow58IsReplacedInPrint) {
-  auto rows = registry_keywords();
+  auto rows = testsupport::iana_protocol_keywords();
   EXPECT_EQ(rows[58], "IPv6-ICMP");
   EXPECT_STREQ(ipproto2str(58), "ICMPv6");
 }
@@ -154,7 +134,7 @@ TEST(IpProtoParse, UnknownNameFails) { EXPECT_TRUE(parse_fails_untouched("tcpx")
 TEST(IpProtoParse, EmptyNameFails) { EXPECT_TRUE(parse_fails_untouched("")); }
 
 TEST(IpProtoParse, EveryRegistryKeywordParsesToItsNumber) {
-  auto rows = registry_keywords();
+  auto rows = testsupport::iana_protocol_keywords();
   for (int n = 0; n < 140; ++n) {
     const std::string &keyword = rows[n];
     if (keyword.empty() || n == 4) continue;  // 4 reads "IP" here, which is the any-protocol
@@ -163,7 +143,7 @@ TEST(IpProtoParse, EveryRegistryKeywordParsesToItsNumber) {
 }
 
 TEST(IpProtoParse, RegistryKeywordIpv4IsReadAsZeroNotFour) {
-  auto rows = registry_keywords();
+  auto rows = testsupport::iana_protocol_keywords();
   EXPECT_EQ(parsed(rows[4].c_str()), 0);
 }
 

@@ -90,7 +90,7 @@ TEST(AccessFormat, NumericProtocolPrintsLowerCaseP) {
 TEST(AccessFormat, ProtocolNameWithBlankKeepsIt) { EXPECT_EQ(protocol_word(135), "mobility header"); }
 
 TEST(AccessFormat, ProtocolNamesAreTheRegistryKeywordsInLowerCase) {
-  auto keywords = access_test::iana_keywords();
+  auto keywords = testsupport::iana_protocol_keywords();
   ASSERT_GE(keywords.size(), 140u);
   for (int n = 0; n < 140; ++n) {
     std::string expected = lower(keywords.at(n));

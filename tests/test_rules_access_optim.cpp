@@ -32,35 +32,35 @@ ipaccess_rule tcp_destination(std::int32_t op, std::uint16_t low, std::uint16_t 
 
 TEST(AccessOptimRange, RangeToTheTopBecomesGreaterOrEqual) {
   expect_record(tcp_destination(7, 1024, 65535),
-                Rule{.policy = 1, .proto = 6, .dst_op = 6, .dst_port = 1024, .used = 0x21});
+                Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_GE, .dst_port = 1024, .used = 0x21});
 }
 
 TEST(AccessOptimRange, RangeFromZeroBecomesLessOrEqual) {
-  expect_record(tcp_destination(7, 0, 80), Rule{.policy = 1, .proto = 6, .dst_op = 4, .dst_port = 80, .used = 0x21});
+  expect_record(tcp_destination(7, 0, 80), Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_LE, .dst_port = 80, .used = 0x21});
 }
 
 // Such a record cannot come from a rule line, which refuses port 0.
 TEST(AccessOptimRange, RangeFromZeroIsNotWritable) {
-  EXPECT_EQ(access_test::parse("permit tcp any any range 0 80").rc, -13);
+  EXPECT_EQ(access_test::parse("permit tcp any any range 0 80").rc, IPACCESS_E_BAD_DST_PORT);
 }
 
 TEST(AccessOptimRange, RangeOfOnePortBecomesEqual) {
-  expect_record(tcp_destination(7, 80, 80), Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 80, .used = 0x21});
+  expect_record(tcp_destination(7, 80, 80), Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_EQ, .dst_port = 80, .used = 0x21});
 }
 
 TEST(AccessOptimRange, ReversedRangeIsOrdered) {
   expect_record(tcp_destination(7, 2000, 1000),
-                Rule{.policy = 1, .proto = 6, .dst_op = 7, .dst_port = 1000, .dst_port2 = 2000, .used = 0x21});
+                Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_RANGE, .dst_port = 1000, .dst_port2 = 2000, .used = 0x21});
 }
 
 TEST(AccessOptimRange, RangeOfEveryPortIsDropped) {
   expect_record(tcp_destination(7, 0, 65535), Rule{.policy = 1, .proto = 6, .used = 0x01});
-  expect_record(tcp_destination(7, 65535, 0), Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 65535,
+  expect_record(tcp_destination(7, 65535, 0), Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_EQ, .dst_port = 65535,
                                                    .used = 0x21});
 }
 
 TEST(AccessOptimRange, MissingUpperBoundMeansEqual) {
-  expect_record(tcp_destination(7, 443, 0), Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 443, .used = 0x21});
+  expect_record(tcp_destination(7, 443, 0), Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_EQ, .dst_port = 443, .used = 0x21});
 }
 
 TEST(AccessOptimRange, EmptyRangeIsDropped) {
@@ -69,25 +69,25 @@ TEST(AccessOptimRange, EmptyRangeIsDropped) {
 
 TEST(AccessOptimRange, ReversedRangeToTheTopBecomesGreaterOrEqual) {
   expect_record(tcp_destination(7, 65535, 5000),
-                Rule{.policy = 1, .proto = 6, .dst_op = 6, .dst_port = 5000, .used = 0x21});
+                Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_GE, .dst_port = 5000, .used = 0x21});
 }
 
 TEST(AccessOptimRange, ReversedRangeFromZeroBecomesLessOrEqual) {
   // An upper bound of 0 wins before the bounds are ordered: "eq".
-  expect_record(tcp_destination(7, 90, 0), Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 90, .used = 0x21});
+  expect_record(tcp_destination(7, 90, 0), Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_EQ, .dst_port = 90, .used = 0x21});
 }
 
 TEST(AccessOptimRange, OrdinaryRangeStays) {
   expect_record(tcp_destination(7, 5060, 5080),
-                Rule{.policy = 1, .proto = 6, .dst_op = 7, .dst_port = 5060, .dst_port2 = 5080, .used = 0x21});
+                Rule{.policy = 1, .proto = 6, .dst_op = IPACCESS_OP_RANGE, .dst_port = 5060, .dst_port2 = 5080, .used = 0x21});
 }
 
 TEST(AccessOptimRange, SourceRangeIsReducedTheSameWay) {
-  expect_record(optimised(Rule{.proto = 17, .src_op = 7, .src_port = 2000, .src_port2 = 65535}),
-                Rule{.proto = 17, .src_op = 6, .src_port = 2000, .used = 0x11});
-  expect_record(optimised(Rule{.proto = 17, .src_op = 7, .src_port = 9, .src_port2 = 3}),
-                Rule{.proto = 17, .src_op = 7, .src_port = 3, .src_port2 = 9, .used = 0x11});
-  expect_record(optimised(Rule{.proto = 17, .src_op = 7, .src_port = 0, .src_port2 = 65535}),
+  expect_record(optimised(Rule{.proto = 17, .src_op = IPACCESS_OP_RANGE, .src_port = 2000, .src_port2 = 65535}),
+                Rule{.proto = 17, .src_op = IPACCESS_OP_GE, .src_port = 2000, .used = 0x11});
+  expect_record(optimised(Rule{.proto = 17, .src_op = IPACCESS_OP_RANGE, .src_port = 9, .src_port2 = 3}),
+                Rule{.proto = 17, .src_op = IPACCESS_OP_RANGE, .src_port = 3, .src_port2 = 9, .used = 0x11});
+  expect_record(optimised(Rule{.proto = 17, .src_op = IPACCESS_OP_RANGE, .src_port = 0, .src_port2 = 65535}),
                 Rule{.proto = 17, .used = 0x01});
 }
 
@@ -107,96 +107,97 @@ TEST(AccessOptimRange, UpperBoundIsClearedForOtherOperators) {
 // ---- ICMP types ----
 
 TEST(AccessOptimIcmp, DestinationRangeEndingAboveTheLastTypeBecomesGreaterOrEqual) {
-  expect_record(optimised(Rule{.proto = 1, .dst_op = 7, .dst_port = 3, .dst_port2 = 300}),
-                Rule{.proto = 1, .dst_op = 6, .dst_port = 3, .used = 0x21});
+  expect_record(optimised(Rule{.proto = 1, .dst_op = IPACCESS_OP_RANGE, .dst_port = 3, .dst_port2 = 300}),
+                Rule{.proto = 1, .dst_op = IPACCESS_OP_GE, .dst_port = 3, .used = 0x21});
 }
 
 TEST(AccessOptimIcmp, SourceTypeAboveTheLastIsClamped) {
-  expect_record(optimised(Rule{.proto = 1, .src_op = 1, .src_port = 300}),
-                Rule{.proto = 1, .src_op = 1, .src_port = 255, .used = 0x11});
+  expect_record(optimised(Rule{.proto = 1, .src_op = IPACCESS_OP_EQ, .src_port = 300}),
+                Rule{.proto = 1, .src_op = IPACCESS_OP_EQ, .src_port = 255, .used = 0x11});
 }
 
 TEST(AccessOptimIcmp, DestinationTypeAboveTheLastIsClamped) {
-  expect_record(optimised(Rule{.proto = 1, .dst_op = 5, .dst_port = 4000}),
-                Rule{.proto = 1, .dst_op = 5, .dst_port = 255, .used = 0x21});
+  expect_record(optimised(Rule{.proto = 1, .dst_op = IPACCESS_OP_GT, .dst_port = 4000}),
+                Rule{.proto = 1, .dst_op = IPACCESS_OP_GT, .dst_port = 255, .used = 0x21});
 }
 
 TEST(AccessOptimIcmp, DestinationUpperBoundAboveTheLastIsDroppedOutsideRanges) {
-  expect_record(optimised(Rule{.proto = 1, .dst_op = 1, .dst_port = 8, .dst_port2 = 999}),
-                Rule{.proto = 1, .dst_op = 1, .dst_port = 8, .used = 0x21});
+  expect_record(optimised(Rule{.proto = 1, .dst_op = IPACCESS_OP_EQ, .dst_port = 8, .dst_port2 = 999}),
+                Rule{.proto = 1, .dst_op = IPACCESS_OP_EQ, .dst_port = 8, .used = 0x21});
 }
 
 TEST(AccessOptimIcmp, SourceRangeOfEveryTypeIsDropped) {
-  expect_record(optimised(Rule{.proto = 1, .src_op = 7, .src_port = 0, .src_port2 = 700}), Rule{.proto = 1, .used = 0x01});
+  expect_record(optimised(Rule{.proto = 1, .src_op = IPACCESS_OP_RANGE, .src_port = 0, .src_port2 = 700}), Rule{.proto = 1, .used = 0x01});
 }
 
 TEST(AccessOptimIcmp, ReversedSourceRangeAboveTheLastTypeBecomesGreaterOrEqual) {
-  expect_record(optimised(Rule{.proto = 1, .src_op = 7, .src_port = 1000, .src_port2 = 8}),
-                Rule{.proto = 1, .src_op = 6, .src_port = 8, .used = 0x11});
+  expect_record(optimised(Rule{.proto = 1, .src_op = IPACCESS_OP_RANGE, .src_port = 1000, .src_port2 = 8}),
+                Rule{.proto = 1, .src_op = IPACCESS_OP_GE, .src_port = 8, .used = 0x11});
 }
 
 TEST(AccessOptimIcmp, TcpPortsAboveTheLastIcmpTypeAreNotClamped) {
-  expect_record(optimised(Rule{.proto = 6, .src_op = 1, .src_port = 300, .dst_op = 1, .dst_port = 400}),
-                Rule{.proto = 6, .src_op = 1, .src_port = 300, .dst_op = 1, .dst_port = 400, .used = 0x31});
+  expect_record(optimised(Rule{.proto = 6, .src_op = IPACCESS_OP_EQ, .src_port = 300, .dst_op = IPACCESS_OP_EQ, .dst_port = 400}),
+                Rule{.proto = 6, .src_op = IPACCESS_OP_EQ, .src_port = 300, .dst_op = IPACCESS_OP_EQ, .dst_port = 400, .used = 0x31});
 }
 
 // ---- protocols without ports ----
 
 TEST(AccessOptimOtherProtocols, OperatorsGoButPortValuesStay) {
-  expect_record(optimised(Rule{.policy = 1, .proto = 47, .src_op = 1, .src_port = 1723, .src_port2 = 5,
-                               .dst_op = 7, .dst_port = 9, .dst_port2 = 3}),
+  expect_record(optimised(Rule{.policy = 1, .proto = 47, .src_op = IPACCESS_OP_EQ, .src_port = 1723, .src_port2 = 5,
+                               .dst_op = IPACCESS_OP_RANGE, .dst_port = 9, .dst_port2 = 3}),
                 Rule{.policy = 1, .proto = 47, .src_port = 1723, .src_port2 = 5, .dst_port = 9, .dst_port2 = 3,
                      .used = 0x01});
 }
 
 TEST(AccessOptimOtherProtocols, AnyProtocolHasNoPortConditions) {
-  expect_record(optimised(Rule{.proto = 255, .dst_op = 1, .dst_port = 53}), Rule{.proto = 255, .dst_port = 53});
+  expect_record(optimised(Rule{.proto = IPACCESS_PROTO_ANY, .dst_op = IPACCESS_OP_EQ, .dst_port = 53}), Rule{.proto = IPACCESS_PROTO_ANY, .dst_port = 53});
 }
 
 TEST(AccessOptimOtherProtocols, OnlyTcpUdpAndIcmpKeepPortConditions) {
   for (int proto = 0; proto < 256; ++proto) {
-    ipaccess_rule rec = optimised(Rule{.proto = static_cast<std::uint8_t>(proto), .dst_op = 1, .dst_port = 53});
+    ipaccess_rule rec = optimised(Rule{.proto = static_cast<std::uint8_t>(proto), .dst_op = IPACCESS_OP_EQ, .dst_port = 53});
     bool keeps = proto == 1 || proto == 6 || proto == 17;
-    EXPECT_EQ(rec.dst_op, keeps ? 1 : 0) << proto;
-    EXPECT_EQ(rec.used & 0x20u, keeps ? 0x20u : 0u) << proto;
+    EXPECT_EQ(rec.dst_op, keeps ? IPACCESS_OP_EQ : IPACCESS_OP_NONE) << proto;
+    EXPECT_EQ(rec.used & IPACCESS_USED_DST_PORT, keeps ? IPACCESS_USED_DST_PORT : 0u) << proto;
   }
 }
 
 // ---- presence bits ----
 
 TEST(AccessOptimBits, AnyRuleWithoutConditionsHasNoBits) {
-  EXPECT_EQ(optimised(Rule{.policy = 1, .proto = 255}).used, 0u);
+  EXPECT_EQ(optimised(Rule{.policy = 1, .proto = IPACCESS_PROTO_ANY}).used, 0u);
 }
 
 TEST(AccessOptimBits, TcpRuleWithFlagAndDestinationHost) {
-  EXPECT_EQ(optimised(Rule{.policy = 1, .proto = 6, .dst_addr = 0x0A000001, .dst_mask = 0xFFFFFFFF, .tcpflag = 2})
+  EXPECT_EQ(optimised(Rule{.policy = 1, .proto = 6, .dst_addr = 0x0A000001, .dst_mask = 0xFFFFFFFF, .tcpflag = IPACCESS_TCPFLAG_ESTABLISHED})
                 .used,
-            0x45u);
+            IPACCESS_USED_PROTO | IPACCESS_USED_DST_ADDR | IPACCESS_USED_TCPFLAG);
 }
 
 TEST(AccessOptimBits, UdpRuleWithTcpFlagHasNoTcpFlagBit) {
-  EXPECT_EQ(optimised(Rule{.proto = 17, .tcpflag = 2}).used, 0x01u);
+  EXPECT_EQ(optimised(Rule{.proto = 17, .tcpflag = IPACCESS_TCPFLAG_ESTABLISHED}).used, IPACCESS_USED_PROTO);
 }
 
 TEST(AccessOptimBits, SourceMaskAndConnectionFlag) {
-  EXPECT_EQ(optimised(Rule{.proto = 255, .src_mask = 0xFF000000, .connflag = 3}).used, 0x0Au);
+  EXPECT_EQ(optimised(Rule{.proto = IPACCESS_PROTO_ANY, .src_mask = 0xFF000000, .connflag = IPACCESS_CONN_INCOMING}).used, IPACCESS_USED_SRC_ADDR | IPACCESS_USED_CONNFLAG);
 }
 
 TEST(AccessOptimBits, EveryBit) {
-  EXPECT_EQ(optimised(Rule{.proto = 6, .src_mask = 1, .src_op = 2, .src_port = 1, .dst_mask = 1, .dst_op = 3,
-                           .dst_port = 2, .tcpflag = 1, .connflag = 1})
+  EXPECT_EQ(optimised(Rule{.proto = 6, .src_mask = 1, .src_op = IPACCESS_OP_NE, .src_port = 1, .dst_mask = 1, .dst_op = IPACCESS_OP_LT,
+                           .dst_port = 2, .tcpflag = IPACCESS_TCPFLAG_CONNECT, .connflag = IPACCESS_CONN_OUTGOING})
                 .used,
-            0x7Fu);
+            IPACCESS_USED_PROTO | IPACCESS_USED_SRC_ADDR | IPACCESS_USED_DST_ADDR | IPACCESS_USED_CONNFLAG |
+                IPACCESS_USED_SRC_PORT | IPACCESS_USED_DST_PORT | IPACCESS_USED_TCPFLAG);
 }
 
-TEST(AccessOptimBits, LoggingSetsNoBit) { EXPECT_EQ(optimised(Rule{.proto = 255, .logging = 3}).used, 0u); }
+TEST(AccessOptimBits, LoggingSetsNoBit) { EXPECT_EQ(optimised(Rule{.proto = IPACCESS_PROTO_ANY, .logging = 3}).used, 0u); }
 
 TEST(AccessOptimBits, OldBitsAreOverwritten) {
-  EXPECT_EQ(optimised(Rule{.proto = 255, .used = 0xFFFFFFFF}).used, 0u);
+  EXPECT_EQ(optimised(Rule{.proto = IPACCESS_PROTO_ANY, .used = 0xFFFFFFFF}).used, 0u);
 }
 
 TEST(AccessOptimBits, DroppedRangeLeavesThePortBitClear) {
-  EXPECT_EQ(optimised(Rule{.proto = 6, .src_op = 7, .src_port = 0, .src_port2 = 65535}).used, 0x01u);
+  EXPECT_EQ(optimised(Rule{.proto = 6, .src_op = IPACCESS_OP_RANGE, .src_port = 0, .src_port2 = 65535}).used, IPACCESS_USED_PROTO);
 }
 
 // ---- against a plain reference ----
@@ -237,7 +238,7 @@ TEST(AccessOptimProperty, ReducedIcmpRangeAdmitsTheSameTypes) {
     auto high = static_cast<std::uint16_t>(1 + rng() % 255);
     if (rng() % 4 == 0) low = 0;
     if (rng() % 4 == 0) high = 255;
-    ipaccess_rule rec = optimised(Rule{.proto = 1, .dst_op = 7, .dst_port = low, .dst_port2 = high});
+    ipaccess_rule rec = optimised(Rule{.proto = 1, .dst_op = IPACCESS_OP_RANGE, .dst_port = low, .dst_port2 = high});
     Condition ordered{7, std::min(low, high), std::max(low, high)};
     EXPECT_EQ(admitted({rec.dst_op, rec.dst_port, rec.dst_port2}, 255), admitted(ordered, 255))
         << low << "-" << high;
@@ -325,7 +326,7 @@ TEST(AccessOptimProperty, ReducedRangesAdmitWhatTheReferenceAdmits) {
     unsigned ceiling = proto == 1 ? 255 : 65535;
     std::uint16_t sl = random_port(), sh = random_port(), dl = random_port(), dh = random_port();
     ipaccess_rule rec = optimised(
-        Rule{.proto = proto, .src_op = 7, .src_port = sl, .src_port2 = sh, .dst_op = 7, .dst_port = dl, .dst_port2 = dh});
+        Rule{.proto = proto, .src_op = IPACCESS_OP_RANGE, .src_port = sl, .src_port2 = sh, .dst_op = IPACCESS_OP_RANGE, .dst_port = dl, .dst_port2 = dh});
     SCOPED_TRACE(testing::Message() << int{proto} << " src " << sl << "-" << sh << " dst " << dl << "-" << dh);
     struct Side {
       std::int32_t op;

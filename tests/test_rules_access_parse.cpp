@@ -163,13 +163,13 @@ TEST(AccessRuleRecord, FieldsFollowEachOtherInTheirOrder) {
 
 TEST(AccessParse, MinimalRuleHasNoConditions) {
   auto p = parse("permit tcp any any");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6});
 }
 
 TEST(AccessParse, FullRuleWithHostMaskPortsAndFlags) {
   auto p = parse("deny ip host 192.168.1.1 10.0.0.0 255.0.0.0 eq 80 established connection incoming log");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 2,
                              .proto = 255,
                              .src_addr = 0xC0A80101,
@@ -185,7 +185,7 @@ TEST(AccessParse, FullRuleWithHostMaskPortsAndFlags) {
 
 TEST(AccessParse, AddressesAreHostOrderIntegers) {
   auto p = parse("permit udp 10.1.2.3 255.255.255.0 host 172.16.254.9");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1,
                              .proto = 17,
                              .src_addr = 0x0A010203,
@@ -196,13 +196,13 @@ TEST(AccessParse, AddressesAreHostOrderIntegers) {
 
 TEST(AccessParse, SourceRange) {
   auto p = parse("permit udp any range 1000 2000 any");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 17, .src_op = 7, .src_port = 1000, .src_port2 = 2000});
 }
 
 TEST(AccessParse, DestinationRangeIsKeptAsWritten) {
   auto p = parse("permit tcp any any range 2000 1000");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_op = 7, .dst_port = 2000, .dst_port2 = 1000});
 }
 
@@ -211,7 +211,7 @@ TEST(AccessParse, EveryOperatorWordTakesOnePort) {
                                                        {"le", 4}, {"gt", 5}, {"ge", 6}};
   for (auto [word, value] : ops) {
     auto p = parse(std::string("permit tcp any ") + word + " 22 any " + word + " 443");
-    EXPECT_EQ(p.rc, 0) << word;
+    EXPECT_EQ(p.rc, IPACCESS_E_OK) << word;
     expect_record(p.rule, Rule{.policy = 1,
                                .proto = 6,
                                .src_op = value,
@@ -223,25 +223,25 @@ TEST(AccessParse, EveryOperatorWordTakesOnePort) {
 
 TEST(AccessParse, OperatorNoneAlsoTakesAPort) {
   auto p = parse("permit tcp any none 80 any none 443");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .src_port = 80, .dst_port = 443});
 }
 
 TEST(AccessParse, ConnectionWordAloneIsAConnectionFlag) {
   auto p = parse("permit tcp any any outgoing");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .connflag = 1});
 }
 
 TEST(AccessParse, RelatedAloneIsOutgoingRelated) {
   auto p = parse("permit tcp any any related");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .connflag = 2});
 }
 
 TEST(AccessParse, RelatedAfterConnectionWordIsOutgoingRelated) {
   auto p = parse("permit tcp any any connection related");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .connflag = 2});
 }
 
@@ -249,56 +249,56 @@ TEST(AccessParse, EveryConnectionWordAfterConnection) {
   const char *words[] = {"normal", "outgoing", "outgoing-related", "incoming", "incoming-related", "exists"};
   for (std::int32_t i = 0; i < 6; ++i) {
     auto p = parse(std::string("deny udp any any connection ") + words[i]);
-    EXPECT_EQ(p.rc, 0) << words[i];
+    EXPECT_EQ(p.rc, IPACCESS_E_OK) << words[i];
     expect_record(p.rule, Rule{.policy = 2, .proto = 17, .connflag = i});
   }
 }
 
 TEST(AccessParse, LogAloneMeansShort) {
   auto p = parse("deny ip any any log");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 2, .proto = 255, .logging = 1});
 }
 
 TEST(AccessParse, LogWithLevel) {
   auto p = parse("deny ip any any log alert");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 2, .proto = 255, .logging = 3});
 }
 
 TEST(AccessParse, LogNoneMeansNoLogging) {
   auto p = parse("deny ip any any log none");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 2, .proto = 255, .logging = 0});
 }
 
 TEST(AccessParse, LoggingWordAloneIsALevel) {
   auto p = parse("reject tcp any any long");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 3, .proto = 6, .logging = 2});
 }
 
 TEST(AccessParse, WordsAfterTheLoggingLevelAreIgnored) {
   auto p = parse("deny tcp any any log long whatever comes 1 2 3");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 2, .proto = 6, .logging = 2});
 }
 
 TEST(AccessParse, WordsAfterALoneLoggingWordAreIgnored) {
   auto p = parse("deny tcp any any alert established");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 2, .proto = 6, .logging = 3});
 }
 
 TEST(AccessParse, TcpFlagAfterDestinationPort) {
   auto p = parse("permit tcp any any eq 22 connect");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 22, .tcpflag = 1});
 }
 
 TEST(AccessParse, TcpFlagNoneAfterAPortIsAccepted) {
   auto p = parse("permit tcp any any eq 22 none");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 22});
 }
 
@@ -306,27 +306,27 @@ TEST(AccessParse, TcpFlagNoneAfterAPortIsAccepted) {
 // which then wants a port.
 TEST(AccessParse, NoneRightAfterDestinationIsAPortOperator) {
   auto p = parse("permit tcp any any none");
-  EXPECT_EQ(p.rc, -2);
+  EXPECT_EQ(p.rc, IPACCESS_E_MISSING_WORD);
   auto q = parse("permit tcp any any none 5");
-  EXPECT_EQ(q.rc, 0);
+  EXPECT_EQ(q.rc, IPACCESS_E_OK);
   expect_record(q.rule, Rule{.policy = 1, .proto = 6, .dst_port = 5});
 }
 
 TEST(AccessParse, TcpFlagAfterTheConnectionPartIsAnError) {
   auto p = parse("permit tcp any any incoming established");
-  EXPECT_EQ(p.rc, -17);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_TRAILING_WORD);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .connflag = 3});
 }
 
 TEST(AccessParse, SecondTcpFlagIsAnError) {
   auto p = parse("permit tcp any any established connect");
-  EXPECT_EQ(p.rc, -17);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_TRAILING_WORD);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .tcpflag = 2});
 }
 
 TEST(AccessParse, BlanksAndTabsSeparateWords) {
   auto p = parse(" \t permit\t\ttcp  any \t host\t1.2.3.4   eq\t8080 \t ");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1,
                              .proto = 6,
                              .dst_addr = 0x01020304,
@@ -338,12 +338,12 @@ TEST(AccessParse, BlanksAndTabsSeparateWords) {
 // Only blanks and tabs separate words: a line end belongs to the last word.
 TEST(AccessParse, LineEndIsPartOfTheLastWord) {
   auto p = parse("permit tcp any any\n");
-  EXPECT_EQ(p.rc, -11);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_DST_ADDR);
 }
 
 TEST(AccessParse, RecordIsClearedBeforeParsing) {
   auto p = parse("permit tcp any any");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   for (std::uint32_t word : p.rule.reserved) EXPECT_EQ(word, 0u);
   EXPECT_EQ(p.rule.reserved2, 0u);
   EXPECT_EQ(p.rule.used, 0u);
@@ -354,7 +354,7 @@ TEST(AccessParse, RecordIsClearedBeforeParsing) {
 TEST(AccessParse, IpInAnyCaseIsAnyProtocol) {
   for (const char *word : {"ip", "IP", "Ip", "iP"}) {
     auto p = parse(std::string("permit ") + word + " any any");
-    EXPECT_EQ(p.rc, 0) << word;
+    EXPECT_EQ(p.rc, IPACCESS_E_OK) << word;
     EXPECT_EQ(p.rule.proto, 255) << word;
   }
 }
@@ -364,7 +364,7 @@ TEST(AccessParse, ProtocolNamesIgnoreCase) {
                                                 {"ICMPv6", 58}, {"ipv4", 0}, {"P47", 47}, {"P200", 200}};
   for (auto [word, number] : names) {
     auto p = parse(std::string("permit ") + word + " any any");
-    EXPECT_EQ(p.rc, 0) << word;
+    EXPECT_EQ(p.rc, IPACCESS_E_OK) << word;
     EXPECT_EQ(p.rule.proto, number) << word;
   }
 }
@@ -372,7 +372,7 @@ TEST(AccessParse, ProtocolNamesIgnoreCase) {
 TEST(AccessParse, UnknownProtocol) {
   for (const char *word : {"foo", "6", "p6", "P256", "tcp/udp"}) {
     auto p = parse(std::string("permit ") + word + " any any");
-    EXPECT_EQ(p.rc, -4) << word;
+    EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_PROTOCOL) << word;
     expect_record(p.rule, Rule{.policy = 1});
   }
 }
@@ -381,7 +381,7 @@ TEST(AccessParse, UnknownProtocol) {
 
 TEST(AccessAddress, DotAtTheEndLeavesTheRestZero) {
   auto p = parse("permit tcp 10. 255. 10.1. 255.255.");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1,
                              .proto = 6,
                              .src_addr = 0x0A000000,
@@ -391,14 +391,14 @@ TEST(AccessAddress, DotAtTheEndLeavesTheRestZero) {
 }
 
 TEST(AccessAddress, ShortAddressWithoutDotIsRefused) {
-  EXPECT_EQ(parse("permit tcp 10.1 255.255.0.0 any").rc, -6);
-  EXPECT_EQ(parse("permit tcp 10 255.0.0.0 any").rc, -6);
-  EXPECT_EQ(parse("permit tcp 10.1.2 255.255.0.0 any").rc, -6);
+  EXPECT_EQ(parse("permit tcp 10.1 255.255.0.0 any").rc, IPACCESS_E_BAD_SRC_ADDR);
+  EXPECT_EQ(parse("permit tcp 10 255.0.0.0 any").rc, IPACCESS_E_BAD_SRC_ADDR);
+  EXPECT_EQ(parse("permit tcp 10.1.2 255.255.0.0 any").rc, IPACCESS_E_BAD_SRC_ADDR);
 }
 
 TEST(AccessAddress, TextAfterTheFourthPartIsIgnored) {
   auto p = parse("permit tcp 1.2.3.4x 255.255.255.255.255 host 5.6.7.8/24");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1,
                              .proto = 6,
                              .src_addr = 0x01020304,
@@ -412,14 +412,14 @@ TEST(AccessAddress, PartsOutOfRangeOrWithoutDigitsAreRefused) {
                        "1.2.3.x",   "1x2.3.4", "99999999999999999999.1.1.1", "ANY"};
   for (const char *addr : bad) {
     auto p = parse(std::string("permit tcp ") + addr + " 255.255.255.255 any");
-    EXPECT_EQ(p.rc, -6) << addr;
+    EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_ADDR) << addr;
     expect_record(p.rule, Rule{.policy = 1, .proto = 6});
   }
 }
 
 TEST(AccessAddress, ExtremeValues) {
   auto p = parse("permit tcp 0.0.0.0 0.0.0.0 255.255.255.255 255.255.255.254");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1,
                              .proto = 6,
                              .dst_addr = 0xFFFFFFFF,
@@ -436,7 +436,7 @@ TEST(AccessAddress, DottedQuadsAgreeWithInetPton) {
     in_addr reference{};
     ASSERT_EQ(inet_pton(AF_INET, text, &reference), 1) << text;
     auto p = parse(std::string("deny ip host ") + text + " any");
-    ASSERT_EQ(p.rc, 0) << text;
+    ASSERT_EQ(p.rc, IPACCESS_E_OK) << text;
     EXPECT_EQ(p.rule.src_addr, ntohl(reference.s_addr)) << text;
   }
 }
@@ -445,28 +445,28 @@ TEST(AccessAddress, DottedQuadsAgreeWithInetPton) {
 
 TEST(AccessPort, PortZeroIsRefused) {
   auto p = parse("permit udp any eq 0 any");
-  EXPECT_EQ(p.rc, -8);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_PORT);
   expect_record(p.rule, Rule{.policy = 1, .proto = 17, .src_op = 1});
 }
 
 TEST(AccessPort, BoundsOfThePortRange) {
   auto p = parse("permit udp any eq 1 any eq 65535");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 17, .src_op = 1, .src_port = 1, .dst_op = 1, .dst_port = 65535});
-  EXPECT_EQ(parse("permit udp any eq 65536 any").rc, -8);
-  EXPECT_EQ(parse("permit udp any eq -1 any").rc, -8);
-  EXPECT_EQ(parse("permit udp any eq 99999999999999999999 any").rc, -8);
+  EXPECT_EQ(parse("permit udp any eq 65536 any").rc, IPACCESS_E_BAD_SRC_PORT);
+  EXPECT_EQ(parse("permit udp any eq -1 any").rc, IPACCESS_E_BAD_SRC_PORT);
+  EXPECT_EQ(parse("permit udp any eq 99999999999999999999 any").rc, IPACCESS_E_BAD_SRC_PORT);
 }
 
 TEST(AccessPort, TextAfterTheDigitsIsIgnored) {
   auto p = parse("permit tcp any any eq 80http");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_op = 1, .dst_port = 80});
 }
 
 TEST(AccessPort, PortWithoutDigitsIsRefused) {
-  EXPECT_EQ(parse("permit tcp any eq www any").rc, -8);
-  EXPECT_EQ(parse("permit tcp any any eq www").rc, -13);
+  EXPECT_EQ(parse("permit tcp any eq www any").rc, IPACCESS_E_BAD_SRC_PORT);
+  EXPECT_EQ(parse("permit tcp any any eq www").rc, IPACCESS_E_BAD_DST_PORT);
 }
 
 // ---- every error code, with the record left as read so far ----
@@ -474,7 +474,7 @@ TEST(AccessPort, PortWithoutDigitsIsRefused) {
 TEST(AccessParseErrors, TooLongText) {
   std::string text = rule_with_length("permit tcp any", "any", 1024);
   auto p = parse(text);
-  EXPECT_EQ(p.rc, -1);
+  EXPECT_EQ(p.rc, IPACCESS_E_TOO_LONG);
   expect_record(p.rule, Rule{});
 }
 
@@ -482,14 +482,14 @@ TEST(AccessParseErrors, TextOf1023CharactersIsParsed) {
   std::string text = rule_with_length("permit tcp any", "host 1.2.3.4", 1023);
   ASSERT_EQ(text.size(), 1023u);
   auto p = parse(text);
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_addr = 0x01020304, .dst_mask = 0xFFFFFFFF});
 }
 
 TEST(AccessParseErrors, VeryLongTextIsRefusedWithoutAllocating) {
   std::string text = "permit tcp any any " + std::string(100000, 'x');
   long before = nuvcsock_allocations();
-  EXPECT_EQ(parse(text).rc, -1);
+  EXPECT_EQ(parse(text).rc, IPACCESS_E_TOO_LONG);
   EXPECT_EQ(nuvcsock_allocations(), before);
 }
 
@@ -499,7 +499,7 @@ TEST(AccessParseErrors, LengthCheckReadsAtMost1024Characters) {
   std::unique_ptr<char[]> unterminated(new char[1024]);
   std::memset(unterminated.get(), 'a', 1024);
   ipaccess_rule rule;
-  EXPECT_EQ(ipaccess_parse(&rule, unterminated.get()), -1);
+  EXPECT_EQ(ipaccess_parse(&rule, unterminated.get()), IPACCESS_E_TOO_LONG);
 }
 
 TEST(AccessParseErrors, MissingWords) {
@@ -508,12 +508,12 @@ TEST(AccessParseErrors, MissingWords) {
                          "permit tcp any eq", "permit tcp any eq 80", "permit tcp any range 1",
                          "permit tcp any range 1 2", "permit tcp any host", "permit tcp any 1.2.3.4",
                          "permit tcp any any eq", "permit tcp any any range 5"};
-  for (const char *line : lines) EXPECT_EQ(parse(line).rc, -2) << "'" << line << "'";
+  for (const char *line : lines) EXPECT_EQ(parse(line).rc, IPACCESS_E_MISSING_WORD) << "'" << line << "'";
 }
 
 TEST(AccessParseErrors, MissingWordKeepsWhatWasRead) {
   auto p = parse("deny udp host 9.8.7.6 range 100");
-  EXPECT_EQ(p.rc, -2);
+  EXPECT_EQ(p.rc, IPACCESS_E_MISSING_WORD);
   expect_record(p.rule, Rule{.policy = 2,
                              .proto = 17,
                              .src_addr = 0x09080706,
@@ -524,98 +524,98 @@ TEST(AccessParseErrors, MissingWordKeepsWhatWasRead) {
 
 TEST(AccessParseErrors, UnknownPolicy) {
   auto p = parse("Permit tcp any any");
-  EXPECT_EQ(p.rc, -3);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_POLICY);
   expect_record(p.rule, Rule{});
-  EXPECT_EQ(parse("allow tcp any any").rc, -3);
+  EXPECT_EQ(parse("allow tcp any any").rc, IPACCESS_E_UNKNOWN_POLICY);
 }
 
 TEST(AccessParseErrors, UnknownProtocol) {
   auto p = parse("deny tcpx any any");
-  EXPECT_EQ(p.rc, -4);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_PROTOCOL);
   expect_record(p.rule, Rule{.policy = 2});
 }
 
 TEST(AccessParseErrors, BadSourceHostAddress) {
   auto p = parse("permit tcp host 1.2.3.999 any");
-  EXPECT_EQ(p.rc, -5);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_HOST);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6});
 }
 
 TEST(AccessParseErrors, BadSourceAddress) {
   auto p = parse("permit tcp ANY any");
-  EXPECT_EQ(p.rc, -6);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_ADDR);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6});
 }
 
 TEST(AccessParseErrors, BadSourceMask) {
   auto p = parse("permit tcp 10.0.0.0 255.0.0.300 any");
-  EXPECT_EQ(p.rc, -7);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_MASK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .src_addr = 0x0A000000});
 }
 
 TEST(AccessParseErrors, BadSourcePort) {
   auto p = parse("permit tcp any gt 70000 any");
-  EXPECT_EQ(p.rc, -8);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_PORT);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .src_op = 5});
 }
 
 TEST(AccessParseErrors, BadSourceUpperBound) {
   auto p = parse("permit tcp any range 10 0 any");
-  EXPECT_EQ(p.rc, -9);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_SRC_UPPER_PORT);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .src_op = 7, .src_port = 10});
 }
 
 TEST(AccessParseErrors, BadDestinationHostAddress) {
   auto p = parse("permit tcp any host 1.2");
-  EXPECT_EQ(p.rc, -10);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_DST_HOST);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6});
 }
 
 TEST(AccessParseErrors, BadDestinationAddress) {
   auto p = parse("permit tcp host 1.2.3.4 everywhere");
-  EXPECT_EQ(p.rc, -11);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_DST_ADDR);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .src_addr = 0x01020304, .src_mask = 0xFFFFFFFF});
 }
 
 TEST(AccessParseErrors, BadDestinationMask) {
   auto p = parse("permit tcp any 192.168.0.0 255.255.x.0");
-  EXPECT_EQ(p.rc, -12);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_DST_MASK);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_addr = 0xC0A80000});
 }
 
 TEST(AccessParseErrors, BadDestinationPort) {
   auto p = parse("permit tcp any any le 0");
-  EXPECT_EQ(p.rc, -13);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_DST_PORT);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_op = 4});
 }
 
 TEST(AccessParseErrors, BadDestinationUpperBound) {
   auto p = parse("permit tcp any any range 6000 65536");
-  EXPECT_EQ(p.rc, -14);
+  EXPECT_EQ(p.rc, IPACCESS_E_BAD_DST_UPPER_PORT);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .dst_op = 7, .dst_port = 6000});
 }
 
 TEST(AccessParseErrors, ConnectionAsLastWord) {
   auto p = parse("permit tcp any any established connection");
-  EXPECT_EQ(p.rc, -15);
+  EXPECT_EQ(p.rc, IPACCESS_E_CONNECTION_WITHOUT_FLAG);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .tcpflag = 2});
 }
 
 TEST(AccessParseErrors, UnknownWordAfterConnection) {
   auto p = parse("permit tcp any any connection established");
-  EXPECT_EQ(p.rc, -16);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_CONNECTION_FLAG);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6});
 }
 
 TEST(AccessParseErrors, UnknownTrailingWord) {
   auto p = parse("permit tcp any any foo");
-  EXPECT_EQ(p.rc, -17);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_TRAILING_WORD);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6});
 }
 
 TEST(AccessParseErrors, UnknownLoggingLevel) {
   auto p = parse("permit tcp any any connection exists log verbose");
-  EXPECT_EQ(p.rc, -17);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_TRAILING_WORD);
   expect_record(p.rule, Rule{.policy = 1, .proto = 6, .connflag = 5});
 }
 
@@ -624,7 +624,7 @@ TEST(AccessParseErrors, UnknownLoggingLevel) {
 TEST(AccessWordLimit, SixteenWordsAreRead) {
   // 16 words: the level word of "log long" is the 16th.
   auto p = parse("permit tcp host 1.2.3.4 eq 1 host 5.6.7.8 range 3 4 connect connection exists log long");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   EXPECT_EQ(p.rule.logging, 2);
 }
 
@@ -632,7 +632,7 @@ TEST(AccessWordLimit, LevelAsSeventeenthWordIsDroppedAndTheRuleLogsShort) {
   auto p = parse(
       "permit tcp 1.2.3.0 255.255.255.0 range 1 2 5.6.7.0 255.255.255.0 range 3 4 established connection "
       "incoming log alert");
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   expect_record(p.rule, Rule{.policy = 1,
                              .proto = 6,
                              .src_addr = 0x01020300,
@@ -652,9 +652,9 @@ TEST(AccessWordLimit, LevelAsSeventeenthWordIsDroppedAndTheRuleLogsShort) {
 
 TEST(AccessWordLimit, UnknownSeventeenthWordIsNotSeen) {
   auto p = parse("permit tcp host 1.2.3.4 eq 1 host 5.6.7.8 range 3 4 connect connection exists log bogus");
-  EXPECT_EQ(p.rc, -17);
+  EXPECT_EQ(p.rc, IPACCESS_E_UNKNOWN_TRAILING_WORD);
   auto q = parse("permit tcp host 1.2.3.4 range 1 2 host 5.6.7.8 range 3 4 connect connection exists log bogus");
-  EXPECT_EQ(q.rc, 0);
+  EXPECT_EQ(q.rc, IPACCESS_E_OK);
   EXPECT_EQ(q.rule.logging, 1);
 }
 
@@ -665,7 +665,7 @@ TEST(AccessParseMemory, NoScratchMemoryGivesMinusOneAndAClearedRecord) {
   ipaccess_rule rule;
   std::memset(&rule, 0x5A, sizeof rule);
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(ipaccess_parse(&rule, "permit tcp any any"), -1);
+  EXPECT_EQ(ipaccess_parse(&rule, "permit tcp any any"), IPACCESS_E_TOO_LONG);
   expect_record(rule, Rule{});
 }
 
@@ -673,8 +673,8 @@ TEST(AccessParseMemory, ParsingWorksAgainAfterAFailedAllocation) {
   testsupport::NoLeakGuard guard;
   ipaccess_rule rule;
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(ipaccess_parse(&rule, "permit tcp any any"), -1);
-  EXPECT_EQ(ipaccess_parse(&rule, "permit tcp any any"), 0);
+  EXPECT_EQ(ipaccess_parse(&rule, "permit tcp any any"), IPACCESS_E_TOO_LONG);
+  EXPECT_EQ(ipaccess_parse(&rule, "permit tcp any any"), IPACCESS_E_OK);
   EXPECT_EQ(rule.policy, 1);
 }
 

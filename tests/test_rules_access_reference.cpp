@@ -105,7 +105,7 @@ std::string lower(std::string s) {
 // row whose keyword matches ignoring case (rows without a keyword answer to
 // "any"), then "P<number>".
 std::optional<std::uint8_t> protocol_of(const std::string &word) {
-  static const std::map<int, std::string> keywords = access_test::iana_keywords();
+  static const std::map<int, std::string> keywords = testsupport::iana_protocol_keywords();
   std::string w = lower(word);
   if (w == "ip") return 255;
   if (w == "ipv4") return 0;

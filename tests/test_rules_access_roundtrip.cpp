@@ -41,7 +41,7 @@ std::vector<std::string> lines_of(const std::string &path, bool rules_only) {
 // the numeric names, printed "p140".."p254" while the parser wants a capital
 // "P".
 bool name_reads_back(int proto) {
-  static const std::map<int, std::string> keywords = access_test::iana_keywords();
+  static const std::map<int, std::string> keywords = testsupport::iana_protocol_keywords();
   if (proto == 255) return true;
   if (proto >= 140) return false;
   return keywords.at(proto).find(' ') == std::string::npos;
@@ -161,7 +161,7 @@ std::string canonical_text(const ipaccess_rule &rec) {
 
 TEST(AccessRuleFile, EveryRuleParses) {
   for (const std::string &line : lines_of(testsupport::source_path("tests/data/access-rules.txt"), true))
-    EXPECT_EQ(parse(line).rc, 0) << line;
+    EXPECT_EQ(parse(line).rc, IPACCESS_E_OK) << line;
 }
 
 TEST(AccessRuleFile, RulesPrintBackAsWritten) {
@@ -187,7 +187,7 @@ TEST(AccessRuleFile, NormalisedRulesPrintInCanonicalForm) {
 TEST(AccessRuleFile, CanonicalFormIsStable) {
   for (const std::string &line : lines_of(testsupport::source_path("tests/data/access-rules.canonical.txt"), false)) {
     auto p = parse(line);
-    ASSERT_EQ(p.rc, 0) << line;
+    ASSERT_EQ(p.rc, IPACCESS_E_OK) << line;
     EXPECT_EQ(canonical_text(p.rule), line);
   }
 }
@@ -202,7 +202,7 @@ TEST(AccessRoundTrip, ParsingThePrintedTextGivesBackWhatItCarries) {
     ipaccess_rule rec = to_record(r);
     std::string text = ipaccess_string(&rec);
     auto p = parse(text);
-    ASSERT_EQ(p.rc, 0) << text;
+    ASSERT_EQ(p.rc, IPACCESS_E_OK) << text;
     SCOPED_TRACE(text);
     expect_record(p.rule, read_back(r));
     if (printed_words(r) > 16) ++seventeen_word_lines;
@@ -222,12 +222,12 @@ TEST(AccessRoundTrip, NormalisedTextIsAFixpoint) {
     SCOPED_TRACE(first);
 
     auto once = parse(first);
-    ASSERT_EQ(once.rc, 0);
+    ASSERT_EQ(once.rc, IPACCESS_E_OK);
     ipaccess_optim_rulestruct(&once.rule);
     std::string second = ipaccess_string_use_flags(&once.rule);
 
     auto twice = parse(second);
-    ASSERT_EQ(twice.rc, 0);
+    ASSERT_EQ(twice.rc, IPACCESS_E_OK);
     ipaccess_optim_rulestruct(&twice.rule);
     EXPECT_EQ(ipaccess_string_use_flags(&twice.rule), second);
     expect_record(twice.rule, from_record(once.rule));
@@ -259,8 +259,8 @@ TEST(AccessHostileInput, DamagedLinesGiveAResultCodeAndNothingElse) {
     }
     std::string text(line.c_str());  // up to an inserted NUL
     auto p = parse(text);
-    EXPECT_LE(p.rc, 0) << text;
-    EXPECT_GE(p.rc, -17) << text;
+    EXPECT_LE(p.rc, IPACCESS_E_OK) << text;
+    EXPECT_GE(p.rc, IPACCESS_E_UNKNOWN_TRAILING_WORD) << text;
   }
 }
 
@@ -283,7 +283,7 @@ TEST(AccessHostileInput, AllocationFailureAtEveryParseOfTheRuleFile) {
     ipaccess_rule rule;
     std::memset(&rule, 0xEE, sizeof rule);
     nuvcsock_fail_nth_allocation(1);
-    EXPECT_EQ(ipaccess_parse(&rule, line.c_str()), -1) << line;
+    EXPECT_EQ(ipaccess_parse(&rule, line.c_str()), IPACCESS_E_TOO_LONG) << line;
     expect_record(rule, Rule{});
   }
 }
@@ -294,14 +294,14 @@ TEST(AccessRoundTripProtocols, NumericNameIsPrintedInLowerCaseAndRefused) {
   ipaccess_rule rec = to_record(Rule{.policy = 1, .proto = 200});
   std::string text = ipaccess_string(&rec);
   EXPECT_EQ(text, "permit p200 any any");
-  EXPECT_EQ(parse(text).rc, -4);
+  EXPECT_EQ(parse(text).rc, IPACCESS_E_UNKNOWN_PROTOCOL);
 }
 
 TEST(AccessRoundTripProtocols, NameWithABlankSplitsIntoTwoWords) {
   ipaccess_rule rec = to_record(Rule{.policy = 1, .proto = 135});
   std::string text = ipaccess_string(&rec);
   EXPECT_EQ(text, "permit mobility header any any");
-  EXPECT_EQ(parse(text).rc, -4);  // "mobility" alone names no protocol
+  EXPECT_EQ(parse(text).rc, IPACCESS_E_UNKNOWN_PROTOCOL);  // "mobility" alone names no protocol
 }
 
 TEST(AccessRoundTripProtocols, EncapsulatedIpv4ReadsBackAsAnyProtocol) {
@@ -309,7 +309,7 @@ TEST(AccessRoundTripProtocols, EncapsulatedIpv4ReadsBackAsAnyProtocol) {
   std::string text = ipaccess_string(&rec);
   EXPECT_EQ(text, "deny ip any any");
   auto p = parse(text);
-  EXPECT_EQ(p.rc, 0);
+  EXPECT_EQ(p.rc, IPACCESS_E_OK);
   EXPECT_EQ(p.rule.proto, 255);
 }
 
@@ -317,7 +317,7 @@ TEST(AccessRoundTripProtocols, RowsWithoutKeywordReadBackAsTheFirstOfThem) {
   for (std::uint8_t proto : {61, 63, 68, 99, 114}) {
     ipaccess_rule rec = to_record(Rule{.policy = 2, .proto = proto});
     auto p = parse(ipaccess_string(&rec));
-    EXPECT_EQ(p.rc, 0);
+    EXPECT_EQ(p.rc, IPACCESS_E_OK);
     EXPECT_EQ(p.rule.proto, 61) << int{proto};
   }
 }

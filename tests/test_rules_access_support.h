@@ -10,7 +10,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -119,24 +118,6 @@ inline Parsed parse(std::string_view text) {
   std::memset(&p.rule, 0xA5, sizeof p.rule);
   p.rc = ipaccess_parse(&p.rule, exact.get());
   return p;
-}
-
-// Protocol keywords of the IANA registry by number (rows without a keyword
-// hold the empty text; ranges of unassigned numbers are left out).
-inline std::map<int, std::string> iana_keywords() {
-  std::istringstream in(testsupport::read_text_file(testsupport::data_path("iana-protocol-numbers.csv")));
-  std::map<int, std::string> keywords;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::size_t comma = line.find(',');
-    std::string number = line.substr(0, comma);
-    if (number.find('-') != std::string::npos) continue;
-    std::size_t open = line.find('"', comma);
-    std::size_t close = line.find('"', open + 1);
-    keywords[std::stoi(number)] = line.substr(open + 1, close - open - 1);
-  }
-  return keywords;
 }
 
 }  // namespace access_test

@@ -115,7 +115,7 @@ TEST(Ip6ForwardRuleInit, HeaderOnlyBlockHoldsNoEntry) {
   ASSERT_NE(rule, nullptr);
   EXPECT_EQ(rule->capacity, 0);
   ExactText line("tcp 80");
-  EXPECT_EQ(ip6_forwardrule_parse(rule, line.c_str()), -3);
+  EXPECT_EQ(ip6_forwardrule_parse(rule, line.c_str()), IP6_FORWARDRULE_E_FULL);
 }
 
 TEST(Ip6ForwardRuleInit, ClearsTheWholeBuffer) {
@@ -144,10 +144,10 @@ TEST(Ip6ForwardRuleInit, CapacityIsCappedAtTheLargestCount) {
 
 TEST(Ip6ForwardRuleParse, LinesAreSortedByProtocolAndPortsOnFinish) {
   Block b;
-  EXPECT_EQ(b.add("tcp 443,80"), 0);
-  EXPECT_EQ(b.add("udp 53"), 0);
-  EXPECT_EQ(b.add("tcp 1000-2000"), 0);
-  EXPECT_EQ(b.add("gre"), 0);
+  EXPECT_EQ(b.add("tcp 443,80"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("udp 53"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("tcp 1000-2000"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("gre"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 443, 443}, {6, 80, 80}, {17, 53, 53}, {6, 1000, 2000}}));
   EXPECT_EQ(ip6_forwardrule_finish(b.rule), 48 + 4 * kEntrySize);
   EXPECT_EQ(b.rule->size, 48 + 4 * kEntrySize);
@@ -157,22 +157,22 @@ TEST(Ip6ForwardRuleParse, LinesAreSortedByProtocolAndPortsOnFinish) {
 
 TEST(Ip6ForwardRuleParse, SortingUsesTheHighestPortLast) {
   Block b;
-  EXPECT_EQ(b.add("tcp 80-90,80,1"), 0);
+  EXPECT_EQ(b.add("tcp 80-90,80,1"), IP6_FORWARDRULE_E_OK);
   ip6_forwardrule_finish(b.rule);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 1, 1}, {6, 80, 80}, {6, 80, 90}}));
 }
 
 TEST(Ip6ForwardRuleParse, PortProtocolWithoutPortsTakesAllPorts) {
   Block b;
-  EXPECT_EQ(b.add("tcp"), 0);
-  EXPECT_EQ(b.add("udp "), 0);
+  EXPECT_EQ(b.add("tcp"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("udp "), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 0, 65535}, {17, 0, 65535}}));
   EXPECT_STREQ(ip6_forwardrule2str(b.rule), "TCP 0-65535 UDP 0-65535");
 }
 
 TEST(Ip6ForwardRuleParse, ReversedRangeIsStoredInOrder) {
   Block b;
-  EXPECT_EQ(b.add("tcp 90-80"), 0);
+  EXPECT_EQ(b.add("tcp 90-80"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 80, 90}}));
 }
 
@@ -180,16 +180,16 @@ TEST(Ip6ForwardRuleParse, BadSeparatorKeepsTheEntriesBeforeIt) {
   Block b;
   EXPECT_EQ(b.add("tcp 80;443"), -2);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 80, 80}}));
-  EXPECT_EQ(b.add("udp 53 54"), -2);
-  EXPECT_EQ(b.add("udp 60-70x"), -2);
+  EXPECT_EQ(b.add("udp 53 54"), IP6_FORWARDRULE_E_BAD_SEPARATOR);
+  EXPECT_EQ(b.add("udp 60-70x"), IP6_FORWARDRULE_E_BAD_SEPARATOR);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 80, 80}, {17, 53, 53}, {17, 60, 70}}));
 }
 
 TEST(Ip6ForwardRuleParse, UnknownProtocol) {
   Block b;
-  EXPECT_EQ(b.add("foo 1"), -5);
-  EXPECT_EQ(b.add("6 80"), -5);
-  EXPECT_EQ(b.add("tcp\t80"), -5) << "only blanks end the protocol word";
+  EXPECT_EQ(b.add("foo 1"), IP6_FORWARDRULE_E_UNKNOWN_PROTOCOL);
+  EXPECT_EQ(b.add("6 80"), IP6_FORWARDRULE_E_UNKNOWN_PROTOCOL);
+  EXPECT_EQ(b.add("tcp\t80"), IP6_FORWARDRULE_E_UNKNOWN_PROTOCOL) << "only blanks end the protocol word";
   EXPECT_EQ(b.rule->count, 0);
 }
 
@@ -198,77 +198,77 @@ TEST(Ip6ForwardRuleParse, FullBlockRefusesTheNextEntry) {
   ip6_forwardrule *rule = ip6_forwardrule_init(buffer.data(), buffer.size());
   ASSERT_EQ(rule->capacity, 3);
   ExactText first("tcp 1,2,3,4");
-  EXPECT_EQ(ip6_forwardrule_parse(rule, first.c_str()), -3);
+  EXPECT_EQ(ip6_forwardrule_parse(rule, first.c_str()), IP6_FORWARDRULE_E_FULL);
   EXPECT_EQ(entries_of(rule), (std::vector<Entry>{{6, 1, 1}, {6, 2, 2}, {6, 3, 3}}));
   ExactText more("udp");
-  EXPECT_EQ(ip6_forwardrule_parse(rule, more.c_str()), -3);
+  EXPECT_EQ(ip6_forwardrule_parse(rule, more.c_str()), IP6_FORWARDRULE_E_FULL);
   ExactText portless("gre");
-  EXPECT_EQ(ip6_forwardrule_parse(rule, portless.c_str()), 0) << "protocols without ports need no entry";
+  EXPECT_EQ(ip6_forwardrule_parse(rule, portless.c_str()), IP6_FORWARDRULE_E_OK) << "protocols without ports need no entry";
   EXPECT_EQ(rule->count, 3);
 }
 
 TEST(Ip6ForwardRuleParse, PortsAreCutTo16Bits) {
   Block b;
-  EXPECT_EQ(b.add("tcp 70000"), 0);
-  EXPECT_EQ(b.add("tcp 65535"), 0);
+  EXPECT_EQ(b.add("tcp 70000"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("tcp 65535"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 4464, 4464}, {6, 65535, 65535}}));
 }
 
 TEST(Ip6ForwardRuleParse, PortThatCutsToZeroIsBad) {
   Block b;
-  EXPECT_EQ(b.add("tcp 65536"), -1);
-  EXPECT_EQ(b.add("tcp 0"), -1);
-  EXPECT_EQ(b.add("tcp 131072"), -1);
-  EXPECT_EQ(b.add("tcp 80-0"), -1);
+  EXPECT_EQ(b.add("tcp 65536"), IP6_FORWARDRULE_E_BAD_PORT);
+  EXPECT_EQ(b.add("tcp 0"), IP6_FORWARDRULE_E_BAD_PORT);
+  EXPECT_EQ(b.add("tcp 131072"), IP6_FORWARDRULE_E_BAD_PORT);
+  EXPECT_EQ(b.add("tcp 80-0"), IP6_FORWARDRULE_E_BAD_PORT);
   EXPECT_EQ(b.rule->count, 0);
 }
 
 TEST(Ip6ForwardRuleParse, NumbersReadLikeA32BitUnsignedLong) {
   Block b;
-  EXPECT_EQ(b.add("tcp -1"), 0);          // 0xffffffff
-  EXPECT_EQ(b.add("tcp 4294967296"), 0);  // beyond 32 bits: 0xffffffff
-  EXPECT_EQ(b.add("tcp 99999999999999999999999"), 0);
-  EXPECT_EQ(b.add("tcp -65535"), 0);  // 0xffff0001
-  EXPECT_EQ(b.add("tcp +22"), 0);
+  EXPECT_EQ(b.add("tcp -1"), IP6_FORWARDRULE_E_OK);          // 0xffffffff
+  EXPECT_EQ(b.add("tcp 4294967296"), IP6_FORWARDRULE_E_OK);  // beyond 32 bits: 0xffffffff
+  EXPECT_EQ(b.add("tcp 99999999999999999999999"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("tcp -65535"), IP6_FORWARDRULE_E_OK);  // 0xffff0001
+  EXPECT_EQ(b.add("tcp +22"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule),
             (std::vector<Entry>{{6, 65535, 65535}, {6, 65535, 65535}, {6, 65535, 65535}, {6, 1, 1}, {6, 22, 22}}));
 }
 
 TEST(Ip6ForwardRuleParse, MissingNumbersAreBad) {
   Block b;
-  EXPECT_EQ(b.add("tcp 80,"), -1);
-  EXPECT_EQ(b.add("tcp ,80"), -1);
-  EXPECT_EQ(b.add("tcp 80-"), -1);
-  EXPECT_EQ(b.add("tcp http"), -1);
+  EXPECT_EQ(b.add("tcp 80,"), IP6_FORWARDRULE_E_BAD_PORT);
+  EXPECT_EQ(b.add("tcp ,80"), IP6_FORWARDRULE_E_BAD_PORT);
+  EXPECT_EQ(b.add("tcp 80-"), IP6_FORWARDRULE_E_BAD_PORT);
+  EXPECT_EQ(b.add("tcp http"), IP6_FORWARDRULE_E_BAD_PORT);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 80, 80}}));
 }
 
 TEST(Ip6ForwardRuleParse, BlanksAroundDashAndBeforeCommaAreAllowed) {
   Block b;
-  EXPECT_EQ(b.add("tcp 80 - 90 ,100 ,  200-300 "), 0);
+  EXPECT_EQ(b.add("tcp 80 - 90 ,100 ,  200-300 "), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 80, 90}, {6, 100, 100}, {6, 200, 300}}));
 }
 
 TEST(Ip6ForwardRuleParse, LeadingBlanksAreSkipped) {
   Block b;
-  EXPECT_EQ(b.add("    udp 123"), 0);
+  EXPECT_EQ(b.add("    udp 123"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{17, 123, 123}}));
 }
 
 TEST(Ip6ForwardRuleParse, CommentLinesAreIgnored) {
   Block b;
-  EXPECT_EQ(b.add("# tcp 80"), 0);
-  EXPECT_EQ(b.add("   #tcp 80"), 0);
-  EXPECT_EQ(b.add("#"), 0);
+  EXPECT_EQ(b.add("# tcp 80"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("   #tcp 80"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("#"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(b.rule->count, 0);
   for (std::uint32_t word : b.rule->proto_bits) EXPECT_EQ(word, 0u);
 }
 
 TEST(Ip6ForwardRuleParse, ProtocolsWithoutPortsOnlySetTheirBit) {
   Block b;
-  EXPECT_EQ(b.add("icmpv6 128,129 whatever"), 0);
-  EXPECT_EQ(b.add("GRE"), 0);
-  EXPECT_EQ(b.add("P200"), 0);
+  EXPECT_EQ(b.add("icmpv6 128,129 whatever"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("GRE"), IP6_FORWARDRULE_E_OK);
+  EXPECT_EQ(b.add("P200"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(b.rule->count, 0);
   EXPECT_EQ(b.rule->proto_bits[1], 1u << (58 - 32) | 1u << (47 - 32));
   EXPECT_EQ(b.rule->proto_bits[6], 1u << (200 - 192));
@@ -277,14 +277,14 @@ TEST(Ip6ForwardRuleParse, ProtocolsWithoutPortsOnlySetTheirBit) {
 
 TEST(Ip6ForwardRuleParse, AnyProtocolSetsItsBitButIsNeverPrinted) {
   Block b;
-  EXPECT_EQ(b.add("ip"), 0);
+  EXPECT_EQ(b.add("ip"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(b.rule->proto_bits[7], 0x80000000u);
   EXPECT_STREQ(ip6_forwardrule2str(b.rule), "");
 }
 
 TEST(Ip6ForwardRuleParse, EveryPortProtocolTakesPorts) {
   Block b;
-  for (const char *line : {"dccp 1", "sctp 2", "udplite 3", "tcp 4", "udp 5"}) EXPECT_EQ(b.add(line), 0) << line;
+  for (const char *line : {"dccp 1", "sctp 2", "udplite 3", "tcp 4", "udp 5"}) EXPECT_EQ(b.add(line), IP6_FORWARDRULE_E_OK) << line;
   ip6_forwardrule_finish(b.rule);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 4, 4}, {17, 5, 5}, {33, 1, 1}, {132, 2, 2}, {136, 3, 3}}));
   EXPECT_STREQ(ip6_forwardrule2str(b.rule), "TCP 4 UDP 5 DCCP 1 SCTP 2 UDPLite 3");
@@ -292,7 +292,7 @@ TEST(Ip6ForwardRuleParse, EveryPortProtocolTakesPorts) {
 
 TEST(Ip6ForwardRuleParse, EntriesCarryOnlyProtocolAndPorts) {
   Block b;
-  EXPECT_EQ(b.add("udp 5000-5010 internet mark 3 # game"), -2);
+  EXPECT_EQ(b.add("udp 5000-5010 internet mark 3 # game"), IP6_FORWARDRULE_E_BAD_SEPARATOR);
   ASSERT_EQ(b.rule->count, 1);
   const ip6_portrange &e = b.rule->entries[0];
   EXPECT_EQ(e.enabled, 0);
@@ -308,12 +308,12 @@ TEST(Ip6ForwardRuleParse, LongLinesAreCutAfter1023Characters) {
   line += "2000,3000";
   ASSERT_EQ(line.size(), 1028u);
   Block b(300);
-  EXPECT_EQ(b.add(line), 0);
+  EXPECT_EQ(b.add(line), IP6_FORWARDRULE_E_OK);
   ASSERT_EQ(b.rule->count, 204);
   EXPECT_EQ(b.rule->entries[203].port_lo, 2000);
 
   Block blanks(300);
-  EXPECT_EQ(blanks.add("      " + line), 0) << "the count starts after the leading blanks";
+  EXPECT_EQ(blanks.add("      " + line), IP6_FORWARDRULE_E_OK) << "the count starts after the leading blanks";
   EXPECT_EQ(blanks.rule->count, 204);
 }
 
@@ -324,7 +324,7 @@ TEST(Ip6ForwardRuleParse, CutThatEndsOnASeparatorLeavesAMissingNumber) {
   line += "2000";
   ASSERT_EQ(line.size(), 1027u);
   Block b(300);
-  EXPECT_EQ(b.add(line), -1);
+  EXPECT_EQ(b.add(line), IP6_FORWARDRULE_E_BAD_PORT);
   EXPECT_EQ(b.rule->count, 204);
 }
 
@@ -334,19 +334,19 @@ TEST(Ip6ForwardRuleScratch, ParsingTakesOneScratchBlockAndReturnsIt) {
   NoLeakGuard guard;
   Block b;
   long before = nuvcsock_allocations();
-  EXPECT_EQ(b.add("tcp 80"), 0);
+  EXPECT_EQ(b.add("tcp 80"), IP6_FORWARDRULE_E_OK);
   EXPECT_EQ(nuvcsock_allocations(), before + 1);
 }
 
 TEST(Ip6ForwardRuleScratch, WithoutScratchMemoryTheLineFailsAndTheBlockStays) {
   NoLeakGuard guard;
   Block b;
-  ASSERT_EQ(b.add("tcp 80"), 0);
+  ASSERT_EQ(b.add("tcp 80"), IP6_FORWARDRULE_E_OK);
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(b.add("udp 53"), -1);
+  EXPECT_EQ(b.add("udp 53"), IP6_FORWARDRULE_E_BAD_PORT);
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{6, 80, 80}}));
   nuvcsock_fail_nth_allocation(1);
-  EXPECT_EQ(b.add("gre"), -1);
+  EXPECT_EQ(b.add("gre"), IP6_FORWARDRULE_E_BAD_PORT);
   EXPECT_FALSE(bit_set(b.rule, 47));
 }
 
@@ -354,7 +354,7 @@ TEST(Ip6ForwardRuleScratch, CommentLinesNeedNoScratchMemory) {
   NoLeakGuard guard;
   Block b;
   nuvcsock_fail_from_allocation(1);
-  EXPECT_EQ(b.add("  # only a comment"), 0);
+  EXPECT_EQ(b.add("  # only a comment"), IP6_FORWARDRULE_E_OK);
 }
 
 TEST(Ip6ForwardRuleScratch, EveryResultCodeReturnsTheScratchBlock) {
@@ -427,7 +427,7 @@ TEST(Ip6ForwardRuleString, LongTextIsCutTo255Characters) {
     line += std::to_string(port) + (port < 10149 ? "," : "");
     expected += std::to_string(port) + (port < 10149 ? "," : "");
   }
-  ASSERT_EQ(b.add(line), 0);
+  ASSERT_EQ(b.add(line), IP6_FORWARDRULE_E_OK);
   expected.resize(255);
   EXPECT_EQ(std::string(ip6_forwardrule2str(b.rule)), expected);
 }
@@ -452,7 +452,7 @@ TEST(Ip6ForwardRuleFinish, EmptyBlockShrinksToItsHeader) {
 TEST(Ip6PortRangeParse, DisabledRangeWithScopeMarkAndComment) {
   ExactText text("# udp 5000-5010 internet mark 3 # game");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.enabled, 0);
   EXPECT_EQ(r.proto, 17);
   EXPECT_EQ(r.port_lo, 5000);
@@ -467,7 +467,7 @@ TEST(Ip6PortRangeParse, DisabledRangeWithScopeMarkAndComment) {
 TEST(Ip6PortRangeParse, ProtocolWithoutPortsHasZeroBounds) {
   ExactText text("icmpv6 5");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.enabled, 1);
   EXPECT_EQ(r.proto, 58);
   EXPECT_EQ(r.port_lo, 0);
@@ -479,7 +479,7 @@ TEST(Ip6PortRangeParse, ProtocolWithoutPortsHasZeroBounds) {
 TEST(Ip6PortRangeParse, PortProtocolWithoutPortsTakesAllPorts) {
   ExactText text("tcp local");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 0);
   EXPECT_EQ(r.port_hi, 65535);
   EXPECT_EQ(r.scope, IP6_PORTRANGE_SCOPE_LOCAL);
@@ -489,7 +489,7 @@ TEST(Ip6PortRangeParse, PortProtocolWithoutPortsTakesAllPorts) {
 TEST(Ip6PortRangeParse, SinglePortGivesEqualBounds) {
   ExactText text("tcp 443");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 443);
   EXPECT_EQ(r.port_hi, 443);
   EXPECT_STREQ(ip6_portrange2str(&r), "TCP 443");
@@ -498,7 +498,7 @@ TEST(Ip6PortRangeParse, SinglePortGivesEqualBounds) {
 TEST(Ip6PortRangeParse, BoundsAreNotReordered) {
   ExactText text("tcp 90-80");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 90);
   EXPECT_EQ(r.port_hi, 80);
   EXPECT_STREQ(ip6_portrange2str(&r), "TCP 90-80");
@@ -507,7 +507,7 @@ TEST(Ip6PortRangeParse, BoundsAreNotReordered) {
 TEST(Ip6PortRangeParse, BlanksAroundTheDash) {
   ExactText text("  tcp   80  -  90   mark 1");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 80);
   EXPECT_EQ(r.port_hi, 90);
   EXPECT_EQ(r.mark, 1u);
@@ -516,7 +516,7 @@ TEST(Ip6PortRangeParse, BlanksAroundTheDash) {
 TEST(Ip6PortRangeParse, BadUpperBoundIsPassedOver) {
   ExactText text("tcp 80-x local");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 80);
   EXPECT_EQ(r.port_hi, 80);
   EXPECT_EQ(r.scope, 0) << "the word after the dash is the one looked at";
@@ -526,14 +526,14 @@ TEST(Ip6PortRangeParse, PortsReadLikeTheValueParser) {
   // Base prefixes and the 16-bit cut of the number reader.
   ExactText hex("tcp 0x50-010");
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(hex, &r), 0);
+  ASSERT_EQ(parse_range(hex, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 80);
   EXPECT_EQ(r.port_hi, 8);
   ExactText big("udp 70000");
-  ASSERT_EQ(parse_range(big, &r), 0);
+  ASSERT_EQ(parse_range(big, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 4464);
   ExactText zero("udp 0");
-  ASSERT_EQ(parse_range(zero, &r), 0);
+  ASSERT_EQ(parse_range(zero, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.port_lo, 0);
   EXPECT_EQ(r.port_hi, 0);
 }
@@ -541,23 +541,23 @@ TEST(Ip6PortRangeParse, PortsReadLikeTheValueParser) {
 TEST(Ip6PortRangeParse, ScopeOnlyInTheFirstWord) {
   ip6_portrange r = dirty_range();
   ExactText second("udp 53 foo local");
-  ASSERT_EQ(parse_range(second, &r), 0);
+  ASSERT_EQ(parse_range(second, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.scope, 0);
   ExactText both("udp 53 internet local");
-  ASSERT_EQ(parse_range(both, &r), 0);
+  ASSERT_EQ(parse_range(both, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.scope, IP6_PORTRANGE_SCOPE_INTERNET);
 }
 
 TEST(Ip6PortRangeParse, MarkInTheFirstOrSecondWord) {
   ip6_portrange r = dirty_range();
   ExactText first("udp 53 mark 9");
-  ASSERT_EQ(parse_range(first, &r), 0);
+  ASSERT_EQ(parse_range(first, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.mark, 9u);
   ExactText second("udp 53 foo mark 10");
-  ASSERT_EQ(parse_range(second, &r), 0);
+  ASSERT_EQ(parse_range(second, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.mark, 10u);
   ExactText third("udp 53 foo bar mark 11 # x");
-  ASSERT_EQ(parse_range(third, &r), 0);
+  ASSERT_EQ(parse_range(third, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.mark, 0u) << "a third word is not read";
   EXPECT_STREQ(r.comment, "x");
 }
@@ -565,29 +565,29 @@ TEST(Ip6PortRangeParse, MarkInTheFirstOrSecondWord) {
 TEST(Ip6PortRangeParse, MarkReadsLikeTheValueParser) {
   ip6_portrange r = dirty_range();
   ExactText hex("udp 53 local mark 0x10");
-  ASSERT_EQ(parse_range(hex, &r), 0);
+  ASSERT_EQ(parse_range(hex, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.mark, 16u);
   ExactText big("udp 53 local mark 4294967295");
-  ASSERT_EQ(parse_range(big, &r), 0);
+  ASSERT_EQ(parse_range(big, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.mark, 4294967295u);
 }
 
 TEST(Ip6PortRangeParse, MarkWithoutValueFails) {
   ip6_portrange r = dirty_range();
   ExactText missing("udp 53 mark");
-  EXPECT_EQ(parse_range(missing, &r), -2);
+  EXPECT_EQ(parse_range(missing, &r), IP6_PORTRANGE_E_MALFORMED);
   ExactText word("udp 53 local mark high");
-  EXPECT_EQ(parse_range(word, &r), -2);
+  EXPECT_EQ(parse_range(word, &r), IP6_PORTRANGE_E_MALFORMED);
   EXPECT_EQ(r.scope, IP6_PORTRANGE_SCOPE_LOCAL);
 }
 
 TEST(Ip6PortRangeParse, CommentAfterBlanksAndNoWordsBeforeIt) {
   ip6_portrange r = dirty_range();
   ExactText text("udp 53 #   dns\tresolver");
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_STREQ(r.comment, "dns\tresolver");
   ExactText empty("udp 53 #");
-  ASSERT_EQ(parse_range(empty, &r), 0);
+  ASSERT_EQ(parse_range(empty, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.comment, empty.c_str() + empty.size() - 1);
   EXPECT_STREQ(ip6_portrange2str(&r), "UDP 53 # ");
 }
@@ -595,7 +595,7 @@ TEST(Ip6PortRangeParse, CommentAfterBlanksAndNoWordsBeforeIt) {
 TEST(Ip6PortRangeParse, CommentKeepsLeadingTabs) {
   ip6_portrange r = dirty_range();
   ExactText text("udp 53 #\tdns");
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_STREQ(r.comment, "\tdns");
 }
 
@@ -604,18 +604,18 @@ TEST(Ip6PortRangeParse, HashInsideAReadWordStartsNoComment) {
   // looked for in what follows the words read.
   ip6_portrange r = dirty_range();
   ExactText text("udp 53 local#lan");
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.scope, 0);
   EXPECT_EQ(r.comment, nullptr);
   ExactText third("udp 53 a b c#d");
-  ASSERT_EQ(parse_range(third, &r), 0);
+  ASSERT_EQ(parse_range(third, &r), IP6_PORTRANGE_E_OK);
   EXPECT_STREQ(r.comment, "d") << "a third word is not read, so its hash counts";
 }
 
 TEST(Ip6PortRangeParse, HashWithoutBlankStillDisables) {
   ip6_portrange r = dirty_range();
   ExactText text("   #udp 53");
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.enabled, 0);
   EXPECT_EQ(r.proto, 17);
   EXPECT_EQ(r.comment, nullptr);
@@ -624,7 +624,7 @@ TEST(Ip6PortRangeParse, HashWithoutBlankStillDisables) {
 TEST(Ip6PortRangeParse, KeywordsAreExactLowerCase) {
   ip6_portrange r = dirty_range();
   ExactText text("udp 53 LOCAL Mark 5");
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.scope, 0);
   EXPECT_EQ(r.mark, 0u);
 }
@@ -632,10 +632,10 @@ TEST(Ip6PortRangeParse, KeywordsAreExactLowerCase) {
 TEST(Ip6PortRangeParse, ProtocolNamesIgnoreCase) {
   ip6_portrange r = dirty_range();
   ExactText text("Udp 53");
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.proto, 17);
   ExactText numeric("P136 9");
-  ASSERT_EQ(parse_range(numeric, &r), 0);
+  ASSERT_EQ(parse_range(numeric, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.proto, 136);
   EXPECT_STREQ(ip6_portrange2str(&r), "UDPLite 9");
 }
@@ -643,20 +643,20 @@ TEST(Ip6PortRangeParse, ProtocolNamesIgnoreCase) {
 TEST(Ip6PortRangeParse, UnknownProtocolFails) {
   ip6_portrange r = dirty_range();
   ExactText text("foo 53");
-  EXPECT_EQ(parse_range(text, &r), -2);
+  EXPECT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_MALFORMED);
   EXPECT_EQ(r.scope, 0) << "scope and mark are cleared first";
   EXPECT_EQ(r.mark, 0u);
   EXPECT_EQ(r.enabled, 1);
   ExactText tab("udp\t53");
-  EXPECT_EQ(parse_range(tab, &r), -2) << "tabs do not end a word";
+  EXPECT_EQ(parse_range(tab, &r), IP6_PORTRANGE_E_MALFORMED) << "tabs do not end a word";
 }
 
 TEST(Ip6PortRangeParse, EmptyTextFails) {
   ip6_portrange r = dirty_range();
   ExactText empty("");
-  EXPECT_EQ(parse_range(empty, &r), -2);
+  EXPECT_EQ(parse_range(empty, &r), IP6_PORTRANGE_E_MALFORMED);
   ExactText hash("  # ");
-  EXPECT_EQ(parse_range(hash, &r), -2);
+  EXPECT_EQ(parse_range(hash, &r), IP6_PORTRANGE_E_MALFORMED);
   EXPECT_EQ(r.enabled, 0);
 }
 
@@ -665,16 +665,16 @@ TEST(Ip6PortRangeParse, WordsOf32CharactersOrMoreFail) {
   std::string w31(31, 'w');
   std::string w32(32, 'w');
   ExactText ok("udp 53 " + w31 + " mark 4");
-  ASSERT_EQ(parse_range(ok, &r), 0);
+  ASSERT_EQ(parse_range(ok, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.mark, 4u);
   ExactText first("udp 53 " + w32);
-  EXPECT_EQ(parse_range(first, &r), -2);
+  EXPECT_EQ(parse_range(first, &r), IP6_PORTRANGE_E_MALFORMED);
   ExactText second("udp 53 local " + w32);
-  EXPECT_EQ(parse_range(second, &r), -2);
+  EXPECT_EQ(parse_range(second, &r), IP6_PORTRANGE_E_MALFORMED);
   ExactText proto(w32 + " 53");
-  EXPECT_EQ(parse_range(proto, &r), -2);
+  EXPECT_EQ(parse_range(proto, &r), IP6_PORTRANGE_E_MALFORMED);
   ExactText after_comment("udp 53 # " + w32);
-  EXPECT_EQ(parse_range(after_comment, &r), 0) << "words after the comment mark are not read";
+  EXPECT_EQ(parse_range(after_comment, &r), IP6_PORTRANGE_E_OK) << "words after the comment mark are not read";
 }
 
 TEST(Ip6PortRangeParse, NeedsNoScratchMemory) {
@@ -682,7 +682,7 @@ TEST(Ip6PortRangeParse, NeedsNoScratchMemory) {
   nuvcsock_fail_from_allocation(1);
   ip6_portrange r = dirty_range();
   ExactText text("udp 53 local mark 1 # x");
-  EXPECT_EQ(parse_range(text, &r), 0);
+  EXPECT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
 }
 
 // ---- Printing port ranges ----
@@ -784,7 +784,7 @@ TEST(Ip6ForwardRuleParse, VeryLongLineIsReadOnlyUpToTheCut) {
   line += std::string(100000, ' ');
   line += ",54";
   Block b;
-  EXPECT_EQ(b.add(line), 0) << "the blanks before the cut end the list";
+  EXPECT_EQ(b.add(line), IP6_FORWARDRULE_E_OK) << "the blanks before the cut end the list";
   EXPECT_EQ(entries_of(b.rule), (std::vector<Entry>{{17, 53, 53}}));
 }
 
@@ -792,7 +792,7 @@ TEST(Ip6PortRangeParse, VeryLongLineFindsItsComment) {
   std::string line = "udp 53 local" + std::string(100000, ' ') + "# far";
   ExactText text(line);
   ip6_portrange r = dirty_range();
-  ASSERT_EQ(parse_range(text, &r), 0);
+  ASSERT_EQ(parse_range(text, &r), IP6_PORTRANGE_E_OK);
   EXPECT_EQ(r.scope, IP6_PORTRANGE_SCOPE_LOCAL);
   EXPECT_STREQ(r.comment, "far");
 }

@@ -70,19 +70,8 @@ struct RegistryRow {
 // Rows 0..139 of the IANA registry that have a keyword.
 std::vector<RegistryRow> registry_rows() {
   std::vector<RegistryRow> rows;
-  std::ifstream in(testsupport::data_path("iana-protocol-numbers.csv"));
-  EXPECT_TRUE(in.good());
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::size_t comma = line.find(',');
-    std::size_t open = line.find('"', comma);
-    std::size_t close = line.find('"', open + 1);
-    if (comma == std::string::npos || open == std::string::npos || close == std::string::npos) continue;
-    int number = std::stoi(line.substr(0, comma));
-    std::string keyword = line.substr(open + 1, close - open - 1);
+  for (const auto &[number, keyword] : testsupport::iana_protocol_keywords())
     if (number <= 139 && !keyword.empty()) rows.push_back({number, keyword});
-  }
   return rows;
 }
 
@@ -305,7 +294,7 @@ TEST(Ip6PortRangeProperty, RangesPrintAsTheReferenceAndReadBack) {
     ExactText exact(text);
     ip6_portrange back;
     std::memset(&back, 0x5A, sizeof back);
-    ASSERT_EQ(ip6_portrange_parse(exact.c_str(), &back), 0) << text;
+    ASSERT_EQ(ip6_portrange_parse(exact.c_str(), &back), IP6_PORTRANGE_E_OK) << text;
     EXPECT_EQ(back.enabled, r.enabled) << text;
     EXPECT_EQ(back.proto, r.proto) << text;
     EXPECT_EQ(back.port_lo, r.port_lo) << text;
@@ -337,7 +326,7 @@ TEST(Ip6ForwardRuleProperty, BlocksSortAndPrintAsTheReference) {
         int proto = protocols[rng() % protocols.size()];
         if (kPortProtocols.count(proto)) continue;
         portless.insert(proto);
-        ASSERT_EQ(block.add(names().at(proto)), 0);
+        ASSERT_EQ(block.add(names().at(proto)), IP6_FORWARDRULE_E_OK);
         continue;
       }
       int proto = port_protocols[rng() % port_protocols.size()];
@@ -349,7 +338,7 @@ TEST(Ip6ForwardRuleProperty, BlocksSortAndPrintAsTheReference) {
         line += (k ? "," : "") + (a == b ? std::to_string(a) : std::to_string(a) + "-" + std::to_string(b));
         expected.push_back({proto, std::min(a, b), std::max(a, b)});
       }
-      ASSERT_EQ(block.add(line), 0) << line;
+      ASSERT_EQ(block.add(line), IP6_FORWARDRULE_E_OK) << line;
     }
     std::sort(expected.begin(), expected.end());
     ip6_forwardrule *rule = block.rule();
@@ -366,7 +355,7 @@ TEST(Ip6ForwardRuleProperty, BlocksSortAndPrintAsTheReference) {
     // A text that was not cut reads back, protocol by protocol, to itself.
     if (text.size() >= 255) continue;
     Block again(64);
-    for (const std::string &line : lines_of_block_text(text)) ASSERT_EQ(again.add(line), 0) << line;
+    for (const std::string &line : lines_of_block_text(text)) ASSERT_EQ(again.add(line), IP6_FORWARDRULE_E_OK) << line;
     ip6_forwardrule_finish(again.rule());
     ASSERT_EQ(std::string(ip6_forwardrule2str(again.rule())), text);
   }
@@ -380,7 +369,7 @@ TEST(Ip6ForwardRuleRegistry, EveryKeywordIsAPortListOrAMarkedProtocol) {
     std::string lower = row.keyword;
     std::transform(lower.begin(), lower.end(), lower.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    ASSERT_EQ(block.add(lower + " 7"), 0) << row.keyword;
+    ASSERT_EQ(block.add(lower + " 7"), IP6_FORWARDRULE_E_OK) << row.keyword;
     // "IPv4" is read as 0 and nothing else of the registry shares a name.
     const int number = row.number == 4 ? 0 : row.number;
     ip6_forwardrule *rule = block.rule();

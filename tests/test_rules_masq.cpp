@@ -71,7 +71,7 @@ bool rule_is_clear(const ipmasqfwrule &r) {
 
 std::string round_trip(const std::string &text) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse(text, &r), 0) << text;
+  EXPECT_EQ(parse(text, &r), IPMASQFWRULE_E_OK) << text;
   return ipmasqfwrule_string(&r);
 }
 
@@ -81,7 +81,7 @@ std::string round_trip(const std::string &text) {
 
 TEST(MasqRuleParse, TcpForwardWithTwoPorts) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 0.0.0.0:80 192.168.1.20:8080 0", &r), 0);
+  ASSERT_EQ(parse("tcp 0.0.0.0:80 192.168.1.20:8080 0", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.proto, 6);
   EXPECT_EQ(r.addr1, addr_of("0.0.0.0"));
   EXPECT_EQ(r.port1, net_port(80));
@@ -98,7 +98,7 @@ TEST(MasqRuleFormat, TcpForwardPrintsBackTheSameText) {
 
 TEST(MasqRuleParse, PortCountAndOutFlag) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("udp 0.0.0.0:5000+10 192.168.1.20:5000 0 out", &r), 0);
+  ASSERT_EQ(parse("udp 0.0.0.0:5000+10 192.168.1.20:5000 0 out", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.proto, 17);
   EXPECT_EQ(r.port1, net_port(5000));
   EXPECT_EQ(r.count, 10);  // host order on every target
@@ -113,14 +113,14 @@ TEST(MasqRuleFormat, PortCountIsPrinted) {
 
 TEST(MasqRuleFormat, CountOfOneIsNotPrinted) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("udp 0.0.0.0:5000+1 192.168.1.20:5000 0", &r), 0);
+  ASSERT_EQ(parse("udp 0.0.0.0:5000+1 192.168.1.20:5000 0", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.count, 1);
   EXPECT_STREQ(ipmasqfwrule_string(&r), "udp 0.0.0.0:5000 192.168.1.20:5000 0");
 }
 
 TEST(MasqRuleFormat, CountIsNotPrintedWithoutAPort) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("udp 1.2.3.4:0+5 5.6.7.8 0", &r), 0);
+  ASSERT_EQ(parse("udp 1.2.3.4:0+5 5.6.7.8 0", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port1, 0);
   EXPECT_EQ(r.count, 5);
   EXPECT_STREQ(ipmasqfwrule_string(&r), "udp 1.2.3.4 5.6.7.8 0");
@@ -130,14 +130,14 @@ TEST(MasqRuleFormat, CountIsNotPrintedWithoutAPort) {
 
 TEST(MasqRuleParse, PlainParserReportsCommentedOutRule) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("# tcp 0.0.0.0:22 192.168.1.2:22 0", &r), 1);
+  EXPECT_EQ(parse("# tcp 0.0.0.0:22 192.168.1.2:22 0", &r), IPMASQFWRULE_E_COMMENTED_OUT);
   EXPECT_TRUE(rule_is_clear(r));
 }
 
 TEST(MasqRuleParse, ExtendedParserReadsCommentedOutRuleAsDisabled) {
   ExactText text("# tcp 0.0.0.0:22 192.168.1.2:22 0");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.enabled, 0);
   EXPECT_EQ(r.rule.proto, 6);
   EXPECT_EQ(r.rule.port1, net_port(22));
@@ -148,20 +148,20 @@ TEST(MasqRuleParse, ExtendedParserReadsCommentedOutRuleAsDisabled) {
 
 TEST(MasqRuleParse, HashGluedToTheProtocolIsNotTheDisabledMarker) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("#tcp 0.0.0.0:22 192.168.1.2:22 0", &r), -3);
+  EXPECT_EQ(parse("#tcp 0.0.0.0:22 192.168.1.2:22 0", &r), IPMASQFWRULE_E_UNKNOWN_PROTOCOL);
 }
 
 TEST(MasqRuleParse, DisabledMarkerAloneIsMissingTheProtocol) {
   ExactText text("#");
   ipmasqfwruleex r = dirty_rule_ex();
-  EXPECT_EQ(parse_ex(text, &r), -2);
+  EXPECT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_MISSING_WORD);
   EXPECT_EQ(r.enabled, 0);
 }
 
 TEST(MasqRuleParse, DisabledMarkerIsNotTakenAsComment) {
   ExactText text("# tcp 1.2.3.4 5.6.7.8 0 note");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_STREQ(r.comment, "");
 }
 
@@ -170,7 +170,7 @@ TEST(MasqRuleParse, DisabledMarkerIsNotTakenAsComment) {
 TEST(MasqRuleParse, ScopeMarkAndCommentAfterBlanks) {
   ExactText text("tcp 0.0.0.0:22 192.168.1.2:22 0 internet mark 7 #   ssh");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.enabled, 1);
   EXPECT_EQ(r.scope, IPMASQFWRULE_SCOPE_INTERNET);
   EXPECT_EQ(r.mark, 7ul);
@@ -182,7 +182,7 @@ TEST(MasqRuleParse, ScopeMarkAndCommentAfterBlanks) {
 TEST(MasqRuleParse, LocalScope) {
   ExactText text("udp 1.2.3.4:53 10.0.0.1:53 4 local");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.rule.number, 4);
   EXPECT_EQ(r.scope, IPMASQFWRULE_SCOPE_LOCAL);
   EXPECT_EQ(r.mark, 0ul);
@@ -191,7 +191,7 @@ TEST(MasqRuleParse, LocalScope) {
 TEST(MasqRuleParse, ExtendedFieldsStartAtTheirDefaults) {
   ExactText text("tcp 1.2.3.4 5.6.7.8");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.enabled, 1);
   EXPECT_NE(r.comment, nullptr);
   EXPECT_STREQ(r.comment, "");
@@ -201,7 +201,7 @@ TEST(MasqRuleParse, ExtendedFieldsStartAtTheirDefaults) {
 
 TEST(MasqRuleParse, PlainParserReadsOverScopeAndMark) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4:80 5.6.7.8:80 3 out internet mark 9 # web", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4:80 5.6.7.8:80 3 out internet mark 9 # web", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, 3);
   EXPECT_EQ(r.flags, IPMASQFWRULE_FLAG_OUT);
   EXPECT_STREQ(ipmasqfwrule_string(&r), "tcp 1.2.3.4:80 5.6.7.8:80 3 out");
@@ -210,35 +210,35 @@ TEST(MasqRuleParse, PlainParserReadsOverScopeAndMark) {
 TEST(MasqRuleParse, MarkBeyond32BitsReadsAsAllOnesOnEveryHost) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark 4294967296");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.mark, 0xfffffffful);
 }
 
 TEST(MasqRuleParse, NegativeMarkWrapsAt32Bits) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark -1");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.mark, 0xfffffffful);
 }
 
 TEST(MasqRuleParse, MarkIsDecimal) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark 0x10");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.mark, 0ul);
 }
 
 TEST(MasqRuleParse, MarkWithoutDigitsIsZero) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 mark none");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.mark, 0ul);
 }
 
 TEST(MasqRuleParse, MarkMayFollowTheEndpointsDirectly) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 mark 12");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.rule.number, 0);
   EXPECT_EQ(r.mark, 12ul);
 }
@@ -247,7 +247,7 @@ TEST(MasqRuleParse, WordsAreTakenOnlyInTheirOrder) {
   // "out" after the scope word is no longer looked for.
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 internet out");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.scope, IPMASQFWRULE_SCOPE_INTERNET);
   EXPECT_EQ(r.rule.flags, 0u);
 }
@@ -255,7 +255,7 @@ TEST(MasqRuleParse, WordsAreTakenOnlyInTheirOrder) {
 TEST(MasqRuleParse, KeywordsAreCaseSensitive) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 OUT Local MARK 5");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.rule.flags, 0u);
   EXPECT_EQ(r.scope, 0);
   EXPECT_EQ(r.mark, 0ul);
@@ -263,34 +263,34 @@ TEST(MasqRuleParse, KeywordsAreCaseSensitive) {
 
 TEST(MasqRuleParse, UnknownTrailingWordsAreIgnored) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8 0 whatever else follows", &r), 0);
+  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8 0 whatever else follows", &r), IPMASQFWRULE_E_OK);
 }
 
 TEST(MasqRuleParse, CommentStartsAtTheFirstHashInsideAWord) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 note#two # three");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_STREQ(r.comment, "two # three");
 }
 
 TEST(MasqRuleParse, CommentKeepsLeadingTabs) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 #\t x");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_STREQ(r.comment, "\t x");
 }
 
 TEST(MasqRuleParse, WordWithoutHashGivesNoComment) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 remark");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_STREQ(r.comment, "");
 }
 
 TEST(MasqRuleParse, HashAtTheEndGivesAnEmptyCommentInTheText) {
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 #");
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.comment, text.c_str() + text.size() - 1);
   EXPECT_STREQ(ipmasqfwruleex_string(&r), "tcp 1.2.3.4 5.6.7.8 0");
 }
@@ -301,13 +301,13 @@ TEST(MasqRuleParse, CommentMayLieBeyondTheWordsThatAreRead) {
   line += " # far away";
   ExactText text(line);
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_STREQ(r.comment, "far away");
 }
 
 TEST(MasqRuleParse, TabsSeparateWords) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("\ttcp\t1.2.3.4:80 \t 5.6.7.8:81\t2\tout", &r), 0);
+  ASSERT_EQ(parse("\ttcp\t1.2.3.4:80 \t 5.6.7.8:81\t2\tout", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port2, net_port(81));
   EXPECT_EQ(r.number, 2);
   EXPECT_EQ(r.flags, IPMASQFWRULE_FLAG_OUT);
@@ -318,18 +318,18 @@ TEST(MasqRuleParse, TabsSeparateWords) {
 TEST(MasqRuleParse, IpInAnyCaseIsAnyProtocol) {
   for (const char *word : {"ip", "IP", "Ip", "iP"}) {
     ipmasqfwrule r = dirty_rule();
-    ASSERT_EQ(parse(std::string(word) + " 1.2.3.4 5.6.7.8", &r), 0) << word;
+    ASSERT_EQ(parse(std::string(word) + " 1.2.3.4 5.6.7.8", &r), IPMASQFWRULE_E_OK) << word;
     EXPECT_EQ(r.proto, 255) << word;
   }
 }
 
 TEST(MasqRuleParse, ProtocolNamesIgnoreCaseAndNumbersNeedP) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("GRE 1.2.3.4 5.6.7.8", &r), 0);
+  ASSERT_EQ(parse("GRE 1.2.3.4 5.6.7.8", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.proto, 47);
-  ASSERT_EQ(parse("P200 1.2.3.4 5.6.7.8", &r), 0);
+  ASSERT_EQ(parse("P200 1.2.3.4 5.6.7.8", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.proto, 200);
-  EXPECT_EQ(parse("6 1.2.3.4 5.6.7.8", &r), -3);
+  EXPECT_EQ(parse("6 1.2.3.4 5.6.7.8", &r), IPMASQFWRULE_E_UNKNOWN_PROTOCOL);
 }
 
 TEST(MasqRuleFormat, AnyProtocolPrintsAsIp) {
@@ -353,7 +353,7 @@ TEST(MasqRuleFormat, NumericProtocolPrintsLoweredAndDoesNotReadBack) {
   std::string text = ipmasqfwrule_string(&r);
   EXPECT_EQ(text, "p200 0.0.0.0 0.0.0.0 0");
   ipmasqfwrule back = dirty_rule();
-  EXPECT_EQ(parse(text, &back), -3);
+  EXPECT_EQ(parse(text, &back), IPMASQFWRULE_E_UNKNOWN_PROTOCOL);
 }
 
 TEST(MasqRuleFormat, ProtocolNameWithABlankDoesNotReadBack) {
@@ -362,46 +362,46 @@ TEST(MasqRuleFormat, ProtocolNameWithABlankDoesNotReadBack) {
   std::string text = ipmasqfwrule_string(&r);
   EXPECT_EQ(text, "mobility header 0.0.0.0 0.0.0.0 0");
   ipmasqfwrule back = dirty_rule();
-  EXPECT_EQ(parse(text, &back), -3) << "\"mobility\" alone is no protocol";
+  EXPECT_EQ(parse(text, &back), IPMASQFWRULE_E_UNKNOWN_PROTOCOL) << "\"mobility\" alone is no protocol";
 }
 
 // ---- Endpoints ----
 
 TEST(MasqRuleEndpoint, EmptyAddressBeforeTheColonIsZero) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp :80 10.0.0.2:8080", &r), 0);
+  ASSERT_EQ(parse("tcp :80 10.0.0.2:8080", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.addr1, 0u);
   EXPECT_EQ(r.port1, net_port(80));
 }
 
 TEST(MasqRuleEndpoint, TrailingDotEndsTheAddressEarly) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 10. 10.1.", &r), 0);
+  ASSERT_EQ(parse("tcp 10. 10.1.", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.addr1, addr_of("10.0.0.0"));
   EXPECT_EQ(r.addr2, addr_of("10.1.0.0"));
 }
 
 TEST(MasqRuleEndpoint, AddressWithoutAllPartsIsMalformed) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 10 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 10.1 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 1.2.3 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 10.:80 1.2.3.4", &r), -4);
+  EXPECT_EQ(parse("tcp 10 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 10.1 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 1.2.3 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 10.:80 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
 }
 
 TEST(MasqRuleEndpoint, PartsOutOfRangeOrWithoutDigitsAreMalformed) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 256.1.1.1 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 1.2.3.4 1.2.3.999", &r), -4);
-  EXPECT_EQ(parse("tcp 1..2.3 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp a.b.c.d 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp -1.2.3.4 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 1.2.3.4 99999999999999999999.1.1.1", &r), -4);
+  EXPECT_EQ(parse("tcp 256.1.1.1 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 1.2.3.4 1.2.3.999", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 1..2.3 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp a.b.c.d 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp -1.2.3.4 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 1.2.3.4 99999999999999999999.1.1.1", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
 }
 
 TEST(MasqRuleEndpoint, TextAfterACompleteAddressIsIgnored) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4x:80 5.6.7.8/24", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4x:80 5.6.7.8/24", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.addr1, addr_of("1.2.3.4"));
   EXPECT_EQ(r.port1, 0);
   EXPECT_EQ(r.addr2, addr_of("5.6.7.8"));
@@ -409,53 +409,53 @@ TEST(MasqRuleEndpoint, TextAfterACompleteAddressIsIgnored) {
 
 TEST(MasqRuleEndpoint, TextAfterThePortIsIgnored) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4:80x 5.6.7.8:81-90", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4:80x 5.6.7.8:81-90", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port1, net_port(80));
   EXPECT_EQ(r.port2, net_port(81));
 }
 
 TEST(MasqRuleEndpoint, PortZeroIsAcceptedAndNotPrinted) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4:0 5.6.7.8:0", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4:0 5.6.7.8:0", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port1, 0);
   EXPECT_STREQ(ipmasqfwrule_string(&r), "tcp 1.2.3.4 5.6.7.8 0");
 }
 
 TEST(MasqRuleEndpoint, HighestPortIsAccepted) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4:65535+65535 5.6.7.8:65535", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4:65535+65535 5.6.7.8:65535", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port1, net_port(65535));
   EXPECT_EQ(r.count, 65535);
 }
 
 TEST(MasqRuleEndpoint, BadPortsAreMalformed) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 0.0.0.0:70000 1.2.3.4 0", &r), -4);
-  EXPECT_EQ(parse("tcp 0.0.0.0:65536 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 0.0.0.0: 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 0.0.0.0:-1 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 0.0.0.0:http 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8:65536", &r), -4);
-  EXPECT_EQ(parse("tcp : 1.2.3.4", &r), -4);
+  EXPECT_EQ(parse("tcp 0.0.0.0:70000 1.2.3.4 0", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 0.0.0.0:65536 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 0.0.0.0: 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 0.0.0.0:-1 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 0.0.0.0:http 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8:65536", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp : 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
 }
 
 TEST(MasqRuleEndpoint, BadCountsAreMalformed) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 0.0.0.0:80+ 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 0.0.0.0:80+70000 1.2.3.4", &r), -4);
-  EXPECT_EQ(parse("tcp 0.0.0.0:80+-2 1.2.3.4", &r), -4);
+  EXPECT_EQ(parse("tcp 0.0.0.0:80+ 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 0.0.0.0:80+70000 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
+  EXPECT_EQ(parse("tcp 0.0.0.0:80+-2 1.2.3.4", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
 }
 
 TEST(MasqRuleEndpoint, SecondEndpointTakesNoCount) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4:80 5.6.7.8:80+10", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4:80 5.6.7.8:80+10", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port2, net_port(80));
   EXPECT_EQ(r.count, 0);
 }
 
 TEST(MasqRuleEndpoint, FaultyFirstEndpointLeavesTheProtocolOnly) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("udp 1.2.3.4:99999 5.6.7.8", &r), -4);
+  ASSERT_EQ(parse("udp 1.2.3.4:99999 5.6.7.8", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
   EXPECT_EQ(r.proto, 17);
   r.proto = 0;
   EXPECT_TRUE(rule_is_clear(r));
@@ -463,7 +463,7 @@ TEST(MasqRuleEndpoint, FaultyFirstEndpointLeavesTheProtocolOnly) {
 
 TEST(MasqRuleEndpoint, FaultySecondEndpointKeepsTheFirst) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("udp 1.2.3.4:53+2 5.6.7", &r), -4);
+  ASSERT_EQ(parse("udp 1.2.3.4:53+2 5.6.7", &r), IPMASQFWRULE_E_BAD_ENDPOINT);
   EXPECT_EQ(r.addr1, addr_of("1.2.3.4"));
   EXPECT_EQ(r.port1, net_port(53));
   EXPECT_EQ(r.count, 2);
@@ -475,32 +475,32 @@ TEST(MasqRuleEndpoint, FaultySecondEndpointKeepsTheFirst) {
 
 TEST(MasqRuleNumber, WordWithoutANumberIsExaminedAsTheNextWord) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 out", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 out", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, 0);
   EXPECT_EQ(r.flags, IPMASQFWRULE_FLAG_OUT);
 }
 
 TEST(MasqRuleNumber, NegativeNumbersAreKeptAndPrinted) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 -12", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 -12", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, -12);
   EXPECT_STREQ(ipmasqfwrule_string(&r), "tcp 1.2.3.4 5.6.7.8 -12");
 }
 
 TEST(MasqRuleNumber, DigitsAtTheStartOfAWordAreTheNumber) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 12abc out", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 12abc out", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, 12);
   EXPECT_EQ(r.flags, IPMASQFWRULE_FLAG_OUT);
 }
 
 TEST(MasqRuleNumber, NumbersBeyond32BitsAreClamped) {
   ipmasqfwrule r = dirty_rule();
-  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 99999999999", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 99999999999", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, INT32_MAX);
-  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 -99999999999", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 -99999999999", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, INT32_MIN);
-  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 2147483647", &r), 0);
+  ASSERT_EQ(parse("tcp 1.2.3.4 5.6.7.8 2147483647", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.number, INT32_MAX);
 }
 
@@ -508,30 +508,30 @@ TEST(MasqRuleNumber, NumbersBeyond32BitsAreClamped) {
 
 TEST(MasqRuleParse, EmptyOrBlankTextMissesTheProtocol) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("", &r), -2);
+  EXPECT_EQ(parse("", &r), IPMASQFWRULE_E_MISSING_WORD);
   EXPECT_TRUE(rule_is_clear(r));
-  EXPECT_EQ(parse(" \t  ", &r), -2);
+  EXPECT_EQ(parse(" \t  ", &r), IPMASQFWRULE_E_MISSING_WORD);
 }
 
 TEST(MasqRuleParse, MissingEndpointsAreReported) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp", &r), -2);
-  EXPECT_EQ(parse("tcp 0.0.0.0:80", &r), -2);
+  EXPECT_EQ(parse("tcp", &r), IPMASQFWRULE_E_MISSING_WORD);
+  EXPECT_EQ(parse("tcp 0.0.0.0:80", &r), IPMASQFWRULE_E_MISSING_WORD);
   EXPECT_EQ(r.port1, net_port(80)) << "what was read before the missing word stays";
 }
 
 TEST(MasqRuleParse, UnknownProtocol) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("foo 1.2.3.4 5.6.7.8", &r), -3);
+  EXPECT_EQ(parse("foo 1.2.3.4 5.6.7.8", &r), IPMASQFWRULE_E_UNKNOWN_PROTOCOL);
   EXPECT_TRUE(rule_is_clear(r));
 }
 
 TEST(MasqRuleParse, MarkWithoutValue) {
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8 0 mark", &r), -5);
+  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8 0 mark", &r), IPMASQFWRULE_E_MARK_WITHOUT_VALUE);
   ExactText text("tcp 1.2.3.4 5.6.7.8 0 local mark");
   ipmasqfwruleex ex = dirty_rule_ex();
-  EXPECT_EQ(parse_ex(text, &ex), -5);
+  EXPECT_EQ(parse_ex(text, &ex), IPMASQFWRULE_E_MARK_WITHOUT_VALUE);
   EXPECT_EQ(ex.scope, IPMASQFWRULE_SCOPE_LOCAL);
 }
 
@@ -539,7 +539,7 @@ TEST(MasqRuleParse, TextOf1023CharactersIsRead) {
   std::string line = "tcp 1.2.3.4:80 5.6.7.8:80 0 x";
   line.resize(1023, ' ');
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse(line, &r), 0);
+  EXPECT_EQ(parse(line, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.port1, net_port(80));
 }
 
@@ -549,7 +549,7 @@ TEST(MasqRuleParse, TextOf1024CharactersIsTooLong) {
   NoLeakGuard guard;
   long before = nuvcsock_allocations();
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse(line, &r), -1);
+  EXPECT_EQ(parse(line, &r), IPMASQFWRULE_E_TOO_LONG);
   EXPECT_TRUE(rule_is_clear(r));
   EXPECT_EQ(nuvcsock_allocations(), before) << "a text that is too long needs no scratch copy";
 }
@@ -557,7 +557,7 @@ TEST(MasqRuleParse, TextOf1024CharactersIsTooLong) {
 TEST(MasqRuleParse, VeryLongTextIsTooLong) {
   ExactText text(std::string(100000, 'a'));
   ipmasqfwruleex r = dirty_rule_ex();
-  EXPECT_EQ(ipmasqfwruleex_parse(&r, text.c_str()), -1);
+  EXPECT_EQ(ipmasqfwruleex_parse(&r, text.c_str()), IPMASQFWRULE_E_TOO_LONG);
   EXPECT_EQ(r.enabled, 1);
   EXPECT_STREQ(r.comment, "");
 }
@@ -568,7 +568,7 @@ TEST(MasqRuleScratch, ParsingTakesOneScratchBlockAndReturnsIt) {
   NoLeakGuard guard;
   long before = nuvcsock_allocations();
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8 0", &r), 0);
+  EXPECT_EQ(parse("tcp 1.2.3.4 5.6.7.8 0", &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(nuvcsock_allocations(), before + 1);
 }
 
@@ -576,7 +576,7 @@ TEST(MasqRuleScratch, PlainParserWithoutScratchMemoryFails) {
   NoLeakGuard guard;
   nuvcsock_fail_nth_allocation(1);
   ipmasqfwrule r = dirty_rule();
-  EXPECT_EQ(parse("tcp 1.2.3.4:80 5.6.7.8:80 0", &r), -1);
+  EXPECT_EQ(parse("tcp 1.2.3.4:80 5.6.7.8:80 0", &r), IPMASQFWRULE_E_TOO_LONG);
   EXPECT_TRUE(rule_is_clear(r));
 }
 
@@ -585,7 +585,7 @@ TEST(MasqRuleScratch, ExtendedParserWithoutScratchMemoryFails) {
   nuvcsock_fail_nth_allocation(1);
   ExactText text("# tcp 1.2.3.4:80 5.6.7.8:80 0 local mark 3 # x");
   ipmasqfwruleex r = dirty_rule_ex();
-  EXPECT_EQ(parse_ex(text, &r), -1);
+  EXPECT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_TOO_LONG);
   EXPECT_TRUE(rule_is_clear(r.rule));
   EXPECT_EQ(r.enabled, 1);
   EXPECT_STREQ(r.comment, "");
@@ -694,7 +694,7 @@ TEST(MasqRuleEndpoint, AddressesAndPortsAgreeWithInetPtonAndHtons) {
     int p1 = port(rng), p2 = port(rng);
     std::string line = "udp " + a1.str() + ":" + std::to_string(p1) + " " + a2.str() + ":" + std::to_string(p2);
     ipmasqfwrule r = dirty_rule();
-    ASSERT_EQ(parse(line, &r), 0) << line;
+    ASSERT_EQ(parse(line, &r), IPMASQFWRULE_E_OK) << line;
     EXPECT_EQ(r.addr1, addr_of(a1.str().c_str())) << line;
     EXPECT_EQ(r.addr2, addr_of(a2.str().c_str())) << line;
     EXPECT_EQ(r.port1, htons(static_cast<std::uint16_t>(p1))) << line;
@@ -707,7 +707,7 @@ TEST(MasqRuleParse, ManyWordsAreReadWithoutHarm) {
   for (int i = 0; i < 60; ++i) line += " word" + std::to_string(i);
   ExactText text(line);
   ipmasqfwruleex r = dirty_rule_ex();
-  ASSERT_EQ(parse_ex(text, &r), 0);
+  ASSERT_EQ(parse_ex(text, &r), IPMASQFWRULE_E_OK);
   EXPECT_EQ(r.rule.number, 9);
   EXPECT_EQ(r.rule.flags, IPMASQFWRULE_FLAG_OUT);
   EXPECT_EQ(r.scope, IPMASQFWRULE_SCOPE_LOCAL);

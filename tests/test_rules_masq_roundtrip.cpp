@@ -40,17 +40,7 @@ class ExactText {
 // (a keyword without blanks, not one of the irregular rows).
 std::map<int, std::string> readable_protocol_names() {
   std::map<int, std::string> names;
-  std::ifstream in(testsupport::data_path("iana-protocol-numbers.csv"));
-  EXPECT_TRUE(in.good());
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::size_t comma = line.find(',');
-    std::size_t open = line.find('"', comma);
-    std::size_t close = line.find('"', open + 1);
-    if (comma == std::string::npos || open == std::string::npos || close == std::string::npos) continue;
-    int number = std::stoi(line.substr(0, comma));
-    std::string keyword = line.substr(open + 1, close - open - 1);
+  for (auto [number, keyword] : testsupport::iana_protocol_keywords()) {
     if (number > 139 || keyword.empty() || keyword.find(' ') != std::string::npos) continue;
     if (number == 4) continue;  // prints as "ip", which reads as any protocol
     std::transform(keyword.begin(), keyword.end(), keyword.begin(),
@@ -223,7 +213,7 @@ TEST(MasqRuleFile, PrintedRulesReadBackToTheSameText) {
       continue;
     ExactText printed(c.expected_text);
     ipmasqfwruleex r;
-    ASSERT_EQ(ipmasqfwruleex_parse(&r, printed.c_str()), 0) << c.expected_text;
+    ASSERT_EQ(ipmasqfwruleex_parse(&r, printed.c_str()), IPMASQFWRULE_E_OK) << c.expected_text;
     EXPECT_EQ(std::string(ipmasqfwruleex_string(&r)), c.expected_text);
   }
 }
@@ -237,7 +227,7 @@ TEST(MasqRuleProperty, PlainRulesPrintAsTheReferenceAndReadBack) {
     ExactText exact(text);
     ipmasqfwrule back;
     std::memset(&back, 0x5A, sizeof back);
-    ASSERT_EQ(ipmasqfwrule_parse(&back, exact.c_str()), 0) << text;
+    ASSERT_EQ(ipmasqfwrule_parse(&back, exact.c_str()), IPMASQFWRULE_E_OK) << text;
     expect_same_rule(back, r, text);
     if (HasFailure()) break;
   }
@@ -254,7 +244,7 @@ TEST(MasqRuleProperty, ExtendedRulesPrintAsTheReferenceAndReadBack) {
     ExactText exact(text);
     ipmasqfwruleex back;
     std::memset(&back, 0x5A, sizeof back);
-    ASSERT_EQ(ipmasqfwruleex_parse(&back, exact.c_str()), 0) << text;
+    ASSERT_EQ(ipmasqfwruleex_parse(&back, exact.c_str()), IPMASQFWRULE_E_OK) << text;
     expect_same_rule(back.rule, r.rule, text);
     EXPECT_EQ(back.enabled, r.enabled) << text;
     EXPECT_EQ(back.scope, r.scope) << text;

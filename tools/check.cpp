@@ -91,13 +91,13 @@ class Checker {
         j["reason"] = c.error.reason;
         if (!c.error.keyword.empty()) j["keyword"] = c.error.keyword;
       }
-      if (o_.print && c.accepted) j["printed"] = c.printed;
+      if (o_.print && c.accepted && o_.language != RuleLanguage::kIp6Forward) j["printed"] = c.printed;
       if (!c.warning.empty()) j["warning"] = c.warning;
       print_json_line(j);
       return;
     }
     if (!c.accepted) print_line_error(file, c.error);
-    if (o_.print && c.accepted) fmt::print("{}\n", c.printed);
+    if (o_.print && c.accepted && o_.language != RuleLanguage::kIp6Forward) fmt::print("{}\n", c.printed);
     if (!c.warning.empty()) {
       std::fflush(stdout);
       fmt::print(stderr, "{}:{}: warning: {}\n", file, c.line, c.warning);
@@ -143,8 +143,11 @@ class Checker {
   // the empty text when it does.
   static std::string classifier_readback(const nuv_clfy *rule, const std::string &printed) {
     nuv_clfy *again = nullptr;
-    if (nuv_clfy_parse(printed.c_str(), &again) != 0)
-      return fmt::format("the printed form \"{}\" does not read back", printed);
+    nuv_clfy_diag diag{};
+    if (nuv_clfy_parse_with_diag(printed.c_str(), &again, &diag) != 0) {
+      std::string reason = diag.reason ? diag.reason : nuv_clfy_strerror(diag.code);
+      return fmt::format("the printed form \"{}\" does not read back: column {}: {}", printed, diag.offset + 1, reason);
+    }
     bool same = again->flags == rule->flags && nuv_clfy_cmp(rule, again, rule->flags) == 0;
     nuv_clfy_free(again);
     if (same) return {};
@@ -180,8 +183,10 @@ class Checker {
             fmt::format("the line has more than {} characters", kFirewallLineMax)};
   }
 
-  static LineError firewall_error(std::size_t number, const std::string &raw, std::size_t first, int code) {
-    return {number, raw, first + 1, raw.size() - first, "", fmt::format("the parser refuses this line (code {})", code)};
+  static LineError firewall_error(std::size_t number, const std::string &raw, const nuvrules_diag &d,
+                                  const char *(*strerror)(int)) {
+    std::string reason = d.reason ? d.reason : strerror(d.code);
+    return {number, raw, d.offset + 1, d.length ? d.length : 1, "", reason};
   }
 
   // Access rules: lines starting with "#" are comments.
@@ -194,8 +199,9 @@ class Checker {
       return c;
     }
     ipaccess_rule rule{};
-    if (int rc = ipaccess_parse(&rule, raw.c_str()); rc != 0) {
-      c.error = firewall_error(number, raw, first, rc);
+    nuvrules_diag diag{};
+    if (ipaccess_parse_with_diag(&rule, raw.c_str(), &diag) != 0) {
+      c.error = firewall_error(number, raw, diag, ipaccess_strerror);
       return c;
     }
     c.accepted = true;
@@ -215,6 +221,7 @@ class Checker {
   // rule when the rest reads as a rule, and a comment otherwise.
   CheckedLine masquerade_line(std::size_t number, const std::string &raw, std::size_t first) {
     ipmasqfwruleex rule{};
+    nuvrules_diag diag{};
     bool commented = raw[first] == '#';
     if (commented && (raw.size() > kFirewallLineMax || ipmasqfwruleex_parse(&rule, raw.c_str()) != 0)) return {};
     CheckedLine c;
@@ -223,8 +230,8 @@ class Checker {
       c.error = too_long(number, raw);
       return c;
     }
-    if (int rc = ipmasqfwruleex_parse(&rule, raw.c_str()); rc != 0) {
-      c.error = firewall_error(number, raw, first, rc);
+    if (ipmasqfwruleex_parse_with_diag(&rule, raw.c_str(), &diag) != 0) {
+      c.error = firewall_error(number, raw, diag, ipmasqfwrule_strerror);
       return c;
     }
     c.accepted = true;
@@ -242,9 +249,9 @@ class Checker {
   // --- IPv6 forward rules: every line of a file adds to one rule ---------
 
   bool check_forward_rule(const std::string &file) {
-    const std::size_t size = IP6_FORWARDRULE_HEADER_SIZE + kForwardRuleEntries * sizeof(ip6_portrange);
-    auto storage = std::make_unique<ip6_portrange[]>(size / sizeof(ip6_portrange) + 1);
-    ip6_forwardrule *block = ip6_forwardrule_init(storage.get(), size);
+    auto storage = std::make_unique<ip6_portrange[]>(forward_size_ / sizeof(ip6_portrange) + 1);
+    line_storage_ = std::make_unique<ip6_portrange[]>(forward_size_ / sizeof(ip6_portrange) + 1);
+    ip6_forwardrule *block = ip6_forwardrule_init(storage.get(), forward_size_);
     forward_block_ = block;
     bool ok = check_lines(file, &Checker::forward_line);
     forward_block_ = nullptr;
@@ -268,8 +275,13 @@ class Checker {
       c.error = too_long(number, raw);
       return c;
     }
-    if (int rc = ip6_forwardrule_parse(forward_block_, raw.c_str()); rc != 0) {
-      c.error = firewall_error(number, raw, first, rc);
+    // A rejected line may have added entries before its fault; it is tried
+    // on a block of its own first, so that only accepted lines make the rule.
+    nuvrules_diag diag{};
+    ip6_forwardrule *line_block = ip6_forwardrule_init(line_storage_.get(), forward_size_);
+    if (ip6_forwardrule_parse_with_diag(line_block, raw.c_str(), &diag) != 0 ||
+        ip6_forwardrule_parse_with_diag(forward_block_, raw.c_str(), &diag) != 0) {
+      c.error = firewall_error(number, raw, diag, ip6_forwardrule_strerror);
       return c;
     }
     c.accepted = true;
@@ -280,6 +292,8 @@ class Checker {
   Totals totals_;
   std::vector<std::string> unreadable_;
   ip6_forwardrule *forward_block_ = nullptr;
+  std::unique_ptr<ip6_portrange[]> line_storage_;  // the block a line is tried on first
+  const std::size_t forward_size_ = IP6_FORWARDRULE_HEADER_SIZE + kForwardRuleEntries * sizeof(ip6_portrange);
 };
 
 }  // namespace

@@ -89,8 +89,12 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
 nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why) {
   why = LineError{line.line, line.raw, line.column, line.text.size(), "", ""};
   nuv_clfy *rule = nullptr;
-  if (nuv_clfy_parse(line.text.c_str(), &rule) == 0) return rule;
-  why.reason = "the classifier refuses this rule";
+  nuv_clfy_diag diag{};
+  if (nuv_clfy_parse_with_diag(line.text.c_str(), &rule, &diag) == 0) return rule;
+  why.column = line.column + diag.offset;
+  why.length = diag.length ? diag.length : 1;
+  why.keyword = diag.keyword;
+  why.reason = diag.reason ? diag.reason : nuv_clfy_strerror(diag.code);
   return nullptr;
 }
 

@@ -400,7 +400,8 @@ def test_rule_file_errors(t):
     status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules])
     print(output)
     check(status == 2, f"exit status {status}")
-    check(re.search(re.escape(rules) + r":4:\d+: \S", output), "the error names file, line and column")
+    check(re.search(re.escape(rules) + r":4:17: .*no\.such\.keyword", output),
+          "the error names file, line and the column of the unknown keyword")
     check(f"{rules}:5:17: the result after" in output, "every wrong line is reported")
     check("bound" not in output, "no queue is bound")
 

@@ -10,7 +10,9 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <utility>
 
+#include "clfy_rule_ptr.h"
 #include "nikerkiog.h"
 
 namespace testsupport {
@@ -18,155 +20,151 @@ namespace testsupport {
 // A rule owned by the test, with helpers that set one condition each the
 // way the rule text parser does (value and presence bit).
 struct ClfyRule {
-  nuv_clfy *r;
-  ClfyRule() : r(nuv_clfy_alloc()) {}
-  ~ClfyRule() { nuv_clfy_free(r); }
-  ClfyRule(const ClfyRule &) = delete;
-  ClfyRule &operator=(const ClfyRule &) = delete;
-  nuv_clfy *operator->() const { return r; }
-  operator const nuv_clfy *() const { return r; }
+  ClfyRulePtr owned{nuv_clfy_alloc()};
+  ClfyRule() = default;
+  // Takes over a rule made elsewhere (parsed or cloned).
+  explicit ClfyRule(ClfyRulePtr rule) : owned(std::move(rule)) {}
+  nuv_clfy *get() const { return owned.get(); }
+  nuv_clfy *operator->() const { return owned.get(); }
+  operator const nuv_clfy *() const { return owned.get(); }
   // Hands the rule over to the caller (a rule set, say).
-  nuv_clfy *release() {
-    nuv_clfy *out = r;
-    r = nullptr;
-    return out;
-  }
+  nuv_clfy *release() { return owned.release(); }
 
   ClfyRule &dev(const char *name) {
-    std::strncpy(r->dev, name, 16);
-    r->dev_ifindex = -1;
-    r->flags |= NUV_CLFY_F_DEV;
+    std::strncpy(get()->dev, name, 16);
+    get()->dev_ifindex = -1;
+    get()->flags |= NUV_CLFY_F_DEV;
     return *this;
   }
   ClfyRule &brdev(const char *name) {
-    std::strncpy(r->brdev, name, 16);
-    r->flags |= NUV_CLFY_F_BRDEV;
+    std::strncpy(get()->brdev, name, 16);
+    get()->flags |= NUV_CLFY_F_BRDEV;
     return *this;
   }
   ClfyRule &localmark(int cls) {
     uint8_t map[128] = {};
     map[cls] = 1;
-    nuv_clfy_add_localmark(r, map);
+    nuv_clfy_add_localmark(get(), map);
     return *this;
   }
   ClfyRule &eth_proto(uint16_t type) {
-    r->eth_proto = htons(type);
-    r->flags |= NUV_CLFY_F_ETH_PROTO;
+    get()->eth_proto = htons(type);
+    get()->flags |= NUV_CLFY_F_ETH_PROTO;
     return *this;
   }
   ClfyRule &eth_source(const uint8_t (&mac)[6]) {
-    std::memcpy(r->eth_source, mac, 6);
-    r->flags |= NUV_CLFY_F_ETH_SOURCE;
+    std::memcpy(get()->eth_source, mac, 6);
+    get()->flags |= NUV_CLFY_F_ETH_SOURCE;
     return *this;
   }
   ClfyRule &eth_sourceoui(const uint8_t (&oui)[3]) {
-    std::memcpy(r->eth_source, oui, 3);
-    r->flags |= NUV_CLFY_F_ETH_SOURCEOUI;
+    std::memcpy(get()->eth_source, oui, 3);
+    get()->flags |= NUV_CLFY_F_ETH_SOURCEOUI;
     return *this;
   }
   ClfyRule &eth_dest(const uint8_t (&mac)[6]) {
-    std::memcpy(r->eth_dest, mac, 6);
-    r->flags |= NUV_CLFY_F_ETH_DEST;
+    std::memcpy(get()->eth_dest, mac, 6);
+    get()->flags |= NUV_CLFY_F_ETH_DEST;
     return *this;
   }
   ClfyRule &eth_destoui(const uint8_t (&oui)[3]) {
-    std::memcpy(r->eth_dest, oui, 3);
-    r->flags |= NUV_CLFY_F_ETH_DESTOUI;
+    std::memcpy(get()->eth_dest, oui, 3);
+    get()->flags |= NUV_CLFY_F_ETH_DESTOUI;
     return *this;
   }
   ClfyRule &ethsrctab(const char *name) {
-    r->ethsrctab = nuv_clfy_ethersrctab_find_or_create(name);
-    r->flags |= NUV_CLFY_F_ETHSRCTAB;
+    get()->ethsrctab = nuv_clfy_ethersrctab_find_or_create(name);
+    get()->flags |= NUV_CLFY_F_ETHSRCTAB;
     return *this;
   }
   ClfyRule &vlan(uint32_t op, uint16_t v1, uint16_t v2 = 0) {
-    nuv_clfy_add_vlanid(r, op, htons(v1), htons(v2));
+    nuv_clfy_add_vlanid(get(), op, htons(v1), htons(v2));
     return *this;
   }
   ClfyRule &vlan_prio(uint8_t prio) {
-    r->vlan_prio = prio;
-    r->flags |= NUV_CLFY_F_VLAN_PRIO;
+    get()->vlan_prio = prio;
+    get()->flags |= NUV_CLFY_F_VLAN_PRIO;
     return *this;
   }
   ClfyRule &ip_version(uint8_t v) {
-    r->ip_version = v;
-    r->flags |= NUV_CLFY_F_IP_VERSION;
+    get()->ip_version = v;
+    get()->flags |= NUV_CLFY_F_IP_VERSION;
     return *this;
   }
   ClfyRule &proto(uint8_t p) {
-    r->ip_proto = p;
-    r->flags |= NUV_CLFY_F_IP_PROTO;
+    get()->ip_proto = p;
+    get()->flags |= NUV_CLFY_F_IP_PROTO;
     return *this;
   }
   ClfyRule &tos(uint8_t value, uint8_t mask) {
-    r->ip_tos = value;
-    r->ip_tos_mask = mask;
-    r->flags |= NUV_CLFY_F_IP_TOS;
+    get()->ip_tos = value;
+    get()->ip_tos_mask = mask;
+    get()->flags |= NUV_CLFY_F_IP_TOS;
     return *this;
   }
   ClfyRule &len(uint32_t op, uint16_t v1, uint16_t v2 = 0) {
-    r->ip_len = nuv_clfy_value{op, v1, v2};
-    r->flags |= NUV_CLFY_F_IP_LEN;
+    get()->ip_len = nuv_clfy_value{op, v1, v2};
+    get()->flags |= NUV_CLFY_F_IP_LEN;
     return *this;
   }
   ClfyRule &saddr4(const char *addr, const char *mask) {
-    inet_pton(AF_INET, addr, &r->ip_saddr.v4.addr);
-    inet_pton(AF_INET, mask, &r->ip_saddr.v4.mask);
-    r->ip_saddr_family = 4;
-    r->flags |= NUV_CLFY_F_IP_SADDR;
+    inet_pton(AF_INET, addr, &get()->ip_saddr.v4.addr);
+    inet_pton(AF_INET, mask, &get()->ip_saddr.v4.mask);
+    get()->ip_saddr_family = 4;
+    get()->flags |= NUV_CLFY_F_IP_SADDR;
     return *this;
   }
   ClfyRule &saddr6(const char *addr, uint8_t prefixlen) {
-    inet_pton(AF_INET6, addr, r->ip_saddr.v6);
-    r->ip_saddr_prefixlen = prefixlen;
-    r->ip_saddr_family = 6;
-    r->flags |= NUV_CLFY_F_IP_SADDR;
+    inet_pton(AF_INET6, addr, get()->ip_saddr.v6);
+    get()->ip_saddr_prefixlen = prefixlen;
+    get()->ip_saddr_family = 6;
+    get()->flags |= NUV_CLFY_F_IP_SADDR;
     return *this;
   }
   ClfyRule &daddr4(const char *addr, const char *mask) {
-    inet_pton(AF_INET, addr, &r->ip_daddr.v4.addr);
-    inet_pton(AF_INET, mask, &r->ip_daddr.v4.mask);
-    r->ip_daddr_family = 4;
-    r->flags |= NUV_CLFY_F_IP_DADDR;
+    inet_pton(AF_INET, addr, &get()->ip_daddr.v4.addr);
+    inet_pton(AF_INET, mask, &get()->ip_daddr.v4.mask);
+    get()->ip_daddr_family = 4;
+    get()->flags |= NUV_CLFY_F_IP_DADDR;
     return *this;
   }
   ClfyRule &daddr6(const char *addr, uint8_t prefixlen) {
-    inet_pton(AF_INET6, addr, r->ip_daddr.v6);
-    r->ip_daddr_prefixlen = prefixlen;
-    r->ip_daddr_family = 6;
-    r->flags |= NUV_CLFY_F_IP_DADDR;
+    inet_pton(AF_INET6, addr, get()->ip_daddr.v6);
+    get()->ip_daddr_prefixlen = prefixlen;
+    get()->ip_daddr_family = 6;
+    get()->flags |= NUV_CLFY_F_IP_DADDR;
     return *this;
   }
   ClfyRule &ipdsttab(const char *name) {
-    r->ipdsttab = nuv_clfy_ipdsttab_find_or_create(name);
-    r->flags |= NUV_CLFY_F_IPDSTTAB;
+    get()->ipdsttab = nuv_clfy_ipdsttab_find_or_create(name);
+    get()->flags |= NUV_CLFY_F_IPDSTTAB;
     return *this;
   }
   ClfyRule &sport(uint32_t op, uint16_t v1, uint16_t v2 = 0) {
-    nuv_clfy_add_ip_sport(r, op, htons(v1), htons(v2));
+    nuv_clfy_add_ip_sport(get(), op, htons(v1), htons(v2));
     return *this;
   }
   ClfyRule &dport(uint32_t op, uint16_t v1, uint16_t v2 = 0) {
-    nuv_clfy_add_ip_dport(r, op, htons(v1), htons(v2));
+    nuv_clfy_add_ip_dport(get(), op, htons(v1), htons(v2));
     return *this;
   }
   ClfyRule &tcp_flags(uint16_t value, uint16_t mask) {
-    r->tcp_flags = htons(value);
-    r->tcp_flags_mask = htons(mask);
-    r->flags |= NUV_CLFY_F_TCP_FLAGS;
+    get()->tcp_flags = htons(value);
+    get()->tcp_flags_mask = htons(mask);
+    get()->flags |= NUV_CLFY_F_TCP_FLAGS;
     return *this;
   }
   ClfyRule &icmp_type(uint8_t type) {
-    r->icmp_type = type;
-    r->flags |= NUV_CLFY_F_ICMP_TYPE;
+    get()->icmp_type = type;
+    get()->flags |= NUV_CLFY_F_ICMP_TYPE;
     return *this;
   }
   ClfyRule &dhcp(uint8_t code, uint32_t enterprise, uint8_t sub, const char *pattern, const char *table) {
-    EXPECT_EQ(nuv_clfy_add_dhcppacketmatch(r, code, enterprise, sub, pattern, table), 0);
+    EXPECT_EQ(nuv_clfy_add_dhcppacketmatch(get(), code, enterprise, sub, pattern, table), 0);
     return *this;
   }
   ClfyRule &packetmatch(const char *pattern) {
-    nuv_clfy_add_packetmatch(r, pattern);
+    nuv_clfy_add_packetmatch(get(), pattern);
     return *this;
   }
 };

@@ -70,43 +70,37 @@ std::string to_hex(const std::uint8_t *data, std::size_t len) {
   return s;
 }
 
-static std::uint32_t read_u32(const std::uint8_t *p, bool swapped) {
-  return swapped ? (std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3])
-                 : (std::uint32_t{p[3]} << 24 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[1]} << 8 | p[0]);
+static std::map<int, std::string> read_iana_protocol_keywords() {
+  std::map<int, std::string> keywords;
+  std::istringstream in(read_text_file(data_path("iana-protocol-numbers.csv")));
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    const std::size_t comma = line.find(',');
+    const std::string number = line.substr(0, comma);
+    if (comma == std::string::npos || number.find('-') != std::string::npos) continue;
+    // The keyword is the second field, in double quotes (never containing one).
+    const std::size_t open = line.find('"', comma);
+    const std::size_t close = open == std::string::npos ? open : line.find('"', open + 1);
+    if (close == std::string::npos) {
+      ADD_FAILURE() << "iana-protocol-numbers.csv: no quoted keyword in \"" << line << '"';
+      continue;
+    }
+    keywords[std::stoi(number)] = line.substr(open + 1, close - open - 1);
+  }
+  EXPECT_FALSE(keywords.empty()) << "iana-protocol-numbers.csv holds no protocol";
+  return keywords;
+}
+
+const std::map<int, std::string> &iana_protocol_keywords() {
+  static const std::map<int, std::string> keywords = read_iana_protocol_keywords();
+  return keywords;
 }
 
 Capture read_pcap(const std::string &path) {
   Capture capture;
-  std::string raw = read_text_file(path);
-  const auto *p = reinterpret_cast<const std::uint8_t *>(raw.data());
-  if (raw.size() < 24) {
-    ADD_FAILURE() << path << ": too short for a pcap header";
-    return capture;
-  }
-  std::uint32_t magic_le = read_u32(p, false);
-  bool swapped;
-  if (magic_le == 0xa1b2c3d4u || magic_le == 0xa1b23c4du) {
-    swapped = false;
-  } else if (magic_le == 0xd4c3b2a1u || magic_le == 0x4d3cb2a1u) {
-    swapped = true;
-  } else {
-    ADD_FAILURE() << path << ": not a pcap file";
-    return capture;
-  }
-  capture.link_type = read_u32(p + 20, swapped) & 0x0FFFFFFFu;
-  std::size_t pos = 24;
-  std::size_t number = 0;
-  while (pos + 16 <= raw.size()) {
-    std::uint32_t caplen = read_u32(p + pos + 8, swapped);
-    std::uint32_t wirelen = read_u32(p + pos + 12, swapped);
-    pos += 16;
-    if (caplen > raw.size() - pos) {
-      ADD_FAILURE() << path << ": record " << number + 1 << " runs past the end";
-      break;
-    }
-    capture.packets.push_back({++number, Bytes(p + pos, p + pos + caplen), wirelen});
-    pos += caplen;
-  }
+  const std::string error = read_pcap_file(path, capture);
+  if (!error.empty()) ADD_FAILURE() << error;
   return capture;
 }
 

@@ -5,9 +5,12 @@
 #define NIKERKIOG_TESTSUPPORT_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "pcap_file.h"
 
 namespace testsupport {
 
@@ -27,6 +30,13 @@ Bytes hex_bytes(std::string_view hex);
 // "45 00 00 54 ..." for diagnostics.
 std::string to_hex(const std::uint8_t *data, std::size_t len);
 
+// The protocol keywords of the IANA protocol-number registry copy
+// (tests/data/iana-protocol-numbers.csv), by number: every row that names a
+// single number, with its keyword as written there (the empty text for rows
+// without one).  Rows naming a range of numbers ("146-252") are left out.
+// Read once; fails the current test when the file is unreadable.
+const std::map<int, std::string> &iana_protocol_keywords();
+
 // Link types of the captures.
 inline constexpr std::uint32_t kLinkNull = 0;  // BSD loopback: 4-byte address family
 inline constexpr std::uint32_t kLinkEthernet = 1;
@@ -35,19 +45,8 @@ inline constexpr std::uint32_t kLinkLinuxCooked = 113;
 inline constexpr std::uint32_t kLinkIpv4 = 228;  // bare IPv4 packets
 inline constexpr std::uint32_t kLinkIpv6 = 229;  // bare IPv6 packets
 
-struct CapturedPacket {
-  std::size_t number;  // 1-based, as tshark numbers frames
-  Bytes data;          // the captured bytes (may be shorter than on the wire)
-  std::uint32_t wire_length;
-};
-
-struct Capture {
-  std::uint32_t link_type = 0;
-  std::vector<CapturedPacket> packets;
-};
-
-// Reads a classic pcap file (either byte order, micro- or nanosecond stamps).
-// Fails the current test when the file is unreadable or malformed.
+// Reads a classic pcap file (see read_pcap_file).  Fails the current test
+// when the file is unreadable or malformed.
 Capture read_pcap(const std::string &path);
 
 // Where the network layer of a captured frame starts.

@@ -109,7 +109,11 @@ TEST(Classify, RefusedRuleIsReportedWithLineAndColumnAndGivesExitStatus1) {
   int status = -1;
   std::string out = classify(rules + " " + capture("dns_udp.pcap"), &status);
   EXPECT_EQ(status, 1);
-  EXPECT_NE(out.find(rules + ":2:1: error: the classifier refuses this rule\nip.version 5\n^~~~~~~~~~~~\n"), std::string::npos) << out;
+  EXPECT_NE(out.find(rules + ":2:12: error: ip.version: IP version must be 4 or 6\n"
+                     "ip.version 5\n"
+                     "           ^\n"),
+            std::string::npos)
+      << out;
   EXPECT_EQ(out.find("rule at line"), std::string::npos) << out;
 }
 
@@ -130,7 +134,7 @@ TEST(Classify, KeepGoingUsesTheAcceptedLinesAndStillGivesExitStatus1) {
   int status = -1;
   std::string out = classify("--keep-going " + rules + " " + capture("dns_udp.pcap"), &status);
   EXPECT_EQ(status, 1);
-  EXPECT_NE(out.find(rules + ":2:1: error: "), std::string::npos) << out;
+  EXPECT_NE(out.find(rules + ":2:12: error: "), std::string::npos) << out;
   std::string verdict_out = run_command(std::string(NIKERKIOG_TOOL_PATH) + " classify --keep-going " + rules + " " +
                                         capture("dns_udp.pcap") + " 2>/dev/null");
   EXPECT_EQ(verdicts(verdict_out),

@@ -105,3 +105,15 @@ TEST(ToolCli, ManualPageShowsEveryCommandWithAnExample) {
   EXPECT_NE(page.find("JSON LINES"), std::string::npos);
   EXPECT_NE(page.find("EXIT STATUS"), std::string::npos);
 }
+
+TEST(ToolCli, DescribeOfTwoCapturesNamesEachBeforeItsPackets) {
+  tooltest::expect_output("describe-two-captures",
+                          run_tool("describe captures/dns_udp.pcap captures/802.1ad_QinQ.pcap"), 0);
+}
+
+TEST(ToolCli, MissingRuleFileGivesStatus2ForClassify) {
+  auto r = run_tool("classify no-such-rules.txt captures/dns_udp.pcap");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file\n");
+}

@@ -235,7 +235,9 @@ void print_reason(TextWriter &out, const Finding &f, const nuv_clfy &rule) {
   print_wanted(out, f.cond, rule);
 }
 
-void describe(const nuv_clfy &rule, Finding f, nuv_clfy_explanation &out) {
+// Explanations are for people reading them, not for the packet path: the
+// text is compiled for size.
+[[gnu::cold]] void describe(const nuv_clfy &rule, Finding f, nuv_clfy_explanation &out) {
   if (f.cond == Cond::kIp) f.cond = first_ip_condition(rule);
   const char *keyword = keyword_of(f.cond, rule);
   TextWriter word(out.keyword, sizeof out.keyword);

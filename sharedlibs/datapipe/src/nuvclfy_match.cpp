@@ -39,23 +39,21 @@ constexpr std::uint32_t kHopByHopLength = 8;
 
 // The hot path of a test is inlined into the per-packet loops; conditions
 // that are rare or costly stay out of line so that the loops stay small.
-#define CLFY_HOT [[gnu::always_inline]] inline
+#define CLFY_HOT inline
 #define CLFY_COLD [[gnu::noinline]]
+// Rare conditions are also compiled for size.
+#define CLFY_RARE [[gnu::noinline, gnu::cold]]
 
 // ---- Policies ----
 
-// The plain matcher: a miss is just false, DHCP clients are learned.
-struct Quiet {
-  static constexpr bool kLearns = true;
-  bool miss(Cond, Why = Why::kValue, std::uint32_t = 0, const std::uint8_t * = nullptr) { return false; }
-};
-
-// The explanation: the first miss is kept, nothing is learned.
-struct Explaining {
-  static constexpr bool kLearns = false;
-  Finding &finding;
+// How the sequence reports a miss.  The plain matcher has no finding to fill
+// and learns DHCP clients; the explanation keeps the first failed condition
+// and learns nothing.  One body of the sequence serves both.
+struct Report {
+  Finding *finding;
+  bool learns() const { return finding == nullptr; }
   bool miss(Cond cond, Why why = Why::kValue, std::uint32_t value = 0, const std::uint8_t *bytes = nullptr) {
-    finding = Finding{cond, why, value, bytes};
+    if (finding) *finding = Finding{cond, why, value, bytes};
     return false;
   }
 };
@@ -133,7 +131,7 @@ Cond first_link_address(std::uint32_t flags) {
 }
 
 template <class P>
-CLFY_COLD bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
+CLFY_RARE bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &packet, P &p) {
   if (rule.flags & kLinkAddressConditions) {
     if (!packet.eth_header) return p.miss(first_link_address(rule.flags), Why::kNoEthernet);
     if (!addresses_hold(rule, packet.eth_header, p)) return false;
@@ -186,7 +184,7 @@ CLFY_HOT bool ports_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
 }
 
 template <class P>
-CLFY_COLD bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+CLFY_RARE bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!(rule.flags & NUV_CLFY_F_TCP_FLAGS)) return true;
   if (rule.ip_proto != kProtoTcp) return p.miss(Cond::kTcpFlags, Why::kRuleNotTcp);
   need_transport(f);
@@ -199,7 +197,7 @@ CLFY_COLD bool tcp_flags_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
 // The payload after a UDP or TCP header (any other protocol: the whole
 // transport part), at most `declared` bytes and never past the packet.
 template <class P>
-CLFY_COLD bool payload_matches(const nuv_clfy &rule, PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
+CLFY_RARE bool payload_matches(const nuv_clfy &rule, PacketFacts &f, std::uint8_t proto, std::int64_t declared, P &p) {
   std::uint32_t header = 0;
   if (proto == kProtoUdp) {
     header = kUdpHeaderLength;
@@ -244,10 +242,10 @@ bool dhcp_message_holds(const nuv_clfy_dhcp &condition, const std::uint8_t *msg,
     case 1:  // DISCOVER
     case 3:  // REQUEST
       if (!dhcp_packet_matches(&g_dhcp_memops, msg, g_dhcp_store, &match)) return p.miss(Cond::kDhcp, Why::kDhcpNoMatch);
-      if constexpr (P::kLearns) _nuv_clfy_ethersrctab_add(condition.ethsrctab, msg + kDhcpChaddrOffset);
+      if (p.learns()) _nuv_clfy_ethersrctab_add(condition.ethsrctab, msg + kDhcpChaddrOffset);
       return true;
     case 7:  // RELEASE
-      if constexpr (P::kLearns) ethersrctab_forget(condition.ethsrctab, msg + kDhcpChaddrOffset);
+      if (p.learns()) ethersrctab_forget(condition.ethsrctab, msg + kDhcpChaddrOffset);
       return p.miss(Cond::kDhcp, Why::kDhcpRelease);
     default: return p.miss(Cond::kDhcp, Why::kDhcpType, type.data[0]);
   }
@@ -256,7 +254,7 @@ bool dhcp_message_holds(const nuv_clfy_dhcp &condition, const std::uint8_t *msg,
 // The option walk reads the code byte that follows the options area, so the
 // message is evaluated from a copy that ends in an end option.
 template <class P>
-CLFY_COLD bool dhcp_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
+CLFY_RARE bool dhcp_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
   if (!rule.dhcp) return p.miss(Cond::kDhcp, Why::kNoCondition);
   if (!transport_has(f, kUdpHeaderLength + kDhcpFixedPart)) return p.miss(Cond::kDhcp, Why::kShort);
   const std::uint32_t length = transport_room(f) - kUdpHeaderLength;
@@ -395,7 +393,7 @@ bool extension_chain_readable(const std::uint8_t *ip, std::uint32_t available) {
 }
 
 template <class P>
-CLFY_COLD bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
+CLFY_RARE bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, std::uint32_t available, P &p) {
   if (!extension_chain_readable(ip, available)) return p.miss(Cond::kIcmpType, Why::kShort);
   std::uint8_t nh = 0;
   const int offset = ip6_skip_exthdr_from_ipv6hdr(ip, &nh);
@@ -407,7 +405,7 @@ CLFY_COLD bool icmpv6_type_holds(const nuv_clfy &rule, const std::uint8_t *ip, s
 }
 
 template <class P>
-CLFY_COLD bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
+CLFY_RARE bool ipv6_address_holds(Cond cond, const nuv_clfy_ipaddr &stored, std::uint8_t prefixlen, std::uint8_t family,
                         const std::uint8_t *packet_addr, P &p) {
   if (family != kFamilyIpv6) return p.miss(cond, Why::kFamily, 6, packet_addr);
   if (!ipv6_prefix_holds(stored.v6, prefixlen, packet_addr)) return p.miss(cond, Why::kValue, 6, packet_addr);
@@ -509,12 +507,22 @@ CLFY_HOT void read_network(PacketFacts &f) {
   }
 }
 
+// The sequence, out of line once for every caller.
+CLFY_COLD bool holds(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Report &report) {
+  return rule_holds(rule, facts, mark, report);
+}
+
 // The plain matcher's verdict: a match counts in the rule's hits, except for
 // a rule without conditions.
 CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
-  if (rule.flags == 0) return true;
-  Quiet quiet;
-  if (!rule_holds(rule, facts, mark, quiet)) return false;
+  const std::uint32_t flags = rule.flags;
+  if (flags == 0) return true;
+  // The Ethernet type rejects most packets of most rules at the least cost;
+  // conditions have no side effects before DHCP, so testing it first here
+  // changes no verdict.
+  if ((flags & NUV_CLFY_F_ETH_PROTO) && facts.desc->eth_proto != rule.eth_proto) return false;
+  Report quiet{nullptr};
+  if (!holds(rule, facts, mark, quiet)) return false;
   ++rule.hits;
   return true;
 }
@@ -524,8 +532,8 @@ CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
 bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Finding &finding) {
   finding = Finding{};
   if (rule.flags == 0) return true;
-  Explaining explaining{finding};
-  return rule_holds(rule, facts, mark, explaining);
+  Report explaining{&finding};
+  return holds(rule, facts, mark, explaining);
 }
 
 namespace {
@@ -559,7 +567,7 @@ CLFY_HOT bool packet_key(PacketFacts &f, const Segment &segment, std::uint32_t &
 
 // The applying rule among the siblings of `segment` whose value is the
 // packet's, tried in list order; null when none applies.
-nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts) {
+CLFY_COLD nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts) {
   std::uint32_t key;
   if (!packet_key(facts, segment, key)) return nullptr;
   const IndexEntry *end = segment.entries + segment.count;

@@ -1,9 +1,12 @@
 // Rule text parser: splits a rule line into keyword/value pairs and lets the
 // keyword's handler from the keyword table fill the condition.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "dp_bytes.h"
+#include "dp_codetext.h"
 #include "dp_text.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
@@ -17,6 +20,54 @@ constexpr std::size_t kLineBuffer = 256;
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_keyword_char(char c) { return is_letter(c) || c == '.'; }
+
+// ---- Why a handler refused its value ----
+
+// Reasons a handler gives besides its code.
+constexpr const char *kValueMissing = "value missing";
+constexpr const char *kNotANumber = "not a number";
+constexpr const char *kBadOperator = "unknown comparison operator";
+constexpr const char *kListJunk = "unexpected word inside a comma list (a later comma of the line splits it)";
+constexpr const char *kBadVersion = "IP version must be 4 or 6";
+constexpr const char *kUnknownProtocol = "unknown protocol";
+constexpr const char *kProtocolNumber = "protocol number without the P prefix (write P58)";
+constexpr const char *kBadMac = "not a MAC address";
+constexpr const char *kBadOui = "not an OUI (three bytes)";
+constexpr const char *kBadMask = "mask not a number";
+constexpr const char *kBadAddress = "not an IPv4 or IPv6 address or prefix";
+constexpr const char *kMissingTable = "table name missing";
+constexpr const char *kOutOfMemory = "out of memory";
+
+// Where and why a handler refused; filled only for the diagnostic parser
+// (handlers get a null note otherwise) and read only when the handler
+// fails.  `at` points into the parser's copy of the line; `length` is
+// measured when the note is taken, while commas of a list are still cut off.
+struct Refusal {
+  const char *at = nullptr;
+  std::size_t length = 0;
+  const char *reason = nullptr;
+};
+
+// Notes a refusal of the word at `at` and returns `code`.
+int refuse(Refusal *note, const char *at, const char *reason, int code = NUV_CLFY_E_REFUSED) {
+  if (note) {
+    note->at = at;
+    note->length = static_cast<std::size_t>(dp::word_end(at) - at);
+    note->reason = reason;
+  }
+  return code;
+}
+
+// As refuse, for a value read at `at`: at the end of the line it is missing.
+int refuse_value(Refusal *note, const char *at, const char *reason) {
+  return refuse(note, at, *at == '\0' ? kValueMissing : reason);
+}
+
+bool all_digits(const char *word) {
+  if (!is_digit(*word)) return false;
+  while (is_digit(*word)) ++word;
+  return *word == '\0';
+}
 
 // ---- Comparison operators of value lists and ip.len ----
 
@@ -46,23 +97,26 @@ struct Comparison {
 };
 
 // "80", "1000-2000", ">= 8000", "!=22".
-int parse_comparison(char *text, char **end, Comparison &out) {
+int parse_comparison(char *text, char **end, Comparison &out, Refusal *note) {
   char *p = dp::skip_spaces(text);
   if (is_digit(*p)) {
-    if (parse_u16(p, end, &out.value1) < 0) return -1;
+    if (parse_u16(p, end, &out.value1) < 0) return refuse_value(note, p, kNotANumber);
     char *q = dp::skip_spaces(*end);
     if (*q != '-') {
       out.op = NUV_CLFY_OP_EQ;
       return 0;
     }
-    if (parse_u16(dp::skip_spaces(q + 1), end, &out.value2) < 0) return -1;
+    char *upper = dp::skip_spaces(q + 1);
+    if (parse_u16(upper, end, &out.value2) < 0) return refuse_value(note, upper, kNotANumber);
     out.op = NUV_CLFY_OP_RANGE;
     return 0;
   }
   const OperatorText *op = find_operator(p);
-  if (!op) return -1;
+  if (!op) return refuse_value(note, p, kBadOperator);
   out.op = op->op;
-  return parse_u16(dp::skip_spaces(p + std::strlen(op->text)), end, &out.value1);
+  char *number = dp::skip_spaces(p + std::strlen(op->text));
+  if (parse_u16(number, end, &out.value1) < 0) return refuse_value(note, number, kNotANumber);
+  return 0;
 }
 
 using AddComparison = void (*)(nuv_clfy *, std::uint32_t, std::uint16_t, std::uint16_t);
@@ -71,16 +125,16 @@ using AddComparison = void (*)(nuv_clfy *, std::uint32_t, std::uint16_t, std::ui
 // whole rest of the line, so a comma in a later keyword's value splits this
 // list too; the piece before such a comma carries other words and the rule is
 // refused.
-int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison add) {
+int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison add, Refusal *note) {
   char *element = text;
   for (;;) {
     char *comma = std::strchr(element, ',');
     if (comma) *comma = '\0';
     Comparison c;
-    const int rc = parse_comparison(element, end, c);
-    const bool clean = rc == 0 && (!comma || *dp::skip_spaces(*end) == '\0');
+    int rc = parse_comparison(element, end, c, note);
+    if (rc == 0 && comma && *dp::skip_spaces(*end) != '\0') rc = refuse(note, dp::skip_spaces(*end), kListJunk);
     if (comma) *comma = ',';
-    if (!clean) return -1;
+    if (rc != 0) return rc;
     add(rule, c.op, c.value1, c.value2);
     if (!comma) return 0;
     element = comma + 1;
@@ -88,6 +142,9 @@ int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison 
 }
 
 // ---- Keyword handlers ----
+//
+// Each handler takes the parser's arguments and a note, null unless the
+// diagnostic parser runs, in which it says where and why it refused.
 
 int set_name(char *text, char **end, char *name, std::size_t size) {
   char *p = dp::skip_equals(text);
@@ -101,14 +158,14 @@ int set_name(char *text, char **end, char *name, std::size_t size) {
   return 0;
 }
 
-int handle_dev(char *text, char **end, nuv_clfy *rule) {
+int handle_dev(char *text, char **end, nuv_clfy *rule, Refusal *) {
   set_name(text, end, rule->dev, dp::clfy::kIfNameLimit);
   rule->dev_ifindex = -1;
   rule->flags |= NUV_CLFY_F_DEV;
   return 0;
 }
 
-int handle_brdev(char *text, char **end, nuv_clfy *rule) {
+int handle_brdev(char *text, char **end, nuv_clfy *rule, Refusal *) {
   set_name(text, end, rule->brdev, dp::clfy::kIfNameLimit);
   rule->brdev_ifindex = -1;
   rule->flags |= NUV_CLFY_F_BRDEV;
@@ -116,16 +173,16 @@ int handle_brdev(char *text, char **end, nuv_clfy *rule) {
 }
 
 // Older configurations name the switch port; the classifier has no use for it.
-int handle_ethport(char *text, char **end, nuv_clfy *) {
+int handle_ethport(char *text, char **end, nuv_clfy *, Refusal *) {
   *end = dp::word_end(dp::skip_equals(text));
   return 0;
 }
 
-int handle_localmark(char *text, char **end, nuv_clfy *rule) {
+int handle_localmark(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   unsigned char map[dp::clfy::kClassMapSize];
   std::memset(map, 0, sizeof map);
-  char *name = dp::skip_equals(text);
-  for (;;) {
+  char *first = dp::skip_equals(text);
+  for (char *name = first;;) {
     char *stop = name;
     while (*stop && *stop != ' ' && *stop != ',') ++stop;
     const char separator = *stop;
@@ -139,53 +196,63 @@ int handle_localmark(char *text, char **end, nuv_clfy *rule) {
     }
     name = stop + 1;
   }
-  return nuv_clfy_add_localmark(rule, map) < 0 ? -1 : 0;
+  return nuv_clfy_add_localmark(rule, map) < 0 ? refuse(note, first, kOutOfMemory) : 0;
 }
 
-int handle_eth_proto(char *text, char **end, nuv_clfy *rule) {
-  if (parse_u16(dp::skip_equals(text), end, &rule->eth_proto) < 0) return -1;
+int handle_eth_proto(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  char *value = dp::skip_equals(text);
+  if (parse_u16(value, end, &rule->eth_proto) < 0) return refuse_value(note, value, kNotANumber);
   rule->flags |= NUV_CLFY_F_ETH_PROTO;
   return 0;
 }
 
-int handle_eth_source(char *text, char **end, nuv_clfy *rule) {
-  if (parse_mac(dp::skip_equals(text), end, rule->eth_source) < 0) return -1;
-  rule->flags |= NUV_CLFY_F_ETH_SOURCE;
+using ByteParser = int (*)(const char *, char **, std::uint8_t *);
+
+// A MAC address or OUI into `out`; `flag` is the condition's presence bit.
+int parse_hardware(char *text, char **end, nuv_clfy *rule, Refusal *note, ByteParser parse, std::uint8_t *out,
+                   std::uint32_t flag, const char *reason) {
+  char *value = dp::skip_equals(text);
+  if (parse(value, end, out) < 0) return refuse_value(note, value, reason);
+  rule->flags |= flag;
   return 0;
 }
 
-int handle_eth_sourceoui(char *text, char **end, nuv_clfy *rule) {
-  if (parse_oui(dp::skip_equals(text), end, rule->eth_source) < 0) return -1;
-  rule->flags |= NUV_CLFY_F_ETH_SOURCEOUI;
-  return 0;
+int handle_eth_source(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_hardware(text, end, rule, note, parse_mac, rule->eth_source, NUV_CLFY_F_ETH_SOURCE, kBadMac);
 }
 
-int handle_eth_dest(char *text, char **end, nuv_clfy *rule) {
-  if (parse_mac(dp::skip_equals(text), end, rule->eth_dest) < 0) return -1;
-  rule->flags |= NUV_CLFY_F_ETH_DEST;
-  return 0;
+int handle_eth_sourceoui(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_hardware(text, end, rule, note, parse_oui, rule->eth_source, NUV_CLFY_F_ETH_SOURCEOUI, kBadOui);
 }
 
-int handle_eth_destoui(char *text, char **end, nuv_clfy *rule) {
-  if (parse_oui(dp::skip_equals(text), end, rule->eth_dest) < 0) return -1;
-  rule->flags |= NUV_CLFY_F_ETH_DESTOUI;
-  return 0;
+int handle_eth_dest(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_hardware(text, end, rule, note, parse_mac, rule->eth_dest, NUV_CLFY_F_ETH_DEST, kBadMac);
 }
 
-int handle_vlan_id(char *text, char **end, nuv_clfy *rule) {
-  return parse_comparison_list(text, end, rule, nuv_clfy_add_vlanid);
+int handle_eth_destoui(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_hardware(text, end, rule, note, parse_oui, rule->eth_dest, NUV_CLFY_F_ETH_DESTOUI, kBadOui);
 }
 
-int handle_vlan_prio(char *text, char **end, nuv_clfy *rule) {
-  if (parse_u8(dp::skip_equals(text), end, &rule->vlan_prio) < 0) return -1;
+int handle_vlan_id(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_comparison_list(text, end, rule, nuv_clfy_add_vlanid, note);
+}
+
+// A single number of 8 bits into `out`.
+int parse_byte(char *text, char **end, std::uint8_t *out, Refusal *note) {
+  char *value = dp::skip_equals(text);
+  return parse_u8(value, end, out) < 0 ? refuse_value(note, value, kNotANumber) : 0;
+}
+
+int handle_vlan_prio(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  if (parse_byte(text, end, &rule->vlan_prio, note) < 0) return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_VLAN_PRIO;
   return 0;
 }
 
 // The table name is the next word; the text is terminated there only while
-// the table is looked up.
+// the table is looked up.  Tables are only refused for want of memory.
 template <typename Table>
-int with_table_name(char *text, char **end, Table *(*find_or_create)(const char *), Table **out) {
+int with_table_name(char *text, char **end, Table *(*find_or_create)(const char *), Table **out, Refusal *note) {
   char *name = dp::skip_spaces(text);
   char *stop = dp::word_end(name);
   const char separator = *stop;
@@ -193,40 +260,44 @@ int with_table_name(char *text, char **end, Table *(*find_or_create)(const char 
   *out = find_or_create(name);
   *stop = separator;
   *end = stop;
-  return *out ? 0 : -1;
+  return *out ? 0 : refuse(note, name, kOutOfMemory);
 }
 
-int handle_ethsrctab(char *text, char **end, nuv_clfy *rule) {
-  if (with_table_name(text, end, nuv_clfy_ethersrctab_find_or_create, &rule->ethsrctab) < 0) return -1;
+int handle_ethsrctab(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  if (with_table_name(text, end, nuv_clfy_ethersrctab_find_or_create, &rule->ethsrctab, note) < 0)
+    return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_ETHSRCTAB;
   return 0;
 }
 
-int handle_ipdsttab(char *text, char **end, nuv_clfy *rule) {
-  if (with_table_name(text, end, nuv_clfy_ipdsttab_find_or_create, &rule->ipdsttab) < 0) return -1;
+int handle_ipdsttab(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  if (with_table_name(text, end, nuv_clfy_ipdsttab_find_or_create, &rule->ipdsttab, note) < 0)
+    return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_IPDSTTAB;
   return 0;
 }
 
-int handle_ip_version(char *text, char **end, nuv_clfy *rule) {
+int handle_ip_version(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   std::uint8_t version = 0;
-  if (parse_u8(dp::skip_equals(text), end, &version) < 0) return -1;
-  if (version != 4 && version != 6) return -1;
+  if (parse_byte(text, end, &version, note) < 0) return NUV_CLFY_E_REFUSED;
+  if (version != 4 && version != 6) return refuse(note, dp::skip_equals(text), kBadVersion);
   rule->ip_version = version;
   rule->flags |= NUV_CLFY_F_IP_VERSION;
   return 0;
 }
 
 // Only one protocol is taken: a comma ends the name like a space does, and
-// parsing goes on right behind it.
-int handle_ip_proto(char *text, char **end, nuv_clfy *rule) {
+// parsing goes on right behind it.  Numbers are written "P6"; a bare number
+// is refused, so that it is not mistaken for a port.
+int handle_ip_proto(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   char *name = dp::skip_equals(text);
   char *stop = name;
   while (*stop && *stop != ' ' && *stop != ',') ++stop;
   if (*stop) *stop++ = '\0';
   *end = stop;
   std::uint8_t proto = 0;
-  if (ipproto_parse(&proto, name) < 0) return -1;
+  if (ipproto_parse(&proto, name) < 0)
+    return refuse_value(note, name, all_digits(name) ? kProtocolNumber : kUnknownProtocol);
   rule->ip_proto = proto;
   rule->flags |= NUV_CLFY_F_IP_PROTO;
   return 0;
@@ -234,30 +305,33 @@ int handle_ip_proto(char *text, char **end, nuv_clfy *rule) {
 
 // "value", "value/mask" or "value mask".
 template <typename T, typename Parse>
-int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_mask, Parse parse) {
-  if (parse(dp::skip_equals(text), end, value) < 0) return -1;
+int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_mask, Parse parse, Refusal *note) {
+  char *first = dp::skip_equals(text);
+  if (parse(first, end, value) < 0) return refuse_value(note, first, kNotANumber);
   char *p = dp::skip_spaces(*end);
-  if (*p == '/') return parse(p + 1, end, mask) < 0 ? -1 : 0;
-  if (is_digit(*p)) return parse(p, end, mask) < 0 ? -1 : 0;
-  *mask = default_mask;
-  return 0;
+  if (*p != '/' && !is_digit(*p)) {
+    *mask = default_mask;
+    return 0;
+  }
+  if (*p == '/') ++p;
+  return parse(p, end, mask) < 0 ? refuse_value(note, p, kBadMask) : 0;
 }
 
-int handle_ip_tos(char *text, char **end, nuv_clfy *rule) {
+int handle_ip_tos(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   if (parse_value_and_mask<std::uint8_t>(text, end, &rule->ip_tos, &rule->ip_tos_mask, dp::clfy::kTosMaskDefault,
-                                         parse_u8) < 0)
-    return -1;
+                                         parse_u8, note) < 0)
+    return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_IP_TOS;
   return 0;
 }
 
-int handle_tcp_flags(char *text, char **end, nuv_clfy *rule) {
+int handle_tcp_flags(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   rule->ip_proto = dp::clfy::kProtoTcp;
   rule->flags |= NUV_CLFY_F_IP_PROTO;
   const std::uint16_t twelve_bits = dp::host_to_net16(0x0fff);
   if (parse_value_and_mask<std::uint16_t>(text, end, &rule->tcp_flags, &rule->tcp_flags_mask, twelve_bits,
-                                          parse_u16) < 0)
-    return -1;
+                                          parse_u16, note) < 0)
+    return NUV_CLFY_E_REFUSED;
   // The data-offset nibble shares the word with the flags; it never takes part.
   rule->tcp_flags &= twelve_bits;
   rule->tcp_flags_mask &= twelve_bits;
@@ -273,38 +347,44 @@ bool reads_as_ipv4(const char *p) {
 // An IPv4 prefix ("10.0.0.0/8", "10.0.0.0 255.0.0.0", "10.0.0.1") or an IPv6
 // one.  The IPv6 form takes the first "/" of the rest of the line as its
 // length separator, and without one the rest of the line as the address.
-int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *prefixlen, std::uint8_t *family) {
+int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *prefixlen, std::uint8_t *family,
+                  Refusal *note) {
   char *p = dp::skip_equals(text);
   if (reads_as_ipv4(p)) {
     std::uint32_t address = 0, mask = 0;
-    if (parse_prefix(p, end, &address, &mask) < 0) return -1;
+    if (parse_prefix(p, end, &address, &mask) < 0) return refuse_value(note, p, kBadAddress);
     dp::store_net32(addr, address);
     dp::store_net32(addr + 4, mask);
     *family = 4;
     return 0;
   }
+  // The IPv6 reader cuts the line at the "/", so the word is noted first
+  // (a note is only read when the handler fails).
   std::uint8_t length = 128;
-  if (parse_prefix6(p, end, addr, &length) < 0) return -1;
+  refuse_value(note, p, kBadAddress);
+  if (parse_prefix6(p, end, addr, &length) < 0) return NUV_CLFY_E_REFUSED;
   *prefixlen = length;
   *family = 6;
   return 0;
 }
 
-int handle_ip_saddr(char *text, char **end, nuv_clfy *rule) {
-  if (parse_address(text, end, rule->ip_saddr.v6, &rule->ip_saddr_prefixlen, &rule->ip_saddr_family) < 0) return -1;
+int handle_ip_saddr(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  if (parse_address(text, end, rule->ip_saddr.v6, &rule->ip_saddr_prefixlen, &rule->ip_saddr_family, note) < 0)
+    return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_IP_SADDR;
   return 0;
 }
 
-int handle_ip_daddr(char *text, char **end, nuv_clfy *rule) {
-  if (parse_address(text, end, rule->ip_daddr.v6, &rule->ip_daddr_prefixlen, &rule->ip_daddr_family) < 0) return -1;
+int handle_ip_daddr(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  if (parse_address(text, end, rule->ip_daddr.v6, &rule->ip_daddr_prefixlen, &rule->ip_daddr_family, note) < 0)
+    return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_IP_DADDR;
   return 0;
 }
 
-int handle_ip_len(char *text, char **end, nuv_clfy *rule) {
+int handle_ip_len(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   Comparison c;
-  if (parse_comparison(text, end, c) < 0) return -1;
+  if (parse_comparison(text, end, c, note) < 0) return NUV_CLFY_E_REFUSED;
   rule->ip_len.op = c.op;
   rule->ip_len.value1 = dp::net_to_host16(c.value1);
   rule->ip_len.value2 = dp::net_to_host16(c.value2);
@@ -313,37 +393,34 @@ int handle_ip_len(char *text, char **end, nuv_clfy *rule) {
 }
 
 template <std::uint8_t Proto, AddComparison Add>
-int handle_ports(char *text, char **end, nuv_clfy *rule) {
+int handle_ports(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   rule->ip_proto = Proto;
   rule->flags |= NUV_CLFY_F_IP_PROTO;
-  return parse_comparison_list(text, end, rule, Add);
+  return parse_comparison_list(text, end, rule, Add, note);
 }
 
-int handle_icmp_type(char *text, char **end, nuv_clfy *rule) {
-  if (parse_u8(dp::skip_equals(text), end, &rule->icmp_type) < 0) return -1;
+int handle_icmp_type(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  if (parse_byte(text, end, &rule->icmp_type, note) < 0) return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_ICMP_TYPE;
   return 0;
 }
-
-// Codes of a DHCP condition that cannot be taken.
-constexpr int kDhcpMissingTable = -9;
-constexpr int kDhcpNotStored = -10;
 
 using DhcpMatchParser = int (*)(char *, char **, dhcp_match *);
 
 // "<match> pattern tablename": the match parser reads up to the end of the
 // pattern, then a table name of letters and dots must follow.  Pattern and
 // name are terminated only while the condition is stored.
-int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser parse) {
+int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser parse, Refusal *note) {
   dhcp_match match;
   std::memset(&match, 0, sizeof match);
   char *pattern_end = text;
+  char *value = dp::skip_spaces(text);
   const int length = parse(text, &pattern_end, &match);
-  if (length < 0) return length;
+  if (length < 0) return refuse(note, value, *value ? dhcp_match_strerror(length) : kValueMissing, length);
   char *table = dp::skip_spaces(pattern_end);
   char *table_end = table;
   while (is_keyword_char(*table_end)) ++table_end;
-  if (table_end == table) return kDhcpMissingTable;
+  if (table_end == table) return refuse(note, table, kMissingTable, NUV_CLFY_E_MISSING_TABLE);
   // The pattern lies in our writable copy of the line; the match record only
   // hands it back as const.
   char *pattern = match.pattern ? const_cast<char *>(match.pattern) : pattern_end;
@@ -355,7 +432,7 @@ int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser
   *table_end = table_stop;
   pattern[length] = pattern_stop;
   *end = table_end;
-  return rc < 0 ? kDhcpNotStored : 0;
+  return rc < 0 ? refuse(note, table, kOutOfMemory, NUV_CLFY_E_DHCP_NOT_STORED) : 0;
 }
 
 int option_match(char *text, char **end, dhcp_match *match) {
@@ -366,112 +443,231 @@ int header_match(char *text, char **end, dhcp_match *match) {
   return parse_dhcpheadermatch(text, end, match);
 }
 
-int handle_dhcpoption(char *text, char **end, nuv_clfy *rule) {
-  return parse_dhcp_condition(text, end, rule, option_match);
+int handle_dhcpoption(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_dhcp_condition(text, end, rule, option_match, note);
 }
 
-int handle_dhcpheader(char *text, char **end, nuv_clfy *rule) {
-  return parse_dhcp_condition(text, end, rule, header_match);
+int handle_dhcpheader(char *text, char **end, nuv_clfy *rule, Refusal *note) {
+  return parse_dhcp_condition(text, end, rule, header_match, note);
 }
 
 // The pattern is stored from its first character to the end of the line,
 // while parsing goes on behind its first word: conditions written after a
 // packetmatch pattern both apply and become part of the pattern.  Rule sets
 // in the field are written with packetmatch last, relying on that.
-int handle_packetmatch(char *text, char **end, nuv_clfy *rule) {
+int handle_packetmatch(char *text, char **end, nuv_clfy *rule, Refusal *) {
   char *pattern = dp::skip_spaces(text);
   *end = dp::word_end(pattern);
   return nuv_clfy_add_packetmatch(rule, pattern);
 }
 
-int handle_any(char *, char **, nuv_clfy *) { return 0; }
+int handle_any(char *, char **, nuv_clfy *, Refusal *) { return 0; }
+
+using Handler = int (*)(char *, char **, nuv_clfy *, Refusal *);
+
+constexpr Handler handle_udp_sport = handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>;
+constexpr Handler handle_udp_dport = handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>;
+constexpr Handler handle_tcp_sport = handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>;
+constexpr Handler handle_tcp_dport = handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>;
+
+// The handler as the keyword table exports it: without a note.
+template <Handler H>
+int exported(char *text, char **end, nuv_clfy *rule) {
+  return H(text, end, rule, nullptr);
+}
+
+// The keywords in table order, written once: they give both the exported
+// table and the parser's own handlers (same rows, same order).
+#define NUV_CLFY_KEYWORDS(ROW)           \
+  ROW("dev", handle_dev)                 \
+  ROW("brdev", handle_brdev)             \
+  ROW("ethport", handle_ethport)         \
+  ROW("localmark", handle_localmark)     \
+  ROW("eth.proto", handle_eth_proto)     \
+  ROW("eth.source", handle_eth_source)   \
+  ROW("eth.sourceoui", handle_eth_sourceoui) \
+  ROW("eth.dest", handle_eth_dest)       \
+  ROW("eth.destoui", handle_eth_destoui) \
+  ROW("vlan.id", handle_vlan_id)         \
+  ROW("vlan.prio", handle_vlan_prio)     \
+  ROW("ethsrctab", handle_ethsrctab)     \
+  ROW("ip.version", handle_ip_version)   \
+  ROW("ip.proto", handle_ip_proto)       \
+  ROW("ip.protocol", handle_ip_proto)    \
+  ROW("ip.tos", handle_ip_tos)           \
+  ROW("ip.saddr", handle_ip_saddr)       \
+  ROW("ip.source", handle_ip_saddr)      \
+  ROW("ip.daddr", handle_ip_daddr)       \
+  ROW("ipdsttab", handle_ipdsttab)       \
+  ROW("ip.dest", handle_ip_daddr)        \
+  ROW("ip.len", handle_ip_len)           \
+  ROW("udp.source", handle_udp_sport)    \
+  ROW("udp.sport", handle_udp_sport)     \
+  ROW("udp.dest", handle_udp_dport)      \
+  ROW("udp.dport", handle_udp_dport)     \
+  ROW("tcp.source", handle_tcp_sport)    \
+  ROW("tcp.sport", handle_tcp_sport)     \
+  ROW("tcp.dest", handle_tcp_dport)      \
+  ROW("tcp.dport", handle_tcp_dport)     \
+  ROW("tcp.flags", handle_tcp_flags)     \
+  ROW("icmp.type", handle_icmp_type)     \
+  ROW("dhcpoption", handle_dhcpoption)   \
+  ROW("dhcpheader", handle_dhcpheader)   \
+  ROW("packetmatch", handle_packetmatch) \
+  ROW("any", handle_any)
+
+#define NUV_CLFY_EXPORTED_ROW(keyword, handler) {keyword, exported<handler>},
+#define NUV_CLFY_HANDLER_ROW(keyword, handler) handler,
+
+constexpr Handler kHandlers[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_HANDLER_ROW)};
 
 }  // namespace
 
 extern "C" {
 
-const nuv_clfy_keyword parsetab[] = {
-    {"dev", handle_dev},
-    {"brdev", handle_brdev},
-    {"ethport", handle_ethport},
-    {"localmark", handle_localmark},
-    {"eth.proto", handle_eth_proto},
-    {"eth.source", handle_eth_source},
-    {"eth.sourceoui", handle_eth_sourceoui},
-    {"eth.dest", handle_eth_dest},
-    {"eth.destoui", handle_eth_destoui},
-    {"vlan.id", handle_vlan_id},
-    {"vlan.prio", handle_vlan_prio},
-    {"ethsrctab", handle_ethsrctab},
-    {"ip.version", handle_ip_version},
-    {"ip.proto", handle_ip_proto},
-    {"ip.protocol", handle_ip_proto},
-    {"ip.tos", handle_ip_tos},
-    {"ip.saddr", handle_ip_saddr},
-    {"ip.source", handle_ip_saddr},
-    {"ip.daddr", handle_ip_daddr},
-    {"ipdsttab", handle_ipdsttab},
-    {"ip.dest", handle_ip_daddr},
-    {"ip.len", handle_ip_len},
-    {"udp.source", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>},
-    {"udp.sport", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_sport>},
-    {"udp.dest", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>},
-    {"udp.dport", handle_ports<dp::clfy::kProtoUdp, nuv_clfy_add_ip_dport>},
-    {"tcp.source", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>},
-    {"tcp.sport", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>},
-    {"tcp.dest", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>},
-    {"tcp.dport", handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>},
-    {"tcp.flags", handle_tcp_flags},
-    {"icmp.type", handle_icmp_type},
-    {"dhcpoption", handle_dhcpoption},
-    {"dhcpheader", handle_dhcpheader},
-    {"packetmatch", handle_packetmatch},
-    {"any", handle_any},
-    {nullptr, nullptr},
-};
+const nuv_clfy_keyword parsetab[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_EXPORTED_ROW){nullptr, nullptr}};
 
 }  // extern "C"
 
+#undef NUV_CLFY_HANDLER_ROW
+#undef NUV_CLFY_EXPORTED_ROW
+#undef NUV_CLFY_KEYWORDS
+
 namespace {
 
-const nuv_clfy_keyword *find_keyword(const char *word) {
+static_assert(std::size(kHandlers) + 1 == std::size(parsetab), "one handler per keyword row");
+
+// Texts of the codes, for nuv_clfy_strerror.  -1 to -6 of the DHCP keywords
+// share their values with the handlers' refusal; the refusal's text stands.
+constexpr dp::CodeText kCodeTexts[] = {
+    {NUV_CLFY_E_OK, "parsed"},
+    {NUV_CLFY_E_REFUSED, "value missing or not accepted"},
+    {NUV_CLFY_E_DHCP_BAD_CODE, "bad DHCP option code or unknown header field"},
+    {NUV_CLFY_E_DHCP_NOT_VENDOR, "only options 124 and 125 take /enterprise/sub"},
+    {NUV_CLFY_E_DHCP_ENTERPRISE, "bad enterprise number"},
+    {NUV_CLFY_E_DHCP_SECOND_SLASH, "missing \"/\" before the sub-option code"},
+    {NUV_CLFY_E_DHCP_SUB_CODE, "bad sub-option code"},
+    {NUV_CLFY_E_MISSING_TABLE, "table name missing"},
+    {NUV_CLFY_E_DHCP_NOT_STORED, "DHCP condition could not be stored"},
+    {NUV_CLFY_E_UNKNOWN_KEYWORD, "unknown keyword"},
+    {NUV_CLFY_E_LINE_TOO_LONG, "line longer than 255 characters"},
+    {NUV_CLFY_E_NO_MEMORY, "out of memory"},
+};
+
+// Index of the keyword row that `word` names, or -1.
+long find_keyword(const char *word) {
   for (const nuv_clfy_keyword *row = parsetab; row->keyword; ++row)
-    if (std::strcmp(row->keyword, word) == 0) return row;
-  return nullptr;
+    if (std::strcmp(row->keyword, word) == 0) return row - parsetab;
+  return -1;
 }
 
-// Runs the keyword at `p`; returns where parsing continues, or null.
-char *parse_condition(char *p, nuv_clfy *rule) {
+// Where the parse of one line failed, in the parser's copy of it.
+struct Failure {
+  const char *keyword = nullptr;  // as written; null when none
+  std::size_t keyword_length = 0;
+  int code = NUV_CLFY_E_OK;
+  Refusal refusal;
+};
+
+// Runs the keyword at `p`; returns where parsing continues, or null after
+// filling `failure` (when it is not null).
+char *parse_condition(char *p, nuv_clfy *rule, Failure *failure) {
   char *keyword_end = p;
   while (is_keyword_char(*keyword_end)) ++keyword_end;
   const char saved = *keyword_end;
   *keyword_end = '\0';
-  const nuv_clfy_keyword *row = find_keyword(p);
+  const long row = find_keyword(p);
   *keyword_end = saved;
-  if (!row) return nullptr;
+  if (failure) {
+    failure->keyword = p;
+    failure->keyword_length = static_cast<std::size_t>(keyword_end - p);
+  }
+  if (row < 0) {
+    if (failure) failure->code = refuse(&failure->refusal, p, nuv_clfy_strerror(NUV_CLFY_E_UNKNOWN_KEYWORD),
+                                        NUV_CLFY_E_UNKNOWN_KEYWORD);
+    return nullptr;
+  }
   char *end = keyword_end;
-  if (row->handler(keyword_end, &end, rule) < 0) return nullptr;
+  Refusal *note = nullptr;
+  if (failure) {
+    failure->refusal = Refusal();
+    note = &failure->refusal;
+  }
+  const int rc = kHandlers[row](keyword_end, &end, rule, note);
+  if (rc < 0) {
+    if (failure) failure->code = rc;
+    return nullptr;
+  }
   return end;
 }
 
-}  // namespace
+void clear_diag(nuv_clfy_diag *diag) {
+  std::memset(diag, 0, sizeof *diag);
+  diag->reason = "";
+}
 
-extern "C" int nuv_clfy_parse(const char *text, nuv_clfy **result) {
+// Fills `diag` from a failure inside `line`.  A handler that gave no note
+// is reported at its value with its code's text.
+void report(nuv_clfy_diag *diag, const char *line, const Failure &failure) {
+  diag->code = failure.code;
+  const std::size_t keyword_length = std::min(failure.keyword_length, sizeof diag->keyword - 1);
+  std::memcpy(diag->keyword, failure.keyword, keyword_length);
+  diag->keyword[keyword_length] = '\0';
+  Refusal refusal = failure.refusal;
+  if (!refusal.at) refuse(&refusal, dp::skip_equals(failure.keyword + failure.keyword_length),
+                          nuv_clfy_strerror(failure.code));
+  diag->offset = static_cast<std::uint32_t>(refusal.at - line);
+  diag->length = static_cast<std::uint32_t>(refusal.length);
+  diag->reason = refusal.reason;
+}
+
+void report_line(nuv_clfy_diag *diag, int code, std::size_t offset, std::size_t length) {
+  diag->code = code;
+  diag->offset = static_cast<std::uint32_t>(offset);
+  diag->length = static_cast<std::uint32_t>(length);
+  diag->reason = nuv_clfy_strerror(code);
+}
+
+// The one rule line parser; `diag` is null for nuv_clfy_parse.
+int parse_line(const char *text, nuv_clfy **result, nuv_clfy_diag *diag) {
+  if (diag) clear_diag(diag);
   const std::size_t length = std::strlen(text);
-  if (length >= kLineBuffer) return -1;
+  if (length >= kLineBuffer) {
+    if (diag) report_line(diag, NUV_CLFY_E_LINE_TOO_LONG, kLineBuffer - 1, length - (kLineBuffer - 1));
+    return NUV_CLFY_E_REFUSED;
+  }
   nuv_clfy *rule = nuv_clfy_alloc();
-  if (!rule) return -1;
+  if (!rule) {
+    if (diag) report_line(diag, NUV_CLFY_E_NO_MEMORY, 0, 0);
+    return NUV_CLFY_E_REFUSED;
+  }
   char line[kLineBuffer];
   std::memcpy(line, text, length + 1);
+  Failure failure;
   // A handler may stop in front of the next keyword; no blank is needed there.
   for (char *p = dp::skip_spaces(line); *p; p = dp::skip_spaces(p)) {
-    p = parse_condition(p, rule);
+    p = parse_condition(p, rule, diag ? &failure : nullptr);
     if (!p) {
+      if (diag) report(diag, line, failure);
       nuv_clfy_free(rule);
-      return -1;
+      return NUV_CLFY_E_REFUSED;
     }
   }
   nuv_clfy_optim(rule);
   *result = rule;
-  return 0;
+  return NUV_CLFY_E_OK;
 }
+
+}  // namespace
+
+extern "C" {
+
+int nuv_clfy_parse(const char *text, nuv_clfy **result) { return parse_line(text, result, nullptr); }
+
+int nuv_clfy_parse_with_diag(const char *text, nuv_clfy **result, nuv_clfy_diag *diag) {
+  return parse_line(text, result, diag);
+}
+
+const char *nuv_clfy_strerror(int code) { return dp::code_text(kCodeTexts, code, dp::kUnknownCodeText); }
+
+}  // extern "C"

@@ -134,9 +134,8 @@ inline constexpr std::uint32_t kConditionsBeforeIp = NUV_CLFY_F_DEV | NUV_CLFY_F
                                                      NUV_CLFY_F_VLAN_ID | NUV_CLFY_F_VLAN_PRIO;
 
 // Presence-bit groups tried for a shared parent when rule sets are grouped,
-// in order of preference when runs are equally long.  The last row repeats
-// the second; with ties going to the earlier row it never wins, and the
-// table is kept as it is.
+// in order of preference when runs are equally long (ties go to the
+// earlier row).
 inline constexpr std::uint32_t kGroupingMasks[] = {
     NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO,
     NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO,
@@ -144,7 +143,6 @@ inline constexpr std::uint32_t kGroupingMasks[] = {
     NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR,
     NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_DADDR,
     NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR,
-    NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_PROTO,
 };
 
 }  // namespace dp::clfy

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "dp_codetext.h"
 #include "dp_scratch.h"
 #include "dp_text.h"
 #include "nuvclfy.h"
@@ -40,9 +41,9 @@ int read_ulong(const char *text, const char **end, std::uint32_t *out) {
 // "/enterprise/sub" after a vendor option code; *p is at the first "/".
 int parse_vendor_suffix(const char **p, dhcp_match *match) {
   const char *end = nullptr;
-  if (read_ulong(*p + 1, &end, &match->enterprise) != 0) return -4;
-  if (*end != '/') return -5;
-  if (read_u8(end + 1, &end, &match->sub) != 0) return -6;
+  if (read_ulong(*p + 1, &end, &match->enterprise) != 0) return DHCP_MATCH_E_ENTERPRISE;
+  if (*end != '/') return DHCP_MATCH_E_SECOND_SLASH;
+  if (read_u8(end + 1, &end, &match->sub) != 0) return DHCP_MATCH_E_SUB_CODE;
   *p = end;
   return 0;
 }
@@ -54,6 +55,15 @@ int find_header_field(const char *name) {
   }
   return -1;
 }
+
+constexpr dp::CodeText kMatchParserTexts[] = {
+    {DHCP_MATCH_E_NO_PATTERN, "header field name without a pattern"},
+    {DHCP_MATCH_E_BAD_CODE, "bad DHCP option code or unknown header field"},
+    {DHCP_MATCH_E_NOT_VENDOR, "only options 124 and 125 take /enterprise/sub"},
+    {DHCP_MATCH_E_ENTERPRISE, "bad enterprise number"},
+    {DHCP_MATCH_E_SECOND_SLASH, "missing \"/\" before the sub-option code"},
+    {DHCP_MATCH_E_SUB_CODE, "bad sub-option code"},
+};
 
 int match_header(const std::uint8_t *msg, const dhcp_match *match) {
   if (match->sub >= DHCP_HFIELD_COUNT) return 0;
@@ -119,10 +129,10 @@ NIKERKIOG_API int parse_dhcpoptionmatch(const char *text, char **endp, dhcp_matc
   std::memset(match, 0, sizeof *match);
   const char *p = dp::skip_spaces(text);
   const char *end = nullptr;
-  if (read_u8(p, &end, &match->code) != 0 || match->code == 0) return -2;
+  if (read_u8(p, &end, &match->code) != 0 || match->code == 0) return DHCP_MATCH_E_BAD_CODE;
   p = end;
   if (*p == '/') {
-    if (!is_vendor_code(match->code)) return -3;
+    if (!is_vendor_code(match->code)) return DHCP_MATCH_E_NOT_VENDOR;
     const int rc = parse_vendor_suffix(&p, match);
     if (rc != 0) return rc;
   }
@@ -138,12 +148,12 @@ NIKERKIOG_API int parse_dhcpheadermatch(char *text, char **endp, dhcp_match *mat
   std::memset(match, 0, sizeof *match);
   char *name = const_cast<char *>(dp::skip_spaces(text));
   char *separator = const_cast<char *>(dp::word_end(name));
-  if (*separator == '\0') return -1;
+  if (*separator == '\0') return DHCP_MATCH_E_NO_PATTERN;
   const char saved = *separator;
   *separator = '\0';
   const int index = find_header_field(name);
   // An unknown name leaves its terminating NUL in the text.
-  if (index < 0) return -2;
+  if (index < 0) return DHCP_MATCH_E_UNKNOWN_FIELD;
   *separator = saved;
   const char *pattern = dp::skip_spaces(separator);
   const char *pattern_end = dp::word_end(pattern);
@@ -157,6 +167,11 @@ NIKERKIOG_API int dhcp_packet_matches(const dhcp_memops *memops, const unsigned 
                                       const dhcp_match *match) {
   if (match->code == 0) return match_header(msg, match);
   return match_option(memops, store, match);
+}
+
+NIKERKIOG_API const char *dhcp_match_strerror(int code) {
+  if (code >= DHCP_MATCH_E_OK) return "parsed";
+  return dp::code_text(kMatchParserTexts, code, dp::kUnknownCodeText);
 }
 
 NIKERKIOG_API const char *dhcp_hfield2str(std::uint8_t index) {

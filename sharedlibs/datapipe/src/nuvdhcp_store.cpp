@@ -69,11 +69,14 @@ int dhcp_set_option(const dhcp_memops *memops, dhcp_options store, int code, uin
   dhcp_option &slot = store[code];
   unsigned char *previous = slot.data;
   slot.data = static_cast<unsigned char *>(memops->alloc(len));
-  // The previous block is deliberately given up here rather than kept: the
-  // slot reads as absent after a failed set.
+  // After a failed allocation the old block is left to the caller: `data`
+  // may point into it (a value rebuilt from its own bytes), and a caller
+  // that read the slot before the call still holds it and releases it.
   if (!slot.data) return -1;
   if (len) std::memcpy(slot.data, data, len);
   slot.len = len;
+  // Released only after the copy, so a new value taken from the old one is
+  // read before its block goes.
   if (previous) memops->free(previous);
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dp_codetext.h"
 #include "nuvrules.h"
 #include "nuvrules_priv.h"
 
@@ -87,17 +88,40 @@ struct EndpointCodes {
   int upper_port;
 };
 
-constexpr EndpointCodes kSourceCodes = {-5, -6, -7, -8, -9};
-constexpr EndpointCodes kDestinationCodes = {-10, -11, -12, -13, -14};
+constexpr EndpointCodes kSourceCodes = {IPACCESS_E_BAD_SRC_HOST, IPACCESS_E_BAD_SRC_ADDR, IPACCESS_E_BAD_SRC_MASK,
+                                         IPACCESS_E_BAD_SRC_PORT, IPACCESS_E_BAD_SRC_UPPER_PORT};
+constexpr EndpointCodes kDestinationCodes = {IPACCESS_E_BAD_DST_HOST, IPACCESS_E_BAD_DST_ADDR, IPACCESS_E_BAD_DST_MASK,
+                                              IPACCESS_E_BAD_DST_PORT, IPACCESS_E_BAD_DST_UPPER_PORT};
 
 // Result codes of ipaccess_parse besides those of the endpoints.
-constexpr int kTextTooLong = -1;  // also: no scratch memory for the copy
-constexpr int kMissingWord = -2;
-constexpr int kUnknownPolicy = -3;
-constexpr int kUnknownProtocol = -4;
-constexpr int kConnectionWithoutFlag = -15;
-constexpr int kUnknownConnectionFlag = -16;
-constexpr int kUnknownTrailingWord = -17;
+constexpr int kTextTooLong = IPACCESS_E_TOO_LONG;  // also: no scratch memory for the copy
+constexpr int kMissingWord = IPACCESS_E_MISSING_WORD;
+constexpr int kUnknownPolicy = IPACCESS_E_UNKNOWN_POLICY;
+constexpr int kUnknownProtocol = IPACCESS_E_UNKNOWN_PROTOCOL;
+constexpr int kConnectionWithoutFlag = IPACCESS_E_CONNECTION_WITHOUT_FLAG;
+constexpr int kUnknownConnectionFlag = IPACCESS_E_UNKNOWN_CONNECTION_FLAG;
+constexpr int kUnknownTrailingWord = IPACCESS_E_UNKNOWN_TRAILING_WORD;
+
+constexpr dp::CodeText kCodeTexts[] = {
+    {IPACCESS_E_OK, "parsed"},
+    {IPACCESS_E_TOO_LONG, "rule text longer than 1023 characters (or no scratch memory)"},
+    {IPACCESS_E_MISSING_WORD, "a required word is missing"},
+    {IPACCESS_E_UNKNOWN_POLICY, "unknown policy"},
+    {IPACCESS_E_UNKNOWN_PROTOCOL, "unknown protocol"},
+    {IPACCESS_E_BAD_SRC_HOST, "bad source address after \"host\""},
+    {IPACCESS_E_BAD_SRC_ADDR, "bad source address"},
+    {IPACCESS_E_BAD_SRC_MASK, "bad source mask"},
+    {IPACCESS_E_BAD_SRC_PORT, "bad source port"},
+    {IPACCESS_E_BAD_SRC_UPPER_PORT, "bad upper bound of the source port range"},
+    {IPACCESS_E_BAD_DST_HOST, "bad destination address after \"host\""},
+    {IPACCESS_E_BAD_DST_ADDR, "bad destination address"},
+    {IPACCESS_E_BAD_DST_MASK, "bad destination mask"},
+    {IPACCESS_E_BAD_DST_PORT, "bad destination port"},
+    {IPACCESS_E_BAD_DST_UPPER_PORT, "bad upper bound of the destination port range"},
+    {IPACCESS_E_CONNECTION_WITHOUT_FLAG, "\"connection\" without a connection flag"},
+    {IPACCESS_E_UNKNOWN_CONNECTION_FLAG, "unknown connection flag"},
+    {IPACCESS_E_UNKNOWN_TRAILING_WORD, "unknown logging level or trailing word"},
+};
 
 // "any" | "host" address | address mask.
 int parse_address_part(WordCursor &words, const EndpointCodes &codes, std::uint32_t *addr, std::uint32_t *mask) {
@@ -195,6 +219,22 @@ int parse_words(WordCursor &words, ipaccess_rule *rule) {
   return parse_trailer(words, rule);
 }
 
+// The one access rule parser; `diag` is null for ipaccess_parse.
+int parse_access_rule(ipaccess_rule *rule, const char *text, nuvrules_diag *diag) {
+  std::memset(rule, 0, sizeof *rule);
+  if (nuvrules::rule_text_too_long(text))
+    return nuvrules::diagnose_too_long(diag, kTextTooLong, ipaccess_strerror(kTextTooLong), text);
+  dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
+  if (!scratch) return nuvrules::diagnose(diag, kTextTooLong, ipaccess_strerror(kTextTooLong), 0, 0);
+  char *copy = nuvrules::copy_rule_text(scratch, text);
+  const char *words[kMaxRuleWords];
+  const std::size_t count = nuvrules::split_rule_words(copy, words, kMaxRuleWords);
+  WordCursor cursor(words, count);
+  const int rc = parse_words(cursor, rule);
+  const bool word_missing = rc == kMissingWord || rc == kConnectionWithoutFlag;
+  return nuvrules::diagnose_words(diag, rc, ipaccess_strerror(rc), text, copy, cursor, word_missing);
+}
+
 }  // namespace
 
 extern "C" {
@@ -235,16 +275,12 @@ const char *ipaccessdirection_string(std::int32_t direction) {
   return "NONE";
 }
 
-int ipaccess_parse(ipaccess_rule *rule, const char *text) {
-  std::memset(rule, 0, sizeof *rule);
-  if (nuvrules::rule_text_too_long(text)) return kTextTooLong;
-  dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
-  if (!scratch) return kTextTooLong;
-  const char *words[kMaxRuleWords];
-  std::size_t count = nuvrules::split_rule_words(nuvrules::copy_rule_text(scratch, text), words,
-                                                  kMaxRuleWords);
-  WordCursor cursor(words, count);
-  return parse_words(cursor, rule);
+int ipaccess_parse(ipaccess_rule *rule, const char *text) { return parse_access_rule(rule, text, nullptr); }
+
+int ipaccess_parse_with_diag(ipaccess_rule *rule, const char *text, nuvrules_diag *diag) {
+  return parse_access_rule(rule, text, diag);
 }
+
+const char *ipaccess_strerror(int code) { return dp::code_text(kCodeTexts, code, dp::kUnknownCodeText); }
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dp_codetext.h"
 #include "dp_number.h"
 #include "dp_scratch.h"
 #include "dp_text.h"
@@ -43,7 +44,7 @@ bool read_list_port(const char *text, const char **end, std::uint16_t *port) {
 }
 
 int add_entry(ip6_forwardrule *block, std::uint8_t proto, std::uint16_t lo, std::uint16_t hi) {
-  if (block->count >= block->capacity) return -3;
+  if (block->count >= block->capacity) return IP6_FORWARDRULE_E_FULL;
   ip6_portrange *entry = &block->entries[block->count];
   std::memset(entry, 0, sizeof *entry);
   entry->proto = proto;
@@ -61,17 +62,41 @@ bool portless_protocol_marked(const ip6_forwardrule *block, unsigned proto) {
   return (block->proto_bits[proto / 32] >> (proto % 32)) & 1u;
 }
 
-// Items "p" or "p-q" separated by ",", one entry each.
-int parse_port_list(ip6_forwardrule *block, std::uint8_t proto, const char *list) {
+// The part of a line a forward rule result is about.
+struct Span {
+  const char *at = nullptr;
+  std::size_t length = 0;
+};
+
+// Notes `span` (when wanted) and returns `code`.
+int refuse(Span *where, const char *at, std::size_t length, int code) {
+  if (where) *where = Span{at, length};
+  return code;
+}
+
+// The number at `text` as written, for a refused port: blanks skipped, up
+// to the next blank, ",", "-" or the end.
+int refuse_number(Span *where, const char *text) {
+  const char *at = dp::skip_spaces(text);
+  std::size_t length = 0;
+  while (at[length] != '\0' && std::strchr(" ,-", at[length]) == nullptr) ++length;
+  return refuse(where, at, length, IP6_FORWARDRULE_E_BAD_PORT);
+}
+
+// Items "p" or "p-q" separated by ",", one entry each.  `where` (may be
+// null) receives the part of the list a failure is about.
+int parse_port_list(ip6_forwardrule *block, std::uint8_t proto, const char *list, Span *where) {
   const char *p = list;
   for (;;) {
+    const char *item = p;
     std::uint16_t lo = 0;
     std::uint16_t hi = 0;
-    if (!read_list_port(p, &p, &lo)) return -1;
+    if (!read_list_port(p, &p, &lo)) return refuse_number(where, item);
     hi = lo;
     p = dp::skip_spaces(p);
     if (*p == '-') {
-      if (!read_list_port(p + 1, &p, &hi)) return -1;
+      const char *upper = p + 1;
+      if (!read_list_port(upper, &p, &hi)) return refuse_number(where, upper);
       p = dp::skip_spaces(p);
       if (lo > hi) {
         std::uint16_t swap = lo;
@@ -79,10 +104,13 @@ int parse_port_list(ip6_forwardrule *block, std::uint8_t proto, const char *list
         hi = swap;
       }
     }
-    int rc = add_entry(block, proto, lo, hi);
-    if (rc != 0) return rc;
-    if (*p == '\0') return 0;
-    if (*p != ',') return -2;
+    const int rc = add_entry(block, proto, lo, hi);
+    if (rc != 0) {
+      item = dp::skip_spaces(item);
+      return refuse(where, item, static_cast<std::size_t>(p - item), rc);
+    }
+    if (*p == '\0') return IP6_FORWARDRULE_E_OK;
+    if (*p != ',') return refuse(where, p, 1, IP6_FORWARDRULE_E_BAD_SEPARATOR);
     ++p;
   }
 }
@@ -180,43 +208,29 @@ int next_range_word(const char **cursor, char (&word)[kWordSize]) {
   *cursor = p;
   if (*p == '#' || *p == '\0') return 0;
   char *end = nullptr;
-  if (parse_nonblank(p, &end, word, sizeof word) != 0) return -2;
+  if (parse_nonblank(p, &end, word, sizeof word) != 0) return IP6_PORTRANGE_E_MALFORMED;
   *cursor = end;
   return 0;
 }
 
-bool word_is(const char *word, const char *expected) { return std::strcmp(word, expected) == 0; }
+using nuvrules::word_is;
 
-struct ScopeWord {
-  const char *word;
-  std::int32_t scope;
-};
-
-constexpr ScopeWord kRangeScopeWords[] = {
-    {"local", IP6_PORTRANGE_SCOPE_LOCAL},
-    {"internet", IP6_PORTRANGE_SCOPE_INTERNET},
-};
-
-void append_range_scope(dp::TextWriter &out, std::int32_t scope) {
-  for (const ScopeWord &entry : kRangeScopeWords)
-    if (scope == entry.scope) out.printf(" %s", entry.word);
-}
+static_assert(IP6_PORTRANGE_SCOPE_LOCAL == 1 && IP6_PORTRANGE_SCOPE_INTERNET == 2, "scope codes of the scope words");
 
 // Up to two words before the comment: the first may be a scope word, either
 // may be "mark" with its value.  Other words are passed over.
 int parse_range_words(const char **cursor, ip6_portrange *range) {
   char word[kWordSize];
-  if (next_range_word(cursor, word) != 0) return -2;
-  for (const ScopeWord &entry : kRangeScopeWords)
-    if (word_is(word, entry.word)) range->scope = entry.scope;
+  if (next_range_word(cursor, word) != 0) return IP6_PORTRANGE_E_MALFORMED;
+  if (const nuvrules::ScopeWord *scope = nuvrules::find_scope_word(word)) range->scope = scope->scope;
   bool mark = word_is(word, "mark");
   if (!mark) {
-    if (next_range_word(cursor, word) != 0) return -2;
+    if (next_range_word(cursor, word) != 0) return IP6_PORTRANGE_E_MALFORMED;
     mark = word_is(word, "mark");
   }
   if (!mark) return 0;
   char *end = nullptr;
-  if (parse_ulong(*cursor, &end, &range->mark) != 0) return -2;
+  if (parse_ulong(*cursor, &end, &range->mark) != 0) return IP6_PORTRANGE_E_MALFORMED;
   *cursor = end;
   return 0;
 }
@@ -225,6 +239,56 @@ void find_range_comment(const char *from, ip6_portrange *range) {
   range->comment = nullptr;
   const char *hash = std::strchr(from, '#');
   if (hash) range->comment = dp::skip_spaces(hash + 1);
+}
+
+constexpr dp::CodeText kForwardRuleTexts[] = {
+    {IP6_FORWARDRULE_E_OK, "parsed"},
+    {IP6_FORWARDRULE_E_BAD_PORT, "missing or bad port number (or no scratch memory)"},
+    {IP6_FORWARDRULE_E_BAD_SEPARATOR, "port list item not followed by \",\" or the end"},
+    {IP6_FORWARDRULE_E_FULL, "forward rule block is full"},
+    {IP6_FORWARDRULE_E_UNKNOWN_PROTOCOL, "unknown protocol"},
+};
+
+constexpr dp::CodeText kPortRangeTexts[] = {
+    {IP6_PORTRANGE_E_OK, "parsed"},
+    {IP6_PORTRANGE_E_MALFORMED, "unknown protocol, word too long, or \"mark\" without a value"},
+};
+
+// A forward rule line after its leading blanks, in a writable copy:
+// "protocol [port list]".  `where` (may be null) receives the part of the
+// copy a failure is about.
+int parse_forward_words(ip6_forwardrule *block, char *copy, Span *where) {
+  char *rest = std::strchr(copy, ' ');
+  if (rest) *rest++ = '\0';
+  std::uint8_t proto = 0;
+  if (ipproto_parse(&proto, copy) != 0)
+    return refuse(where, copy, std::strlen(copy), IP6_FORWARDRULE_E_UNKNOWN_PROTOCOL);
+  if (!is_port_protocol(proto)) {
+    mark_portless_protocol(block, proto);
+    return IP6_FORWARDRULE_E_OK;
+  }
+  if (rest && *rest != '\0') return parse_port_list(block, proto, rest, where);
+  const int rc = add_entry(block, proto, 0, kAllPorts);
+  return rc == 0 ? rc : refuse(where, copy, std::strlen(copy), rc);
+}
+
+// The one forward rule line parser; `diag` is null for ip6_forwardrule_parse.
+int parse_forward_line(ip6_forwardrule *block, const char *line, nuvrules_diag *diag) {
+  const char *start = dp::skip_spaces(line);
+  if (*start == '#') return nuvrules::diagnose(diag, IP6_FORWARDRULE_E_OK, ip6_forwardrule_strerror(0), 0, 0);
+  dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
+  if (!scratch) {
+    constexpr int kNoScratch = IP6_FORWARDRULE_E_BAD_PORT;
+    return nuvrules::diagnose(diag, kNoScratch, ip6_forwardrule_strerror(kNoScratch), 0, 0);
+  }
+  // Longer lines are cut to what the scratch copy holds.
+  char *copy = nuvrules::copy_rule_text(scratch, start);
+  Span where;
+  const int rc = parse_forward_words(block, copy, diag ? &where : nullptr);
+  if (rc == 0 || !diag) return nuvrules::diagnose(diag, rc, ip6_forwardrule_strerror(rc), 0, 0);
+  // The copy starts at `start` in the line.
+  const std::size_t offset = static_cast<std::size_t>(start - line) + static_cast<std::size_t>(where.at - copy);
+  return nuvrules::diagnose(diag, rc, ip6_forwardrule_strerror(rc), offset, where.length);
 }
 
 // PCP handling words, indexed by value.
@@ -244,23 +308,14 @@ ip6_forwardrule *ip6_forwardrule_init(void *block, size_t size) {
   return rule;
 }
 
-int ip6_forwardrule_parse(ip6_forwardrule *block, const char *line) {
-  const char *start = dp::skip_spaces(line);
-  if (*start == '#') return 0;
-  dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
-  if (!scratch) return -1;
-  // Longer lines are cut to what the scratch copy holds.
-  char *copy = nuvrules::copy_rule_text(scratch, start);
-  char *rest = std::strchr(copy, ' ');
-  if (rest) *rest++ = '\0';
-  std::uint8_t proto = 0;
-  if (ipproto_parse(&proto, copy) != 0) return -5;
-  if (!is_port_protocol(proto)) {
-    mark_portless_protocol(block, proto);
-    return 0;
-  }
-  if (!rest || *rest == '\0') return add_entry(block, proto, 0, kAllPorts);
-  return parse_port_list(block, proto, rest);
+int ip6_forwardrule_parse(ip6_forwardrule *block, const char *line) { return parse_forward_line(block, line, nullptr); }
+
+int ip6_forwardrule_parse_with_diag(ip6_forwardrule *block, const char *line, nuvrules_diag *diag) {
+  return parse_forward_line(block, line, diag);
+}
+
+const char *ip6_forwardrule_strerror(int code) {
+  return dp::code_text(kForwardRuleTexts, code, dp::kUnknownCodeText);
 }
 
 uint32_t ip6_forwardrule_finish(ip6_forwardrule *block) {
@@ -290,14 +345,16 @@ int ip6_portrange_parse(const char *text, ip6_portrange *range) {
   }
   char word[kWordSize];
   char *end = nullptr;
-  if (parse_nonblank(p, &end, word, sizeof word) != 0) return -2;
-  if (ipproto_parse(&range->proto, word) != 0) return -2;
+  if (parse_nonblank(p, &end, word, sizeof word) != 0) return IP6_PORTRANGE_E_MALFORMED;
+  if (ipproto_parse(&range->proto, word) != 0) return IP6_PORTRANGE_E_MALFORMED;
   p = end;
   parse_range_ports(&p, range);
-  if (parse_range_words(&p, range) != 0) return -2;
+  if (parse_range_words(&p, range) != 0) return IP6_PORTRANGE_E_MALFORMED;
   find_range_comment(p, range);
-  return 0;
+  return IP6_PORTRANGE_E_OK;
 }
+
+const char *ip6_portrange_strerror(int code) { return dp::code_text(kPortRangeTexts, code, dp::kUnknownCodeText); }
 
 const char *ip6_portrange2str(const ip6_portrange *range) {
   char text[dp::kResultBufferSize];
@@ -305,7 +362,7 @@ const char *ip6_portrange2str(const ip6_portrange *range) {
   if (range->enabled == 0) out.append("# ");
   out.append(ipproto2str(range->proto));
   append_range_ports(out, *range);
-  append_range_scope(out, range->scope);
+  nuvrules::append_scope(out, range->scope);
   if (range->mark != 0) out.printf(" mark %lu", static_cast<unsigned long>(range->mark));
   if (range->comment) out.printf(" # %s", range->comment);
   return to_result_ring(text);

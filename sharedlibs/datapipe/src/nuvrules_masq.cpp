@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "dp_bytes.h"
+#include "dp_codetext.h"
 #include "dp_number.h"
 #include "dp_scratch.h"
 #include "dp_text.h"
@@ -16,6 +17,9 @@
 
 namespace {
 
+using nuvrules::find_scope_word;
+using nuvrules::ScopeWord;
+using nuvrules::word_is;
 using nuvrules::WordCursor;
 
 // Words after the 17th are dropped without notice.
@@ -25,6 +29,16 @@ constexpr std::size_t kMaxMasqWords = 17;
 char g_masq_text[1024];
 
 const char kEmptyComment[] = "";
+
+constexpr dp::CodeText kCodeTexts[] = {
+    {IPMASQFWRULE_E_OK, "parsed"},
+    {IPMASQFWRULE_E_COMMENTED_OUT, "rule is commented out"},
+    {IPMASQFWRULE_E_TOO_LONG, "rule text longer than 1023 characters (or no scratch memory)"},
+    {IPMASQFWRULE_E_MISSING_WORD, "protocol or endpoint missing"},
+    {IPMASQFWRULE_E_UNKNOWN_PROTOCOL, "unknown protocol"},
+    {IPMASQFWRULE_E_BAD_ENDPOINT, "malformed endpoint (address, port or count)"},
+    {IPMASQFWRULE_E_MARK_WITHOUT_VALUE, "\"mark\" without a value"},
+};
 
 // One endpoint as it stands in the record.
 struct Endpoint {
@@ -104,37 +118,21 @@ unsigned long read_mark(const char *text) {
   return dp::strtoul32(text, &end, 10);
 }
 
-bool word_is(const char *word, const char *expected) { return word && std::strcmp(word, expected) == 0; }
+static_assert(IPMASQFWRULE_SCOPE_LOCAL == 1 && IPMASQFWRULE_SCOPE_INTERNET == 2, "scope codes of the scope words");
 
-struct ScopeWord {
-  const char *word;
-  std::int32_t scope;
-};
-
-constexpr ScopeWord kScopeWords[] = {
-    {"local", IPMASQFWRULE_SCOPE_LOCAL},
-    {"internet", IPMASQFWRULE_SCOPE_INTERNET},
-};
-
-const ScopeWord *find_scope_word(const char *word) {
-  for (const ScopeWord &entry : kScopeWords)
-    if (word_is(word, entry.word)) return &entry;
-  return nullptr;
-}
-
-// The two endpoints; -2 when one is missing, -4 when one is malformed.
+// The two endpoints: a word missing or malformed.
 int parse_endpoints(WordCursor &cursor, ipmasqfwrule *rule) {
   Endpoint first;
   Endpoint second;
   const char *word = cursor.take();
-  if (!word) return -2;
-  if (!parse_endpoint(word, true, &first)) return -4;
+  if (!word) return IPMASQFWRULE_E_MISSING_WORD;
+  if (!parse_endpoint(word, true, &first)) return IPMASQFWRULE_E_BAD_ENDPOINT;
   rule->addr1 = first.addr;
   rule->port1 = first.port;
   rule->count = first.count;
   word = cursor.take();
-  if (!word) return -2;
-  if (!parse_endpoint(word, false, &second)) return -4;
+  if (!word) return IPMASQFWRULE_E_MISSING_WORD;
+  if (!parse_endpoint(word, false, &second)) return IPMASQFWRULE_E_BAD_ENDPOINT;
   rule->addr2 = second.addr;
   rule->port2 = second.port;
   return 0;
@@ -164,7 +162,7 @@ int parse_optional_words(WordCursor &cursor, ipmasqfwrule *rule, ipmasqfwruleex 
   if (word_is(cursor.peek(), "mark")) {
     cursor.take();
     const char *value = cursor.take();
-    if (!value) return -5;
+    if (!value) return IPMASQFWRULE_E_MARK_WITHOUT_VALUE;
     if (ext) ext->mark = read_mark(value);
   }
   return 0;
@@ -172,14 +170,14 @@ int parse_optional_words(WordCursor &cursor, ipmasqfwrule *rule, ipmasqfwruleex 
 
 int parse_masq_words(WordCursor &cursor, ipmasqfwrule *rule, ipmasqfwruleex *ext) {
   const char *word = cursor.take();
-  if (!word) return -2;
+  if (!word) return IPMASQFWRULE_E_MISSING_WORD;
   if (word_is(word, "#")) {
-    if (!ext) return 1;
+    if (!ext) return IPMASQFWRULE_E_COMMENTED_OUT;
     ext->enabled = 0;
     word = cursor.take();
-    if (!word) return -2;
+    if (!word) return IPMASQFWRULE_E_MISSING_WORD;
   }
-  if (nuvrules::parse_rule_protocol(&rule->proto, word) != 0) return -3;
+  if (nuvrules::parse_rule_protocol(&rule->proto, word) != 0) return IPMASQFWRULE_E_UNKNOWN_PROTOCOL;
   int rc = parse_endpoints(cursor, rule);
   if (rc != 0 || cursor.done()) return rc;
   return parse_optional_words(cursor, rule, ext);
@@ -193,8 +191,9 @@ void find_comment(ipmasqfwruleex *ext, const char *from) {
   ext->comment = dp::skip_spaces(hash + 1);
 }
 
-// The parser behind both forms; `ext` is null for the plain one.
-int parse_masq(ipmasqfwrule *rule, ipmasqfwruleex *ext, const char *text) {
+// The parser behind both forms; `ext` is null for the plain one, `diag`
+// null but for the diagnostic calls.
+int parse_masq(ipmasqfwrule *rule, ipmasqfwruleex *ext, const char *text, nuvrules_diag *diag) {
   std::memset(rule, 0, sizeof *rule);
   if (ext) {
     ext->enabled = 1;
@@ -202,9 +201,11 @@ int parse_masq(ipmasqfwrule *rule, ipmasqfwruleex *ext, const char *text) {
     ext->scope = IPMASQFWRULE_SCOPE_NONE;
     ext->mark = 0;
   }
-  if (nuvrules::rule_text_too_long(text)) return -1;
+  constexpr int kTooLong = IPMASQFWRULE_E_TOO_LONG;
+  if (nuvrules::rule_text_too_long(text))
+    return nuvrules::diagnose_too_long(diag, kTooLong, ipmasqfwrule_strerror(kTooLong), text);
   dp::ScratchBuffer scratch(nuvrules::kRuleScratchSize);
-  if (!scratch) return -1;
+  if (!scratch) return nuvrules::diagnose(diag, kTooLong, ipmasqfwrule_strerror(kTooLong), 0, 0);
   char *copy = nuvrules::copy_rule_text(scratch, text);
   const char *words[kMaxMasqWords];
   std::size_t count = nuvrules::split_rule_words(copy, words, kMaxMasqWords);
@@ -213,7 +214,8 @@ int parse_masq(ipmasqfwrule *rule, ipmasqfwruleex *ext, const char *text) {
   // Words are split in a copy of the whole text, so a word's offset in the
   // copy is its offset in the caller's text.
   if (rc == 0 && ext && !cursor.done()) find_comment(ext, text + (cursor.peek() - copy));
-  return rc;
+  const bool word_missing = rc == IPMASQFWRULE_E_MISSING_WORD || rc == IPMASQFWRULE_E_MARK_WITHOUT_VALUE;
+  return nuvrules::diagnose_words(diag, rc, ipmasqfwrule_strerror(rc), text, copy, cursor, word_missing);
 }
 
 void append_endpoint(dp::TextWriter &out, std::uint32_t addr, std::uint16_t port_net) {
@@ -234,8 +236,7 @@ void append_plain_rule(dp::TextWriter &out, const ipmasqfwrule &rule) {
 }
 
 void append_extension(dp::TextWriter &out, const ipmasqfwruleex &rule) {
-  for (const ScopeWord &entry : kScopeWords)
-    if (rule.scope == entry.scope) out.printf(" %s", entry.word);
+  nuvrules::append_scope(out, rule.scope);
   if (rule.mark != 0) out.printf(" mark %lu", rule.mark);
   if (rule.comment && rule.comment[0] != '\0') out.printf(" # %s", rule.comment);
 }
@@ -244,9 +245,21 @@ void append_extension(dp::TextWriter &out, const ipmasqfwruleex &rule) {
 
 extern "C" {
 
-int ipmasqfwrule_parse(ipmasqfwrule *rule, const char *text) { return parse_masq(rule, nullptr, text); }
+int ipmasqfwrule_parse(ipmasqfwrule *rule, const char *text) { return parse_masq(rule, nullptr, text, nullptr); }
 
-int ipmasqfwruleex_parse(ipmasqfwruleex *rule, const char *text) { return parse_masq(&rule->rule, rule, text); }
+int ipmasqfwruleex_parse(ipmasqfwruleex *rule, const char *text) {
+  return parse_masq(&rule->rule, rule, text, nullptr);
+}
+
+int ipmasqfwrule_parse_with_diag(ipmasqfwrule *rule, const char *text, nuvrules_diag *diag) {
+  return parse_masq(rule, nullptr, text, diag);
+}
+
+int ipmasqfwruleex_parse_with_diag(ipmasqfwruleex *rule, const char *text, nuvrules_diag *diag) {
+  return parse_masq(&rule->rule, rule, text, diag);
+}
+
+const char *ipmasqfwrule_strerror(int code) { return dp::code_text(kCodeTexts, code, dp::kUnknownCodeText); }
 
 const char *ipmasqfwrule_string(const ipmasqfwrule *rule) {
   dp::TextWriter out(g_masq_text, sizeof g_masq_text);

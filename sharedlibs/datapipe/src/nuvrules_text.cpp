@@ -44,6 +44,30 @@ int parse_rule_protocol(std::uint8_t *proto, const char *word) {
   return ipproto_parse(proto, word) == 0 ? 0 : -1;
 }
 
+int diagnose(nuvrules_diag *diag, int code, const char *reason, std::size_t offset, std::size_t length) {
+  if (diag) {
+    diag->offset = static_cast<std::uint32_t>(offset);
+    diag->length = static_cast<std::uint32_t>(length);
+    diag->code = code;
+    diag->reason = reason;
+  }
+  return code;
+}
+
+int diagnose_too_long(nuvrules_diag *diag, int code, const char *reason, const char *text) {
+  if (!diag) return code;
+  return diagnose(diag, code, reason, kRuleTextMax, std::strlen(text) - kRuleTextMax);
+}
+
+int diagnose_words(nuvrules_diag *diag, int code, const char *reason, const char *text, const char *copy,
+                   const WordCursor &cursor, bool word_missing) {
+  if (!diag) return code;
+  if (code == 0) return diagnose(diag, code, reason, 0, 0);
+  if (word_missing || !cursor.last()) return diagnose(diag, code, reason, strnlen(text, kRuleTextMax), 0);
+  const char *word = cursor.last();
+  return diagnose(diag, code, reason, static_cast<std::size_t>(word - copy), std::strlen(word));
+}
+
 void append_protocol_lower(dp::TextWriter &out, std::uint8_t proto) {
   if (proto == 255) {
     out.append("ip");

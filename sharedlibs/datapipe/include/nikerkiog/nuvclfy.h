@@ -430,11 +430,41 @@ NIKERKIOG_API void nuv_clfy_ipdsttab_freeall(void);
 
 /* ---- Rule text parser ---- */
 
+/* Result codes of the keyword handlers (parsetab) and of the rule parsers.
+ * nuv_clfy_parse collapses every failure to NUV_CLFY_E_REFUSED; the
+ * diagnostic parser reports the precise code in its nuv_clfy_diag. */
+enum {
+  NUV_CLFY_E_OK = 0,
+  /* The handler does not accept its value (or the value is missing).  Also
+   * the result of nuv_clfy_parse for every refused line. */
+  NUV_CLFY_E_REFUSED = -1,
+  /* dhcpoption and dhcpheader pass their match parser's code on. */
+  NUV_CLFY_E_DHCP_NO_PATTERN = DHCP_MATCH_E_NO_PATTERN, /* -1: dhcpheader field without a pattern */
+  NUV_CLFY_E_DHCP_BAD_CODE = DHCP_MATCH_E_BAD_CODE,     /* -2: bad option code or unknown header field */
+  NUV_CLFY_E_DHCP_NOT_VENDOR = DHCP_MATCH_E_NOT_VENDOR, /* -3: "/" after a code other than 124 or 125 */
+  NUV_CLFY_E_DHCP_ENTERPRISE = DHCP_MATCH_E_ENTERPRISE, /* -4: bad enterprise number */
+  NUV_CLFY_E_DHCP_SECOND_SLASH = DHCP_MATCH_E_SECOND_SLASH, /* -5: no "/" before the sub-option code */
+  NUV_CLFY_E_DHCP_SUB_CODE = DHCP_MATCH_E_SUB_CODE,     /* -6: bad sub-option code */
+  NUV_CLFY_E_MISSING_TABLE = -9,    /* no table name after a DHCP condition's pattern */
+  NUV_CLFY_E_DHCP_NOT_STORED = -10, /* the DHCP condition could not be stored (memory) */
+  /* Failures of the line itself, not of a handler; reported only in the
+   * nuv_clfy_diag of the diagnostic parser. */
+  NUV_CLFY_E_UNKNOWN_KEYWORD = -11, /* the word is no keyword of parsetab */
+  NUV_CLFY_E_LINE_TOO_LONG = -12,   /* the line has more than 255 characters */
+  NUV_CLFY_E_NO_MEMORY = -13        /* the rule itself could not be allocated */
+};
+
+/* Short English text of a code above, for tools and logs ("parsed" for
+ * NUV_CLFY_E_OK, "unknown result code" for a code not listed).  -1 reads as
+ * the handlers' refusal.  Static text, never null. */
+NIKERKIOG_API const char *nuv_clfy_strerror(int code);
+
 /* A keyword handler of the rule text parser.  `text` points just behind the
  * keyword inside the parser's private, writable copy of the line; `end` is
  * preset to `text` and a handler that consumed a value moves it to where
  * parsing continues.  Fills the condition into `rule` and sets its presence
- * bit.  Returns 0, or a negative value when the value is not acceptable. */
+ * bit.  Returns NUV_CLFY_E_OK, or a negative NUV_CLFY_E_* code when the
+ * value is not acceptable (NUV_CLFY_E_REFUSED unless the DHCP codes apply). */
 typedef int (*nuv_clfy_keyword_handler)(char *text, char **end, struct nuv_clfy *rule);
 
 /* One row of the keyword table: the keyword as written in rule text
@@ -462,6 +492,29 @@ NIKERKIOG_API extern const nuv_clfy_keyword parsetab[];
  * *result is then untouched and nothing stays allocated (named tables a
  * keyword created stay, as tables always do). */
 NIKERKIOG_API int nuv_clfy_parse(const char *text, struct nuv_clfy **result);
+
+/* Why the diagnostic parser refused a rule line. */
+typedef struct nuv_clfy_diag {
+  uint32_t offset;    /* byte offset in the line of the failing keyword or value */
+  uint32_t length;    /* bytes of that word (0 at the end of the line) */
+  int32_t code;       /* the handler's code, NUV_CLFY_E_* (0 on success) */
+  char keyword[32];   /* the keyword involved as written, "" when none */
+  const char *reason; /* short English reason, static text; "" on success */
+} nuv_clfy_diag;
+
+/* Parses `text` exactly like nuv_clfy_parse (same result, same rule, same
+ * ownership) and, when `diag` is not null, says why a line was refused:
+ * the byte offset and length of the failing word (the unknown keyword, or
+ * the value or list element a handler refused; the end of the line with
+ * length 0 when a value is missing), the keyword as written (truncated to 31
+ * characters), the code and a reason.  The code is the handler's code, or
+ * for failures of the line itself NUV_CLFY_E_UNKNOWN_KEYWORD,
+ * NUV_CLFY_E_LINE_TOO_LONG (offset 255, length the excess) or
+ * NUV_CLFY_E_NO_MEMORY.  The reason is finer than the code where a handler
+ * knows more: "value missing", "protocol number without the P prefix (write
+ * P58)", "out of memory", ...  On success `diag` holds offset, length and
+ * code 0, keyword "" and reason "". */
+NIKERKIOG_API int nuv_clfy_parse_with_diag(const char *text, struct nuv_clfy **result, nuv_clfy_diag *diag);
 
 /* ---- Rule text formatter ---- */
 

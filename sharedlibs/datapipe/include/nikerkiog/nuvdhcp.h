@@ -44,8 +44,11 @@ typedef dhcp_option dhcp_options[DHCP_OPTION_SLOTS];
  * at `data` (allocated with exactly `len` bytes, no terminator).
  * Returns 0, or -1 when `code` is out of range (store unchanged) or the
  * allocation fails.  After a failed allocation the slot reads as absent
- * (`data` null); its previous block is not released and its `len` is left
- * as it was, so do not rely on the old value surviving a failed set.
+ * (`data` null) and its `len` is left as it was.  The previous block is
+ * then not released: it belongs to the caller, who reads `store[code].data`
+ * before the call when it may need to release it (the value may also be the
+ * source `data` of the call).  On success the previous block is released
+ * after the copy, so `data` may point into the old value.
  * With `len` 0 the result depends on what `alloc(0)` returns. */
 NIKERKIOG_API int dhcp_set_option(const dhcp_memops *memops, dhcp_options store, int code, uint32_t len,
                                   const void *data);
@@ -215,6 +218,25 @@ enum {
   DHCP_HFIELD_COUNT = 14
 };
 
+/* Result codes of parse_dhcpoptionmatch and parse_dhcpheadermatch (a
+ * result of 0 or more is the pattern's length). */
+enum {
+  DHCP_MATCH_E_OK = 0,
+  DHCP_MATCH_E_NO_PATTERN = -1,     /* header form: the field name ends the text */
+  DHCP_MATCH_E_BAD_CODE = -2,       /* option form: option code missing, malformed or 0 */
+  DHCP_MATCH_E_UNKNOWN_FIELD = -2,  /* header form: no header field of that name */
+  DHCP_MATCH_E_NOT_VENDOR = -3,     /* "/" after a code other than 124 or 125 */
+  DHCP_MATCH_E_ENTERPRISE = -4,     /* enterprise number missing or malformed */
+  DHCP_MATCH_E_SECOND_SLASH = -5,   /* no "/" after the enterprise number */
+  DHCP_MATCH_E_SUB_CODE = -6        /* sub-option code missing or malformed */
+};
+
+/* Short English text of a result of the two DHCP match parsers, for tools
+ * and logs: "parsed" for 0 and above (a pattern length), the code's text for
+ * the codes above, "unknown result code" for any other.  Static text, never
+ * null. */
+NIKERKIOG_API const char *dhcp_match_strerror(int code);
+
 /* Parses "code pattern" or, for codes 124 and 125, "code/enterprise/sub
  * pattern" from `text` (NUL-terminated) into *match, which is cleared first.
  * Leading spaces are skipped; the code and the sub-option code are read like
@@ -225,9 +247,11 @@ enum {
  * points into `text` and is not terminated.
  * Returns the pattern's length (0 when the text ends after the number) and
  * sets *endp just after the pattern; on error returns
- *   -2 bad option code or code 0, -3 "/" after a code other than 124 or 125,
- *   -4 bad enterprise number, -5 no "/" after the enterprise number,
- *   -6 bad sub-option code;
+ *   DHCP_MATCH_E_BAD_CODE (-2) bad option code or code 0,
+ *   DHCP_MATCH_E_NOT_VENDOR (-3) "/" after a code other than 124 or 125,
+ *   DHCP_MATCH_E_ENTERPRISE (-4) bad enterprise number,
+ *   DHCP_MATCH_E_SECOND_SLASH (-5) no "/" after the enterprise number,
+ *   DHCP_MATCH_E_SUB_CODE (-6) bad sub-option code;
  * *endp is left alone on error. */
 NIKERKIOG_API int parse_dhcpoptionmatch(const char *text, char **endp, dhcp_match *match);
 
@@ -239,8 +263,9 @@ NIKERKIOG_API int parse_dhcpoptionmatch(const char *text, char **endp, dhcp_matc
  * stays in the text.  The pattern is what follows the spaces after the name,
  * up to the next space or the end; match->pattern points into `text`, not
  * terminated.  Returns the pattern's length (0 when only spaces follow the
- * name) and sets *endp after it; returns -1 when the name ends the text,
- * -2 for an unknown name (*endp left alone on error). */
+ * name) and sets *endp after it; returns DHCP_MATCH_E_NO_PATTERN (-1) when
+ * the name ends the text, DHCP_MATCH_E_UNKNOWN_FIELD (-2) for an unknown name
+ * (*endp left alone on error). */
 NIKERKIOG_API int parse_dhcpheadermatch(char *text, char **endp, dhcp_match *match);
 
 /* Whether the DHCP message at `msg` matches *match: 1 or 0.

@@ -86,6 +86,33 @@ typedef struct ipaccess_rule {
   uint32_t used;        /* IPACCESS_USED_* bits from ipaccess_optim_rulestruct */
 } ipaccess_rule;
 
+/* Result codes of ipaccess_parse. */
+enum {
+  IPACCESS_E_OK = 0,
+  IPACCESS_E_TOO_LONG = -1,                /* text longer than 1023 characters, or no scratch memory */
+  IPACCESS_E_MISSING_WORD = -2,            /* a required word is missing */
+  IPACCESS_E_UNKNOWN_POLICY = -3,
+  IPACCESS_E_UNKNOWN_PROTOCOL = -4,
+  IPACCESS_E_BAD_SRC_HOST = -5,            /* bad source address after "host" */
+  IPACCESS_E_BAD_SRC_ADDR = -6,
+  IPACCESS_E_BAD_SRC_MASK = -7,
+  IPACCESS_E_BAD_SRC_PORT = -8,
+  IPACCESS_E_BAD_SRC_UPPER_PORT = -9,      /* bad upper bound of a source range */
+  IPACCESS_E_BAD_DST_HOST = -10,           /* bad destination address after "host" */
+  IPACCESS_E_BAD_DST_ADDR = -11,
+  IPACCESS_E_BAD_DST_MASK = -12,
+  IPACCESS_E_BAD_DST_PORT = -13,
+  IPACCESS_E_BAD_DST_UPPER_PORT = -14,     /* bad upper bound of a destination range */
+  IPACCESS_E_CONNECTION_WITHOUT_FLAG = -15, /* "connection" is the last word */
+  IPACCESS_E_UNKNOWN_CONNECTION_FLAG = -16, /* unknown word after "connection" */
+  IPACCESS_E_UNKNOWN_TRAILING_WORD = -17   /* unknown logging word or other trailing word */
+};
+
+/* Short English text of an ipaccess_parse result ("parsed" for 0, "unknown
+ * result code" for a code not listed above), for tools and logs.  Static
+ * text, never null. */
+NIKERKIOG_API const char *ipaccess_strerror(int code);
+
 /* Fills `rule` from the NUL-terminated rule line `text`:
  *   policy protocol source [src-ports] destination [dst-ports]
  *          [tcp-flag] [connection-part] [log-part]
@@ -101,7 +128,7 @@ typedef struct ipaccess_rule {
  * read up to its NUL or its 1024th character, whichever comes first.  The
  * line is split in a 1024-byte scratch copy from cmemstack_alloc, released
  * before returning.
- * Returns 0, or:
+ * Returns IPACCESS_E_OK (0), or an IPACCESS_E_* code:
  *   -1  text longer than 1023 characters, or no scratch memory for the copy
  *   -2  a required word is missing         -3  unknown policy
  *   -4  unknown protocol                   -5  bad source address after "host"
@@ -113,6 +140,24 @@ typedef struct ipaccess_rule {
  *   -15 "connection" is the last word      -16 unknown word after "connection"
  *   -17 unknown logging word, or any other unrecognised trailing word */
 NIKERKIOG_API int ipaccess_parse(ipaccess_rule *rule, const char *text);
+
+/* Why a firewall rule parser refused a line; filled by the _with_diag
+ * parsers. */
+typedef struct nuvrules_diag {
+  uint32_t offset;    /* byte offset of the failing word in the line */
+  uint32_t length;    /* bytes of that word (0 at the end of the line) */
+  int32_t code;       /* the parser's result code */
+  const char *reason; /* the code's text (the family's _strerror) */
+} nuvrules_diag;
+
+/* Parses like ipaccess_parse, with the same result and the same record.
+ * When `diag` is not null it receives the result code, its text and the
+ * word the code is about: the word that was refused (policy, protocol,
+ * address, mask, port or trailing word), or the end of the line with length
+ * 0 when a word is missing (-2, -15); a text that is too long is reported at
+ * offset 1023 with the excess as length; no scratch memory at offset 0.  On
+ * success offset and length are 0. */
+NIKERKIOG_API int ipaccess_parse_with_diag(ipaccess_rule *rule, const char *text, nuvrules_diag *diag);
 
 /* Word <-> value conversions of the rule's enumerations.  Each _parse
  * compares the whole `word` exactly (case-sensitive), stores the value in
@@ -221,6 +266,22 @@ typedef struct ipmasqfwruleex {
   unsigned long mark;  /* value after the word "mark"; 0 when absent */
 } ipmasqfwruleex;
 
+/* Result codes of ipmasqfwrule_parse and ipmasqfwruleex_parse. */
+enum {
+  IPMASQFWRULE_E_OK = 0,
+  IPMASQFWRULE_E_COMMENTED_OUT = 1,     /* plain parser only: the first word is "#" (not an error) */
+  IPMASQFWRULE_E_TOO_LONG = -1,         /* text longer than 1023 characters, or no scratch memory */
+  IPMASQFWRULE_E_MISSING_WORD = -2,     /* the protocol or an endpoint is missing */
+  IPMASQFWRULE_E_UNKNOWN_PROTOCOL = -3,
+  IPMASQFWRULE_E_BAD_ENDPOINT = -4,     /* malformed address, port or count */
+  IPMASQFWRULE_E_MARK_WITHOUT_VALUE = -5
+};
+
+/* Short English text of a masquerade parser result ("parsed" for 0,
+ * "unknown result code" for a code not listed above), for tools and logs.
+ * Static text, never null. */
+NIKERKIOG_API const char *ipmasqfwrule_strerror(int code);
+
 /* Fills `rule` from the NUL-terminated line `text`:
  *   protocol endpoint1 endpoint2 [number] ["out"] ["local"|"internet"]
  *            ["mark" value] [anything]
@@ -238,7 +299,7 @@ typedef struct ipmasqfwruleex {
  * The record is cleared first; after a failure it holds what was read before
  * the faulty word.  `text` is read up to its NUL or its 1024th character,
  * whichever comes first.  `rule` and `text` must not be null.
- * Returns 0, or:
+ * Returns IPMASQFWRULE_E_OK (0), or an IPMASQFWRULE_E_* code:
  *    1  the line is commented out: its first word is "#" (record cleared)
  *   -1  text longer than 1023 characters, or no scratch memory for the copy
  *   -2  a required word is missing (protocol or an endpoint)
@@ -255,6 +316,17 @@ NIKERKIOG_API int ipmasqfwrule_parse(ipmasqfwrule *rule, const char *text);
  * Before parsing, `enabled` is 1, `comment` the empty text, `scope` and `mark`
  * 0.  The comment stays valid only as long as `text` does. */
 NIKERKIOG_API int ipmasqfwruleex_parse(ipmasqfwruleex *rule, const char *text);
+
+/* Parse like ipmasqfwrule_parse and ipmasqfwruleex_parse, with the same
+ * result and the same record.  When `diag` is not null it receives the
+ * result code, its text and the word the code is about: the protocol word
+ * (-3), the endpoint (-4), the "#" of a commented-out line (1), or the end
+ * of the line with length 0 when a word or the mark value is missing (-2,
+ * -5); a text that is too long is reported at offset 1023 with the excess
+ * as length; no scratch memory at offset 0.  On success offset and length
+ * are 0. */
+NIKERKIOG_API int ipmasqfwrule_parse_with_diag(ipmasqfwrule *rule, const char *text, nuvrules_diag *diag);
+NIKERKIOG_API int ipmasqfwruleex_parse_with_diag(ipmasqfwruleex *rule, const char *text, nuvrules_diag *diag);
 
 /* Prints `rule` as a line ipmasqfwrule_parse reads: the protocol in lower
  * case ("ip" for 255), endpoint 1 with ":port" when its port is non-zero and
@@ -316,6 +388,20 @@ typedef struct ip6_forwardrule {
  * or null when `block` is null or `size` is below 48. */
 NIKERKIOG_API ip6_forwardrule *ip6_forwardrule_init(void *block, size_t size);
 
+/* Result codes of ip6_forwardrule_parse. */
+enum {
+  IP6_FORWARDRULE_E_OK = 0,
+  IP6_FORWARDRULE_E_BAD_PORT = -1,        /* missing or bad port number, or no scratch memory */
+  IP6_FORWARDRULE_E_BAD_SEPARATOR = -2,   /* an item not followed by "," or the end */
+  IP6_FORWARDRULE_E_FULL = -3,            /* the block is full */
+  IP6_FORWARDRULE_E_UNKNOWN_PROTOCOL = -5
+};
+
+/* Short English text of an ip6_forwardrule_parse result ("parsed" for 0,
+ * "unknown result code" for a code not listed above), for tools and logs.
+ * Static text, never null. */
+NIKERKIOG_API const char *ip6_forwardrule_strerror(int code);
+
 /* Adds one NUL-terminated line "protocol [port list]" to the block.  Leading
  * blanks are skipped and a line starting with "#" is ignored (returns 0).  The
  * protocol is a name or "P" number of ipproto_parse.  A protocol that carries
@@ -329,12 +415,22 @@ NIKERKIOG_API ip6_forwardrule *ip6_forwardrule_init(void *block, size_t size);
  * 1023 characters after the leading blanks are read; the line must not carry
  * a line end.  Entries added before an error stay in the block.
  * `block` must come from ip6_forwardrule_init; `line` must not be null.
- * Returns 0 (also for an ignored line), or:
+ * Returns IP6_FORWARDRULE_E_OK (0, also for an ignored line), or an
+ * IP6_FORWARDRULE_E_* code:
  *   -1  missing or bad port number, or no scratch memory for the copy
  *   -2  an item is followed by something other than "," or the end
  *   -3  the block is full
  *   -5  unknown protocol */
 NIKERKIOG_API int ip6_forwardrule_parse(ip6_forwardrule *block, const char *line);
+
+/* Adds `line` to `block` like ip6_forwardrule_parse, with the same result and
+ * the same entries.  When `diag` is not null it receives the result code,
+ * its text and the word the code is about: the protocol word (-5), the
+ * port number that is missing or bad (-1; length 0 where a number is
+ * missing), the character after an item that is no "," (-2), the item that
+ * did not fit (-3); no scratch memory at offset 0.  On success offset and
+ * length are 0. */
+NIKERKIOG_API int ip6_forwardrule_parse_with_diag(ip6_forwardrule *block, const char *line, nuvrules_diag *diag);
 
 /* Sorts the entries by protocol, lowest port and highest port (all ascending)
  * and sets `size` to the used size, 48 + count x entry size, which it returns.
@@ -350,6 +446,17 @@ NIKERKIOG_API uint32_t ip6_forwardrule_finish(ip6_forwardrule *block);
  * `block` must not be null. */
 NIKERKIOG_API const char *ip6_forwardrule2str(const ip6_forwardrule *block);
 
+/* Result codes of ip6_portrange_parse. */
+enum {
+  IP6_PORTRANGE_E_OK = 0,
+  IP6_PORTRANGE_E_MALFORMED = -2 /* unknown protocol, over-long word, or "mark" without a value */
+};
+
+/* Short English text of an ip6_portrange_parse result ("parsed" for 0,
+ * "unknown result code" for a code not listed above), for tools and logs.
+ * Static text, never null. */
+NIKERKIOG_API const char *ip6_portrange_strerror(int code);
+
 /* Fills `range` from the NUL-terminated line
  *   ["#"] protocol [port ["-" port]] ["local"|"internet"|word] ["mark" value]
  *         ["#" comment]
@@ -363,8 +470,9 @@ NIKERKIOG_API const char *ip6_forwardrule2str(const ip6_forwardrule *block);
  * past the first "#" after that (and past blanks) into `text`, or is null.
  * `scope` and `mark` are cleared first; after a failure the other fields hold
  * what was read before it.  Both arguments must not be null.
- * Returns 0, or -2 for an unknown protocol, a word of 32 characters or more,
- * or "mark" without a value. */
+ * Returns IP6_PORTRANGE_E_OK (0), or IP6_PORTRANGE_E_MALFORMED (-2) for an
+ * unknown protocol, a word of 32 characters or more, or "mark" without a
+ * value. */
 NIKERKIOG_API int ip6_portrange_parse(const char *text, ip6_portrange *range);
 
 /* Prints `range` as ip6_portrange_parse reads it: "# " when `enabled` is 0,
