@@ -71,6 +71,29 @@ bench-classd: deps $(BUILD)/bench/build.ninja
 	cmake --build --preset bench -j$(JOBS) --target nikerkiog_classd classd_load
 	/usr/bin/python3 bench/classd/run.py --daemon $(BUILD)/bench/daemon/nikerkiog-classd --load $(BUILD)/bench/bench/classd_load
 
+# Coverage-guided fuzzing: every target of fuzz/ built with clang's libFuzzer,
+# ASan and UBSan, run one after the other for FUZZ_SECONDS each.  Each run
+# starts from the committed corpus fuzz/corpus/<target> and writes what it
+# finds to the scratch corpus $(BUILD)/fuzz/corpus/<target>; crashing inputs
+# land in $(BUILD)/fuzz/artifacts/.  The README says how to merge new inputs
+# into the committed corpus.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= clfy_rule clfy_match dhcp dhcp_alloc rules pkt platform
+fuzz: deps $(BUILD)/fuzz/build.ninja
+	cmake --build --preset fuzz -j$(JOBS) $(foreach t,$(FUZZ_TARGETS),--target fuzz_$(t))
+	@mkdir -p $(BUILD)/fuzz/artifacts
+	@for t in $(FUZZ_TARGETS); do \
+	  echo "=== fuzz_$$t: $(FUZZ_SECONDS) s"; \
+	  mkdir -p $(BUILD)/fuzz/corpus/$$t; \
+	  if $(BUILD)/fuzz/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	       -artifact_prefix=$(BUILD)/fuzz/artifacts/$$t- \
+	       $(BUILD)/fuzz/corpus/$$t fuzz/corpus/$$t > $(BUILD)/fuzz/$$t.log 2>&1; then \
+	    grep -E '^#[0-9]+ +DONE|^stat::(number_of_executed_units|average_exec_per_sec)' $(BUILD)/fuzz/$$t.log; \
+	  else \
+	    tail -40 $(BUILD)/fuzz/$$t.log; echo "=== fuzz_$$t FAILED: input in $(BUILD)/fuzz/artifacts/"; exit 1; \
+	  fi; \
+	done
+
 install: native
 	cmake --install $(BUILD)/native $(if $(PREFIX),--prefix $(PREFIX))
 
