@@ -154,7 +154,7 @@ TEST_F(ClfyParseDiag, ProtocolNumberWithoutPrefixIsExplained) {
   EXPECT_EQ(d.diag.offset, 9u);
   EXPECT_EQ(d.diag.length, 2u);
   EXPECT_STREQ(d.diag.keyword, "ip.proto");
-  EXPECT_STREQ(d.diag.reason, "protocol number without the P prefix (write P58)");
+  EXPECT_STREQ(d.diag.reason, "protocol number without the P prefix (numbers are written P6, P58, ...)");
 }
 
 TEST_F(ClfyParseDiag, ProtocolNumberWithPrefixIsAccepted) {

@@ -62,7 +62,7 @@ TEST(ToolCheck, JsonHoldsOneObjectPerRuleLineThenTheSummary) {
             nlohmann::json::parse(R"({"type":"line","file":"tool/check-errors.rules","line":3,"accepted":true,)"
                                   R"("printed":"ip.proto 17 udp.dport 53 => 30","warning":)"
                                   R"("the printed form \"ip.proto 17 udp.dport 53\" does not read back: )"
-                                  R"x(column 10: protocol number without the P prefix (write P58)"})x"));
+                                  R"x(column 10: protocol number without the P prefix (numbers are written P6, P58, ...)"})x"));
   EXPECT_EQ(nlohmann::json::parse(lines[1]),
             nlohmann::json::parse(R"({"type":"line","file":"tool/check-errors.rules","line":4,"accepted":false,)"
                                   R"("column":1,"length":8,"keyword":"tcp.dprt","reason":"unknown keyword"})"));
