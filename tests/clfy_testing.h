@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,19 @@
 #include "nikerkiog.h"
 
 namespace clfytest {
+
+// Fixed-seed random choices of the property tests.
+using Rng = std::mt19937;
+
+// A number 0..n-1.
+inline int pick(Rng &rng, int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
+// True `percent` times in a hundred.
+inline bool chance(Rng &rng, int percent) { return pick(rng, 100) < percent; }
+// One element of `items`.
+template <typename T, std::size_t N>
+const T &pick_from(Rng &rng, const T (&items)[N]) {
+  return items[pick(rng, static_cast<int>(N))];
+}
 
 using Bytes = std::vector<std::uint8_t>;
 

@@ -16,15 +16,10 @@ using clfytest::Packet;
 
 namespace {
 
-using Rng = std::mt19937;
-
-int pick(Rng &rng, int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
-bool chance(Rng &rng, int percent) { return pick(rng, 100) < percent; }
-
-template <typename T, std::size_t N>
-const T &pick_from(Rng &rng, const T (&items)[N]) {
-  return items[pick(rng, static_cast<int>(N))];
-}
+using clfytest::chance;
+using clfytest::pick;
+using clfytest::pick_from;
+using clfytest::Rng;
 
 // Pools shared by rules and packets, so that conditions hold often enough.
 const char *const kDevs[] = {"eth0", "eth1", "wlan0"};

@@ -14,9 +14,8 @@
 
 namespace {
 
-using Rng = std::mt19937;
-
-int pick(Rng &rng, int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
+using clfytest::pick;
+using clfytest::Rng;
 
 const char *const kPieces[] = {
     "dev ", "brdev ", "ethport ", "localmark ", "eth.proto ", "eth.source ", "eth.sourceoui ", "eth.dest ",

@@ -18,15 +18,10 @@ using clfytest::Packet;
 
 namespace {
 
-using Rng = std::mt19937;
-
-int pick(Rng &rng, int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
-bool chance(Rng &rng, int percent) { return pick(rng, 100) < percent; }
-
-template <typename T, std::size_t N>
-const T &pick_from(Rng &rng, const T (&items)[N]) {
-  return items[pick(rng, static_cast<int>(N))];
-}
+using clfytest::chance;
+using clfytest::pick;
+using clfytest::pick_from;
+using clfytest::Rng;
 
 const char *const kV4Prefixes[] = {"10.0.0.0/8", "192.168.1.0/24", "192.168.1.7", "0.0.0.0/0"};
 const char *const kV6Prefixes[] = {"2001:db8::/32", "fe80::/10", "2001:db8::1/127"};

@@ -22,22 +22,7 @@ namespace {
 using testsupport::Bytes;
 using testsupport::DhcpTestMemops;
 
-// A store that starts empty and is released at scope end.
-struct Store {
-  explicit Store(const dhcp_memops *ops) : ops(ops) { std::memset(slots, 0, sizeof slots); }
-  ~Store() { dhcp_free_options(ops, slots); }
-  const dhcp_memops *ops;
-  dhcp_options slots;
-  std::string value(int code) const {
-    return slots[code].data ? std::string(reinterpret_cast<const char *>(slots[code].data), slots[code].len)
-                            : std::string("<absent>");
-  }
-  int present() const {
-    int n = 0;
-    for (const dhcp_option &o : slots) n += o.data != nullptr;
-    return n;
-  }
-};
+using Store = testsupport::DhcpStore;
 
 // 236 zero header bytes (with `file` and `sname` filled from the given
 // bytes), the cookie, then the options.

@@ -21,21 +21,7 @@ using testsupport::Bytes;
 using testsupport::DhcpTestMemops;
 using testsupport::hex_bytes;
 
-// A store that starts empty and is released at scope end.
-struct Store {
-  explicit Store(const dhcp_memops *ops) : ops(ops) { std::memset(slots, 0, sizeof slots); }
-  ~Store() { dhcp_free_options(ops, slots); }
-  const dhcp_memops *ops;
-  dhcp_options slots;
-  std::string value(int code) const {
-    return slots[code].data ? std::string(reinterpret_cast<const char *>(slots[code].data), slots[code].len)
-                            : std::string("<absent>");
-  }
-  int present_count() const {
-    return static_cast<int>(std::count_if(std::begin(slots), std::end(slots),
-                                          [](const dhcp_option &o) { return o.data != nullptr; }));
-  }
-};
+using Store = testsupport::DhcpStore;
 
 // An option area copied into a buffer of exactly its length plus the one
 // byte after it that the parser may look at (`after`).
@@ -87,7 +73,7 @@ TEST(DhcpSetOption, CodeZeroIsRefused) {
   DhcpTestMemops mem;
   Store store(mem.ops());
   EXPECT_EQ(dhcp_set_option(mem.ops(), store.slots, 0, 1, "x"), -1);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
   EXPECT_EQ(mem.attempts(), 0);
 }
 
@@ -96,7 +82,7 @@ TEST(DhcpSetOption, Code256IsRefused) {
   Store store(mem.ops());
   EXPECT_EQ(dhcp_set_option(mem.ops(), store.slots, 256, 1, "x"), -1);
   EXPECT_EQ(dhcp_set_option(mem.ops(), store.slots, -1, 1, "x"), -1);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
   EXPECT_EQ(mem.attempts(), 0);
 }
 
@@ -221,7 +207,7 @@ TEST(DhcpFreeOptions, ClearsAll256SlotsIncludingPadAndEnd) {
     store.slots[code].len = 2;
   }
   dhcp_free_options(mem.ops(), store.slots);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
   for (const dhcp_option &o : store.slots) EXPECT_EQ(o.len, 0u);
   EXPECT_EQ(mem.live(), 0);
 }
@@ -240,7 +226,7 @@ TEST(DhcpParseOptionBuffer, OnlyPadBytesUpToTheEndAddNothing) {
   DhcpTestMemops mem;
   Store store(mem.ops());
   EXPECT_EQ(parse_area(store, Bytes(10, 0)), 0);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptionBuffer, PadRunFollowedByEndStopsAtTheEnd) {
@@ -248,7 +234,7 @@ TEST(DhcpParseOptionBuffer, PadRunFollowedByEndStopsAtTheEnd) {
   Store store(mem.ops());
   // After the end mark: an option whose length runs far past the area.
   EXPECT_EQ(parse_area(store, hex_bytes("00 00 00 ff 0c 50 61")), 0);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptionBuffer, EndMarkStopsBeforeLaterOptions) {
@@ -307,7 +293,7 @@ TEST(DhcpParseOptionBuffer, CodeByteAsLastAreaByteGivesMinusOne) {
   // The length byte lies in the byte after the area; even a length of 0
   // would end past the area.
   EXPECT_EQ(parse_area(store, hex_bytes("0c"), 0x00), -1);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptionBuffer, EndMarkInTheByteAfterTheAreaEndsIt) {
@@ -328,7 +314,7 @@ TEST(DhcpParseOptionBuffer, EmptyAreaGivesZero) {
   DhcpTestMemops mem;
   Store store(mem.ops());
   EXPECT_EQ(parse_area(store, Bytes{}, 0x0c), 0);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptionBuffer, NegativeLengthGivesZero) {
@@ -336,7 +322,7 @@ TEST(DhcpParseOptionBuffer, NegativeLengthGivesZero) {
   Store store(mem.ops());
   Bytes buf = hex_bytes("0c 01 61");
   EXPECT_EQ(dhcp_parse_option_buffer(mem.ops(), buf.data(), -5, store.slots), 0);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptionBuffer, SecondAreaExtendsOptionsOfTheFirst) {
@@ -386,7 +372,7 @@ TEST(DhcpParseOptionBuffer, EveryAllocationFailureLeavesNoLeakAfterFreeOptions) 
     Store store(mem.ops());
     mem.fail_nth(n);
     EXPECT_EQ(parse_area(store, area), -1);
-    EXPECT_EQ(store.present_count(), std::min<long>(n - 1, 3));
+    EXPECT_EQ(store.present(), std::min<long>(n - 1, 3));
     dhcp_free_options(mem.ops(), store.slots);
     EXPECT_EQ(mem.live(), 0);
   }
@@ -473,7 +459,7 @@ TEST(DhcpParseOptions, ReadsTheOptionsField) {
   EXPECT_EQ(parse_message(store, message(hex_bytes("35 01 01 3d 07 01 00 11 22 33 44 55 ff"))), 0);
   EXPECT_EQ(store.value(53), "\x01");
   EXPECT_EQ(store.value(61), std::string("\x01\x00\x11\x22\x33\x44\x55", 7));
-  EXPECT_EQ(store.present_count(), 2);
+  EXPECT_EQ(store.present(), 2);
 }
 
 TEST(DhcpParseOptions, WrongMagicCookieGivesMinusOneAndAnEmptyStore) {
@@ -482,7 +468,7 @@ TEST(DhcpParseOptions, WrongMagicCookieGivesMinusOneAndAnEmptyStore) {
   Bytes msg = message(hex_bytes("35 01 01 ff"));
   msg[239] = 0x64;
   EXPECT_EQ(parse_message(store, msg), -1);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
   EXPECT_EQ(mem.attempts(), 0);
 }
 
@@ -504,14 +490,14 @@ TEST(DhcpParseOptions, MessageShorterThanTheOptionsFieldIsRefused) {
   Bytes msg = message({});
   msg.resize(239);
   EXPECT_EQ(dhcp_parse_options(mem.ops(), msg.data(), 239, store.slots), -1);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptions, MessageEndingAfterTheCookieHasNoOptions) {
   DhcpTestMemops mem;
   Store store(mem.ops());
   EXPECT_EQ(parse_message(store, message({})), 0);
-  EXPECT_EQ(store.present_count(), 0);
+  EXPECT_EQ(store.present(), 0);
 }
 
 TEST(DhcpParseOptions, TruncatedOptionsFieldGivesMinusOne) {

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "nuvdhcp.h"
@@ -97,6 +98,27 @@ class DhcpTestMemops {
 
  private:
   dhcp_memops ops_{nullptr, dhcp_test_alloc, dhcp_test_free};
+};
+
+// An option store that starts empty and is released at scope end.
+struct DhcpStore {
+  explicit DhcpStore(const dhcp_memops *memops) : ops(memops) { std::memset(slots, 0, sizeof slots); }
+  ~DhcpStore() { dhcp_free_options(ops, slots); }
+  DhcpStore(const DhcpStore &) = delete;
+  DhcpStore &operator=(const DhcpStore &) = delete;
+  const dhcp_memops *ops;
+  dhcp_options slots;
+  // The value of option `code` as text, or "<absent>".
+  std::string value(int code) const {
+    return slots[code].data ? std::string(reinterpret_cast<const char *>(slots[code].data), slots[code].len)
+                            : std::string("<absent>");
+  }
+  // How many slots hold a value.
+  int present() const {
+    int n = 0;
+    for (const dhcp_option &o : slots) n += o.data != nullptr;
+    return n;
+  }
 };
 
 }  // namespace testsupport
