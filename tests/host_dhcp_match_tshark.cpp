@@ -18,6 +18,7 @@
 
 #include "dhcp_testmemops.h"
 #include "nuvdhcp.h"
+#include "pcap_writer.h"
 #include "testsupport.h"
 
 namespace {
@@ -226,24 +227,8 @@ Bytes frame_around(const Bytes &dhcp) {
 }
 
 void write_pcap(const std::string &path, const std::vector<Bytes> &frames) {
-  std::ofstream out(path, std::ios::binary);
-  auto u32 = [&](std::uint32_t v) { out.write(reinterpret_cast<const char *>(&v), 4); };
-  auto u16 = [&](std::uint16_t v) { out.write(reinterpret_cast<const char *>(&v), 2); };
-  u32(0xa1b2c3d4);
-  u16(2);
-  u16(4);
-  u32(0);
-  u32(0);
-  u32(65535);
-  u32(1);
-  std::uint32_t t = 0;
-  for (const Bytes &f : frames) {
-    u32(++t);
-    u32(0);
-    u32(static_cast<std::uint32_t>(f.size()));
-    u32(static_cast<std::uint32_t>(f.size()));
-    out.write(reinterpret_cast<const char *>(f.data()), static_cast<std::streamsize>(f.size()));
-  }
+  testsupport::PcapWriter writer(path);
+  for (const Bytes &f : frames) writer.add(f);
 }
 
 struct VendorMessage {

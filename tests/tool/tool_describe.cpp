@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "pcap_writer.h"
 #include "testsupport.h"
 
 using testsupport::run_command;
@@ -146,25 +147,12 @@ TEST_F(DescribeWithTshark, PcapngFileDescribesLikeThePcapItWasMadeFrom) {
 
 namespace {
 
-// Writes a one-frame Ethernet pcap holding `frame`.
+// Writes a one-frame Ethernet pcap holding `frame`, which was 100 bytes
+// longer on the wire.
 std::string write_pcap(const std::string &name, const testsupport::Bytes &frame) {
-  std::string path = std::string(NIKERKIOG_BINARY_DIR) + "/" + name;
-  std::ofstream out(path, std::ios::binary);
-  auto u32 = [&](std::uint32_t v) { out.write(reinterpret_cast<const char *>(&v), 4); };
-  auto u16 = [&](std::uint16_t v) { out.write(reinterpret_cast<const char *>(&v), 2); };
-  u32(0xa1b2c3d4);
-  u16(2);
-  u16(4);
-  u32(0);
-  u32(0);
-  u32(65535);
-  u32(1);  // Ethernet
-  u32(0);
-  u32(0);
-  u32(static_cast<std::uint32_t>(frame.size()));
-  u32(static_cast<std::uint32_t>(frame.size() + 100));
-  out.write(reinterpret_cast<const char *>(frame.data()), static_cast<std::streamsize>(frame.size()));
-  return path;
+  testsupport::PcapWriter writer(std::string(NIKERKIOG_BINARY_DIR) + "/" + name);
+  writer.add(frame, SIZE_MAX, frame.size() + 100);
+  return writer.close();
 }
 
 }  // namespace

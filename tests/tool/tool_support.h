@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "pcap_writer.h"
 #include "testsupport.h"
 
 namespace tooltest {
@@ -64,42 +65,11 @@ inline std::vector<std::string> lines_of(const std::string &text) {
   return out;
 }
 
-// Writes a classic pcap file (microsecond stamps, little-endian) holding
-// `frames` of link type `link` and returns its path in the build folder.
-class PcapWriter {
+// A pcap file of the build folder named `name`, to be filled frame by frame.
+class PcapWriter : public testsupport::PcapWriter {
  public:
-  PcapWriter(const std::string &name, std::uint32_t link = testsupport::kLinkEthernet)
-      : path_(build_path(name)), out_(path_, std::ios::binary) {
-    u32(0xa1b2c3d4);
-    u16(2);
-    u16(4);
-    u32(0);
-    u32(0);
-    u32(65535);
-    u32(link);
-  }
-  // Adds a frame captured whole (or cut to `captured` bytes).
-  void add(const testsupport::Bytes &frame, std::size_t captured = SIZE_MAX) {
-    std::size_t n = std::min(captured, frame.size());
-    u32(seconds_++);
-    u32(0);
-    u32(static_cast<std::uint32_t>(n));
-    u32(static_cast<std::uint32_t>(frame.size()));
-    out_.write(reinterpret_cast<const char *>(frame.data()), static_cast<std::streamsize>(n));
-  }
-  // Closes the file and returns its path.
-  std::string close() {
-    out_.close();
-    return path_;
-  }
-
- private:
-  void u32(std::uint32_t v) { out_.write(reinterpret_cast<const char *>(&v), 4); }
-  void u16(std::uint16_t v) { out_.write(reinterpret_cast<const char *>(&v), 2); }
-
-  std::string path_;
-  std::ofstream out_;
-  std::uint32_t seconds_ = 1;
+  explicit PcapWriter(const std::string &name, std::uint32_t link = testsupport::kLinkEthernet)
+      : testsupport::PcapWriter(build_path(name), link) {}
 };
 
 }  // namespace tooltest
