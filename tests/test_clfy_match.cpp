@@ -502,6 +502,15 @@ TEST_F(ClfyMatch, ShortIpv6ExtensionChainsDoNotMatch) {
   EXPECT_FALSE(matches(parse("icmp.type 0").get(), bare));
 }
 
+TEST_F(ClfyMatch, ProtocolZeroDoesNotMatchAnUnreadableHopByHopHeader) {
+  // The protocol behind a hop-by-hop header that is announced but absent is
+  // unknown, not 0.
+  Packet bare;
+  bare.set_ip(clfytest::ipv6_packet(0, kSrc6, kDst6, {}), 0x86dd);
+  EXPECT_FALSE(matches(parse("ip.proto P0").get(), bare));
+  EXPECT_TRUE(matches(parse("ip.version 6").get(), bare));
+}
+
 // ---- Rule sets ----
 
 TEST_F(ClfyMatch, FirstMatchingRuleOfASetWins) {

@@ -190,6 +190,36 @@ TEST_F(ClfySetProps, SetExecutionAgreesWithTheMatcherRuleByRule) {
   EXPECT_GT(learned, 20);
 }
 
+TEST_F(ClfySetProps, LongListsAgreeWithTheMatcherRuleByRule) {
+  Rng rng(5150);
+  int matched = 0;
+  for (int round = 0; round < 120; ++round) {
+    std::vector<std::string> set_lines, ref_lines;
+    const int n = 8 + pick(rng, 60);
+    for (int i = 0; i < n; ++i) {
+      Rng same = rng;
+      set_lines.push_back(random_rule(same, "set"));
+      ref_lines.push_back(random_rule(rng, "ref"));
+    }
+    clfytest::Set set, reference;
+    build(set, set_lines);
+    build(reference, ref_lines);
+    for (int k = 0; k < 40; ++k) {
+      Packet p;
+      random_packet(rng, p);
+      const nuv_clfy *got = nuv_clfy_get_clfy_from_set(&set.set, 0, &p.desc);
+      const nuv_clfy *want = first_match(reference.set.head, p.desc);
+      ASSERT_EQ(position(set.set.head, got), position(reference.set.head, want)) << "round " << round << " packet " << k;
+      ASSERT_EQ(table_text("set.known"), table_text("ref.known")) << "round " << round << " packet " << k;
+      matched += want != nullptr;
+    }
+    for (nuv_clfy *a = set.set.head, *b = reference.set.head; a && b; a = a->next, b = b->next)
+      ASSERT_EQ(a->hits, b->hits) << "round " << round;
+    nuv_clfy_ethersrctab_freeall();
+  }
+  EXPECT_GT(matched, 2000);
+}
+
 TEST_F(ClfySetProps, ExplanationAgreesWithTheMatcherOnRandomRulesAndPackets) {
   Rng rng(4242);
   int misses = 0;

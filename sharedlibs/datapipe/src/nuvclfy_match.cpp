@@ -495,6 +495,7 @@ CLFY_HOT void read_network(PacketFacts &f) {
     if (f.available < kIpv4HeaderLength) return;
     f.family = kFamilyIpv4;
     f.proto = ip[9];
+    f.proto_key = f.proto;
     f.transport = (ip[0] & 0x0fu) * 4u;
   } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
     if (f.available < kIpv6HeaderLength) return;
@@ -503,6 +504,7 @@ CLFY_HOT void read_network(PacketFacts &f) {
     f.family = kFamilyIpv6;
     f.hop_unreadable = hop_by_hop && !behind;
     f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
+    f.proto_key = f.hop_unreadable ? kProtoUnreadable : f.proto;
     f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
   }
 }
@@ -512,18 +514,74 @@ CLFY_COLD bool holds(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mar
   return rule_holds(rule, facts, mark, report);
 }
 
+// ---- The short path of plain rules ----
+
+// Most rules of a router's list test only the receiving device, the
+// Ethernet type, the IP version and protocol, the addresses and the ports.
+// Such rules take a short path of their own: the same tests as the sequence
+// in the same order, without reporting which one failed.  None of these
+// conditions has a side effect, so the verdict cannot differ from the
+// sequence's, which the explanation still runs.
+constexpr std::uint32_t kPlainConditions = NUV_CLFY_F_DEV | NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_IP_VERSION |
+                                           NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR |
+                                           kPortConditions;
+
+// A policy that only says no.
+struct Quiet {
+  bool miss(Cond, Why = Why::kValue, std::uint32_t = 0, const std::uint8_t * = nullptr) { return false; }
+};
+
+template <class P>
+CLFY_COLD bool ipv6_addresses_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+  const std::uint32_t flags = rule.flags;
+  if ((flags & NUV_CLFY_F_IP_SADDR) && !ipv6_address_holds(Cond::kIpSaddr, rule.ip_saddr, rule.ip_saddr_prefixlen,
+                                                           rule.ip_saddr_family, f.ip + kIpv6SourceOffset, p))
+    return false;
+  return !(flags & NUV_CLFY_F_IP_DADDR) ||
+         ipv6_address_holds(Cond::kIpDaddr, rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family,
+                            f.ip + kIpv6DestinationOffset, p);
+}
+
+// `network_read`: the caller has read the network layer already.
+template <bool network_read = false>
+CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
+  const std::uint32_t flags = rule.flags;
+  Quiet quiet;
+  if (flags & (NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_DEV)) {
+    if ((flags & NUV_CLFY_F_ETH_PROTO) && f.desc->eth_proto != rule.eth_proto) return false;
+    // An interface index the caller never resolved (-1) matches no packet.
+    if ((flags & NUV_CLFY_F_DEV) &&
+        (rule.dev_ifindex < 0 || f.desc->dev_ifindex != static_cast<std::uint32_t>(rule.dev_ifindex)))
+      return false;
+  }
+  if (!(flags & NUV_CLFY_GROUP_IP)) return true;
+  if (!network_read && !(f.read & kReadNetwork)) read_network(f);
+  if (!f.family) return false;
+  if ((flags & NUV_CLFY_F_IP_VERSION) && (f.ip[0] >> 4) != rule.ip_version) return false;
+  if ((flags & NUV_CLFY_F_IP_PROTO) && f.proto_key != rule.ip_proto) return false;
+  if (flags & kAddressConditions) {
+    const bool held = f.family == kFamilyIpv4 ? ipv4_addresses_hold(rule, f, quiet) : ipv6_addresses_hold(rule, f, quiet);
+    if (!held) return false;
+  }
+  return !(flags & kPortConditions) || ports_hold(rule, f, quiet);
+}
+
 // The plain matcher's verdict: a match counts in the rule's hits, except for
-// a rule without conditions.
+// a rule without conditions (which takes the plain path and matches).
+template <bool network_read = false>
 CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   const std::uint32_t flags = rule.flags;
-  if (flags == 0) return true;
-  // The Ethernet type rejects most packets of most rules at the least cost;
-  // conditions have no side effects before DHCP, so testing it first here
-  // changes no verdict.
-  if ((flags & NUV_CLFY_F_ETH_PROTO) && facts.desc->eth_proto != rule.eth_proto) return false;
-  Report quiet{nullptr};
-  if (!holds(rule, facts, mark, quiet)) return false;
-  ++rule.hits;
+  if (flags & ~kPlainConditions) {
+    // The Ethernet type rejects most packets of most rules at the least
+    // cost; conditions have no side effects before DHCP, so testing it first
+    // here changes no verdict.
+    if ((flags & NUV_CLFY_F_ETH_PROTO) && facts.desc->eth_proto != rule.eth_proto) return false;
+    Report quiet{nullptr};
+    if (!holds(rule, facts, mark, quiet)) return false;
+  } else if (!plain_rule_holds<network_read>(rule, facts)) {
+    return false;
+  }
+  if (flags) ++rule.hits;
   return true;
 }
 
@@ -600,6 +658,24 @@ nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
       if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
     }
     rule = rule->next;
+  }
+  return nullptr;
+}
+
+nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts) {
+  const SetOrder *order = set_order(&set);
+  if (!order || !order->count || order->rules[0] != set.head) return first_applying(set.head, facts);
+  nuv_clfy *const *rules = order->rules;
+  const std::uint32_t count = order->count;
+  if (!(facts.read & kReadNetwork)) read_network(facts);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    nuv_clfy *rule = rules[i];
+    if (applies<true>(*rule, facts, 0)) {
+      if (!rule->children) return rule;
+      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
+    }
+    // The links decide: from the first difference on, they are followed.
+    if (rule->next != rules[i + 1]) return first_applying(rule->next, facts);
   }
   return nullptr;
 }

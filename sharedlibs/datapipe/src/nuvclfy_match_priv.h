@@ -27,10 +27,13 @@ struct PacketFacts {
   std::uint8_t family;      // 4 or 6; 0 when no IP condition can hold
   std::uint8_t proto;       // IPv4 protocol; IPv6 next header behind one hop-by-hop header
   bool hop_unreadable;      // IPv6 hop-by-hop header with nothing readable after the fixed header
+  std::uint16_t proto_key;  // proto, or kProtoUnreadable when hop_unreadable: one compare tests both
   std::uint8_t readable;    // kHas* bits: which transport words lie inside the packet
   std::uint16_t sport, dport;
   std::uint16_t tcp_word;   // 16-bit word at offset 12 of the transport header
 };
+
+inline constexpr std::uint16_t kProtoUnreadable = 0x100;  // equals no protocol number
 
 inline constexpr std::uint8_t kReadNetwork = 1;
 inline constexpr std::uint8_t kReadTransport = 2;
@@ -156,6 +159,41 @@ void forget_list_index(const nuv_clfy *head);
 
 // The index of the list whose first rule is `head`, or null.
 const ListIndex *list_index(const nuv_clfy *head);
+
+// ---- The order of a set's rules ----
+
+// The rules of a set's top-level list in list order, kept beside the set so
+// that the search can walk an array instead of chasing links from rule to
+// rule: the processor then fetches the rules ahead of the test.  The array
+// is only a guide: the search checks each rule's `next` against the
+// following entry and follows the links from the first difference on, so a
+// list the caller relinks by hand is still searched as it is.
+struct SetOrder {
+  SetOrder *chain;
+  const nuv_clfy_set *set;
+  std::uint32_t count;
+  std::uint32_t capacity;
+  nuv_clfy **rules;  // `count` rules and a null, in `capacity` + 1 slots behind the record
+};
+
+// Makes the order of `set` match its list again (after a set function
+// linked or removed rules).  Short lists get none, and so does a list whose
+// order cannot be allocated: the search then follows the links.
+void refresh_set_order(const nuv_clfy_set *set);
+
+// Drops the order of `set`, if any.
+void forget_set_order(const nuv_clfy_set *set);
+
+// The order of `set`, or null.
+const SetOrder *set_order(const nuv_clfy_set *set);
+
+// Links `rule` behind the last rule of `set` and makes the set its owner,
+// without touching indexes or orders (for lists being built).
+void link_tail(nuv_clfy_set &set, nuv_clfy *rule);
+
+// The first rule of the set's list that applies, as first_applying, walking
+// the set's order when it has one.
+nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts);
 
 }  // namespace dp::clfy
 

@@ -201,8 +201,8 @@ BestGroup best_group(nuv_clfy *const *rules, std::size_t n) {
   return best;
 }
 
-// A list being built; appending goes through the set interface so owners and
-// links are set the same way as for any rule set.
+// A list being built; appending sets owners and links the same way as for
+// any rule set.
 struct PendingList {
   nuv_clfy_set set;
   PendingList() { std::memset(&set, 0, sizeof set); }
@@ -222,7 +222,7 @@ void free_subtree_list(nuv_clfy *head) {
 // Moves rules[i] into `list`; the array slot is cleared so that whoever
 // cleans up after a failure frees each rule exactly once.
 void move_rule(PendingList &list, nuv_clfy **slot) {
-  nuv_clfy_add_tail(&list.set, *slot);
+  dp::clfy::link_tail(list.set, *slot);
   *slot = nullptr;
 }
 
@@ -238,7 +238,7 @@ int group_run(PendingList &list, nuv_clfy **rules, std::size_t run, std::uint32_
     free_subtree_list(parent);
     return 0;
   }
-  nuv_clfy_add_tail(&list.set, parent);
+  dp::clfy::link_tail(list.set, parent);
   for (std::size_t i = 0; i < run; ++i) rules[i]->flags &= ~parent->flags;
   return group_rules(&parent->children, rules, run) < 0 ? -1 : 1;
 }
@@ -303,6 +303,7 @@ extern "C" int nuv_clfy_set_optim(nuv_clfy_set *src, nuv_clfy_set *dst) {
   free_clones(clones, n);
   CLFY_FREE(clones);
   if (result < 0) return -1;
+  dp::clfy::forget_set_order(dst);
   dst->head = tree;
   nuv_clfy_set_walk(dst, set_owner, dst);
   // Long runs of siblings that differ in one exact value are looked up.

@@ -124,6 +124,8 @@ void nuv_clfy_free(nuv_clfy *rule) {
   if (rule->owner) {
     const nuv_clfy_action *action = action_at(rule->action);
     if (action && action->release) action->release(rule);
+    // The set's order would name a freed rule.
+    dp::clfy::forget_set_order(rule->owner);
   }
   release_rule(rule);
 }
@@ -189,16 +191,15 @@ nuv_clfy_set *nuv_clfy_add_head(nuv_clfy_set *set, nuv_clfy *rule) {
   rule->owner = set;
   rule->next = set->head;
   set->head = rule;
+  dp::clfy::refresh_set_order(set);
   return set;
 }
 
 void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule) return;
   if (set->head) dp::clfy::forget_list_index(set->head);
-  rule->owner = set;
-  nuv_clfy **link = &set->head;
-  while (*link) link = &(*link)->next;
-  *link = rule;
+  dp::clfy::link_tail(*set, rule);
+  dp::clfy::refresh_set_order(set);
 }
 
 int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
@@ -209,6 +210,7 @@ int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
     if (found->id != rule->id) continue;
     *link = found->next;
     free_subtree(found);
+    dp::clfy::refresh_set_order(set);
     return 0;
   }
   return -1;
@@ -216,6 +218,7 @@ int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
 
 void nuv_clfy_del_and_free_all(nuv_clfy_set *set) {
   if (!set) return;
+  dp::clfy::forget_set_order(set);
   while (nuv_clfy *rule = set->head) {
     set->head = rule->next;
     free_subtree(rule);

@@ -12,7 +12,7 @@ int g_debug_flag;
 nuv_clfy *search(nuv_clfy_set *set, const nuv_clfy_packet &packet) {
   dp::clfy::PacketFacts facts;
   dp::clfy::read_packet(packet, facts);
-  return dp::clfy::first_applying(set->head, facts);
+  return dp::clfy::first_applying_in_set(*set, facts);
 }
 
 int walk(nuv_clfy *rule, int depth, nuv_clfy_walk_callback callback, void *arg) {

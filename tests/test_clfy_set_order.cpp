@@ -1,0 +1,161 @@
+// Long rule lists are searched through an array of their rules kept beside
+// the set.  The links stay what decides: a list changed by hand is searched
+// as it is now, whatever the array says, and the array never outlives the
+// set's rules.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "clfy_testing.h"
+#include "nikerkiog.h"
+#include "nuvcsock_test.h"
+#include "testsupport.h"
+
+using clfytest::Packet;
+
+namespace {
+
+const std::uint8_t kSrc[4] = {192, 168, 1, 2};
+const std::uint8_t kDst[4] = {192, 168, 1, 1};
+
+// The result of the rule the set picks for a UDP packet to `dport`, 0 for none.
+int picked(clfytest::Set &set, std::uint16_t dport) {
+  Packet p;
+  p.set_ip(clfytest::ipv4_packet(17, kSrc, kDst, clfytest::udp_header(1000, dport)), 0x0800);
+  p.desc.dev_ifindex = 1;
+  const nuv_clfy *rule = nuv_clfy_get_clfy_from_set(&set.set, 0, &p.desc);
+  return rule ? rule->result : 0;
+}
+
+// Rules "udp.dport N" with result N, for N = 1..n: long enough for an array.
+std::vector<nuv_clfy *> port_rules(clfytest::Set &set, int n) {
+  std::vector<nuv_clfy *> rules;
+  for (int port = 1; port <= n; ++port)
+    rules.push_back(set.add("udp.dport " + std::to_string(port), static_cast<std::uint16_t>(port)));
+  return rules;
+}
+
+nuv_clfy *parsed(const std::string &text, std::uint16_t result) {
+  nuv_clfy *rule = nullptr;
+  EXPECT_EQ(nuv_clfy_parse(text.c_str(), &rule), 0) << text;
+  if (rule) rule->result = result;
+  return rule;
+}
+
+}  // namespace
+
+TEST(ClfySetOrder, LongListFindsTheFirstMatchingRuleAndCountsItsHit) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 40);
+  set.add("udp.dport 7", 700);  // shadowed by the rule for port 7
+  EXPECT_EQ(picked(set, 7), 7);
+  EXPECT_EQ(picked(set, 40), 40);
+  EXPECT_EQ(picked(set, 41), 0);
+  EXPECT_EQ(rules[6]->hits, 1u);
+  EXPECT_EQ(set.set.head->next->next->next->next->next->next->next->hits, 0u);  // the rule for port 8
+}
+
+TEST(ClfySetOrder, RuleUnlinkedByHandIsNoLongerFound) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 20);
+  rules[3]->next = rules[5];  // port 5 leaves the list
+  EXPECT_EQ(picked(set, 5), 0);
+  EXPECT_EQ(picked(set, 6), 6);
+  EXPECT_EQ(picked(set, 20), 20);
+  nuv_clfy_free(rules[4]);
+  EXPECT_EQ(picked(set, 5), 0);
+  EXPECT_EQ(picked(set, 6), 6);
+}
+
+TEST(ClfySetOrder, RuleInsertedByHandIsFoundInItsPlace) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 20);
+  nuv_clfy *inserted = parsed("udp.dport 12", 1200);
+  inserted->owner = &set.set;
+  inserted->next = rules[3];
+  rules[2]->next = inserted;  // between the rules for ports 3 and 4
+  EXPECT_EQ(picked(set, 12), 1200);
+  EXPECT_EQ(picked(set, 4), 4);
+  EXPECT_EQ(picked(set, 20), 20);
+}
+
+TEST(ClfySetOrder, ListCutShortByHandEndsTheSearch) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 20);
+  rules[9]->next = nullptr;
+  EXPECT_EQ(picked(set, 10), 10);
+  EXPECT_EQ(picked(set, 15), 0);
+  rules[9]->next = rules[10];  // linked again, so the set frees them all
+  EXPECT_EQ(picked(set, 15), 15);
+}
+
+TEST(ClfySetOrder, RuleAppendedByHandIsFound) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 20);
+  nuv_clfy *appended = parsed("udp.dport 99", 99);
+  appended->owner = &set.set;
+  rules.back()->next = appended;
+  EXPECT_EQ(picked(set, 99), 99);
+}
+
+TEST(ClfySetOrder, RulesAddedAtTheHeadComeFirst) {
+  clfytest::Set set;
+  port_rules(set, 20);
+  nuv_clfy_add_head(&set.set, parsed("udp.dport 9", 900));
+  EXPECT_EQ(picked(set, 9), 900);
+  EXPECT_EQ(picked(set, 10), 10);
+}
+
+TEST(ClfySetOrder, RuleDeletedThroughTheSetIsNoLongerFound) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 20);
+  ASSERT_EQ(nuv_clfy_del_and_free(&set.set, rules[11]), 0);
+  EXPECT_EQ(picked(set, 12), 0);
+  EXPECT_EQ(picked(set, 13), 13);
+  nuv_clfy_add_tail(&set.set, parsed("udp.dport 12", 1200));
+  EXPECT_EQ(picked(set, 12), 1200);
+}
+
+TEST(ClfySetOrder, ShrinkingBelowEightRulesKeepsTheSearchRight) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 9);
+  ASSERT_EQ(nuv_clfy_del_and_free(&set.set, rules[0]), 0);
+  ASSERT_EQ(nuv_clfy_del_and_free(&set.set, rules[8]), 0);
+  EXPECT_EQ(picked(set, 1), 0);
+  EXPECT_EQ(picked(set, 5), 5);
+  EXPECT_EQ(picked(set, 9), 0);
+}
+
+TEST(ClfySetOrder, SetOfManyRulesLeavesNothingBehindWhenFreed) {
+  testsupport::NoLeakGuard guard;
+  clfytest::Set set;
+  port_rules(set, 300);
+  EXPECT_EQ(picked(set, 299), 299);
+  nuv_clfy_del_and_free_all(&set.set);
+  EXPECT_EQ(picked(set, 299), 0);
+}
+
+TEST(ClfySetOrder, SetEmptiedRuleByRuleLeavesNothingBehind) {
+  testsupport::NoLeakGuard guard;
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 30);
+  for (nuv_clfy *rule : rules) ASSERT_EQ(nuv_clfy_del_and_free(&set.set, rule), 0);
+  EXPECT_EQ(set.set.head, nullptr);
+}
+
+TEST(ClfySetOrder, ArrayThatCannotGrowLeavesTheSearchFollowingTheLinks) {
+  // The array grows at 8, 16 and 32 rules; make each growth fail in turn.
+  for (int failing_rule : {8, 17, 33}) {
+    testsupport::NoLeakGuard guard;
+    clfytest::Set set;
+    for (int port = 1; port <= 40; ++port) {
+      nuv_clfy *rule = parsed("udp.dport " + std::to_string(port), static_cast<std::uint16_t>(port));
+      if (port == failing_rule) nuvcsock_fail_nth_allocation(1);
+      nuv_clfy_add_tail(&set.set, rule);
+      nuvcsock_fail_nth_allocation(0);
+    }
+    for (std::uint16_t port : {1, 8, 17, 33, 40}) EXPECT_EQ(picked(set, port), port) << "failing rule " << failing_rule;
+    EXPECT_EQ(picked(set, 41), 0);
+  }
+}
