@@ -8,6 +8,28 @@ namespace {
 
 bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
+bool is_decimal(char c) { return c >= '0' && c <= '9'; }
+
+// Decimal numbers of up to nine digits cannot leave 32 bits; rule texts are
+// made of them, so they are read here without the C library.
+constexpr int kShortDecimal = 9;
+
+// Reads the decimal digits at p into `value` when there are at most
+// kShortDecimal of them and returns where they end; null otherwise.
+const char *read_short_decimal(const char *p, std::uint32_t &value) {
+  std::uint32_t v = 0;
+  for (int i = 0; i < kShortDecimal && is_decimal(*p); ++i, ++p) v = v * 10 + static_cast<std::uint32_t>(*p - '0');
+  if (is_decimal(*p)) return nullptr;
+  value = v;
+  return p;
+}
+
+// Whether the number at p reads in base 10: a base-0 number starting with
+// 0 is octal or hexadecimal instead.
+bool reads_decimal(const char *p, int base) {
+  return is_decimal(*p) && (base == 10 || (base == 0 && *p != '0'));
+}
+
 }  // namespace
 
 std::uint32_t strtoul32(const char *text, const char **end, int base) {
@@ -18,6 +40,13 @@ std::uint32_t strtoul32(const char *text, const char **end, int base) {
   *end = text;
   // strtoull would skip blanks or take a second sign here; strtoul does not.
   if (is_c_space(*p) || *p == '+' || *p == '-') return 0;
+  if (reads_decimal(p, base)) {
+    std::uint32_t value = 0;
+    if (const char *after = read_short_decimal(p, value)) {
+      *end = after;
+      return negative ? 0u - value : value;
+    }
+  }
   char *after;
   const int saved_errno = errno;
   const unsigned long long magnitude = std::strtoull(p, &after, base);

@@ -187,10 +187,6 @@ void forget_set_order(const nuv_clfy_set *set);
 // The order of `set`, or null.
 const SetOrder *set_order(const nuv_clfy_set *set);
 
-// Links `rule` behind the last rule of `set` and makes the set its owner,
-// without touching indexes or orders (for lists being built).
-void link_tail(nuv_clfy_set &set, nuv_clfy *rule);
-
 // The first rule of the set's list that applies, as first_applying, walking
 // the set's order when it has one.
 nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts);

@@ -201,12 +201,21 @@ BestGroup best_group(nuv_clfy *const *rules, std::size_t n) {
   return best;
 }
 
-// A list being built; appending sets owners and links the same way as for
-// any rule set.
+// A list being built.  Appending links and owns rules the way
+// nuv_clfy_add_tail does, but remembers where the list ends instead of
+// walking it for every rule.  A list being built has no lookup index to drop.
 struct PendingList {
   nuv_clfy_set set;
+  nuv_clfy **end = &set.head;
   PendingList() { std::memset(&set, 0, sizeof set); }
+  PendingList(const PendingList &) = delete;
+  PendingList &operator=(const PendingList &) = delete;
   nuv_clfy *head() const { return set.head; }
+  void append(nuv_clfy *rule) {
+    rule->owner = &set;
+    *end = rule;
+    while (*end) end = &(*end)->next;
+  }
 };
 
 void free_subtree_list(nuv_clfy *head) {
@@ -222,7 +231,7 @@ void free_subtree_list(nuv_clfy *head) {
 // Moves rules[i] into `list`; the array slot is cleared so that whoever
 // cleans up after a failure frees each rule exactly once.
 void move_rule(PendingList &list, nuv_clfy **slot) {
-  dp::clfy::link_tail(list.set, *slot);
+  list.append(*slot);
   *slot = nullptr;
 }
 
@@ -238,7 +247,7 @@ int group_run(PendingList &list, nuv_clfy **rules, std::size_t run, std::uint32_
     free_subtree_list(parent);
     return 0;
   }
-  dp::clfy::link_tail(list.set, parent);
+  list.append(parent);
   for (std::size_t i = 0; i < run; ++i) rules[i]->flags &= ~parent->flags;
   return group_rules(&parent->children, rules, run) < 0 ? -1 : 1;
 }

@@ -84,11 +84,4 @@ void refresh_set_order(const nuv_clfy_set *set) {
 
 const SetOrder *set_order(const nuv_clfy_set *set) { return *link_to(set); }
 
-void link_tail(nuv_clfy_set &set, nuv_clfy *rule) {
-  rule->owner = &set;
-  nuv_clfy **link = &set.head;
-  while (*link) link = &(*link)->next;
-  *link = rule;
-}
-
 }  // namespace dp::clfy

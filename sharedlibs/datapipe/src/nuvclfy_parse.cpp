@@ -1,7 +1,6 @@
 // Rule text parser: splits a rule line into keyword/value pairs and lets the
 // keyword's handler from the keyword table fill the condition.
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -339,9 +338,20 @@ int handle_tcp_flags(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   return 0;
 }
 
+bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// Whether the text starts with four dot-separated numbers.  Each number may
+// be preceded by blanks of any kind and one sign; the dots follow the digits
+// directly.  Only the shape is checked: the address reader judges the values.
 bool reads_as_ipv4(const char *p) {
-  unsigned a, b, c, d;
-  return std::sscanf(p, "%u.%u.%u.%u", &a, &b, &c, &d) == 4;
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0 && *p++ != '.') return false;
+    while (is_c_space(*p)) ++p;
+    if (*p == '+' || *p == '-') ++p;
+    if (!is_digit(*p)) return false;
+    while (is_digit(*p)) ++p;
+  }
+  return true;
 }
 
 // An IPv4 prefix ("10.0.0.0/8", "10.0.0.0 255.0.0.0", "10.0.0.1") or an IPv6
@@ -519,7 +529,17 @@ int exported(char *text, char **end, nuv_clfy *rule) {
 #define NUV_CLFY_EXPORTED_ROW(keyword, handler) {keyword, exported<handler>},
 #define NUV_CLFY_HANDLER_ROW(keyword, handler) handler,
 
+#define NUV_CLFY_SKETCH_ROW(keyword, handler) sketch(keyword, sizeof keyword - 1),
+
+// A word's length with its first and last characters: a word is compared
+// only with the keywords of the same sketch.
+constexpr std::uint32_t sketch(const char *word, std::size_t length) {
+  return static_cast<std::uint32_t>(length) << 16 | static_cast<std::uint32_t>(static_cast<unsigned char>(word[0])) << 8 |
+         static_cast<unsigned char>(word[length - 1]);
+}
+
 constexpr Handler kHandlers[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_HANDLER_ROW)};
+constexpr std::uint32_t kKeywordSketches[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_SKETCH_ROW)};
 
 }  // namespace
 
@@ -530,12 +550,14 @@ const nuv_clfy_keyword parsetab[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_EXPORTED_ROW){nu
 }  // extern "C"
 
 #undef NUV_CLFY_HANDLER_ROW
+#undef NUV_CLFY_SKETCH_ROW
 #undef NUV_CLFY_EXPORTED_ROW
 #undef NUV_CLFY_KEYWORDS
 
 namespace {
 
 static_assert(std::size(kHandlers) + 1 == std::size(parsetab), "one handler per keyword row");
+static_assert(std::size(kKeywordSketches) == std::size(kHandlers), "one sketch per keyword row");
 
 // Texts of the codes, for nuv_clfy_strerror.  -1 to -6 of the DHCP keywords
 // share their values with the handlers' refusal; the refusal's text stands.
@@ -554,10 +576,19 @@ constexpr dp::CodeText kCodeTexts[] = {
     {NUV_CLFY_E_NO_MEMORY, "out of memory"},
 };
 
-// Index of the keyword row that `word` names, or -1.
-long find_keyword(const char *word) {
-  for (const nuv_clfy_keyword *row = parsetab; row->keyword; ++row)
-    if (std::strcmp(row->keyword, word) == 0) return row - parsetab;
+// Whether the `length` characters at `a` and `b` are the same; keywords are
+// too short for a library call to pay.
+bool same_chars(const char *a, const char *b, std::size_t length) {
+  while (length && *a == *b) ++a, ++b, --length;
+  return length == 0;
+}
+
+// Index of the keyword row that the `length` characters at `word` name, or -1.
+long find_keyword(const char *word, std::size_t length) {
+  if (length == 0) return -1;
+  const std::uint32_t key = sketch(word, length);
+  for (std::size_t row = 0; row < std::size(kKeywordSketches); ++row)
+    if (kKeywordSketches[row] == key && same_chars(parsetab[row].keyword, word, length)) return static_cast<long>(row);
   return -1;
 }
 
@@ -574,10 +605,7 @@ struct Failure {
 char *parse_condition(char *p, nuv_clfy *rule, Failure *failure) {
   char *keyword_end = p;
   while (is_keyword_char(*keyword_end)) ++keyword_end;
-  const char saved = *keyword_end;
-  *keyword_end = '\0';
-  const long row = find_keyword(p);
-  *keyword_end = saved;
+  const long row = find_keyword(p, static_cast<std::size_t>(keyword_end - p));
   if (failure) {
     failure->keyword = p;
     failure->keyword_length = static_cast<std::size_t>(keyword_end - p);

@@ -198,7 +198,10 @@ nuv_clfy_set *nuv_clfy_add_head(nuv_clfy_set *set, nuv_clfy *rule) {
 void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule) return;
   if (set->head) dp::clfy::forget_list_index(set->head);
-  dp::clfy::link_tail(*set, rule);
+  rule->owner = set;
+  nuv_clfy **link = &set->head;
+  while (*link) link = &(*link)->next;
+  *link = rule;
   dp::clfy::refresh_set_order(set);
 }
 
