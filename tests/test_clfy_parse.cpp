@@ -83,6 +83,18 @@ TEST_F(ClfyParse, VeryLongLineIsRefused) {
 
 TEST_F(ClfyParse, UnknownKeywordIsRefused) { EXPECT_EQ(parse_result("dev eth0 ip.bogus 5"), NUV_CLFY_E_REFUSED); }
 
+TEST_F(ClfyParse, WordDifferingFromAKeywordOnlyInsideIsRefused) {
+  // Same length, first and last characters as ip.saddr and udp.sport.
+  EXPECT_EQ(parse_result("ip.sxddr 10.0.0.1"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("udp.xport 53"), NUV_CLFY_E_REFUSED);
+}
+
+TEST_F(ClfyParse, KeywordCutShortOrLengthenedIsRefused) {
+  EXPECT_EQ(parse_result("tcp.dpor 80"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("tcp.dportt 80"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ip.saddrs 10.0.0.1"), NUV_CLFY_E_REFUSED);
+}
+
 TEST_F(ClfyParse, UpperCaseKeywordIsRefused) {
   EXPECT_EQ(parse_result("DEV eth0"), NUV_CLFY_E_REFUSED);
   EXPECT_EQ(parse_result("Ip.proto tcp"), NUV_CLFY_E_REFUSED);
@@ -415,6 +427,17 @@ TEST_F(ClfyParse, Ipv6AddressTakesALaterSlashAsItsLength) {
   // The "/" of the tos mask is the first one on the line: the address text
   // becomes "fe80::1 ip.tos 0x20", which is no address.
   EXPECT_EQ(parse_result("ip.saddr fe80::1 ip.tos 0x20/0xe0"), NUV_CLFY_E_REFUSED);
+}
+
+TEST_F(ClfyParse, SignedOrSpacedDottedAddressIsRefused) {
+  EXPECT_EQ(parse_result("ip.saddr +10.0.0.1"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ip.saddr -10.0.0.1"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ip.saddr 10. 0.0.1"), NUV_CLFY_E_REFUSED);
+}
+
+TEST_F(ClfyParse, ThreePartDottedAddressIsRefused) {
+  EXPECT_EQ(parse_result("ip.saddr 10.0.0"), NUV_CLFY_E_REFUSED);
+  EXPECT_EQ(parse_result("ip.saddr 10.0.0/8"), NUV_CLFY_E_REFUSED);
 }
 
 TEST_F(ClfyParse, MalformedAddressesAreRefused) {

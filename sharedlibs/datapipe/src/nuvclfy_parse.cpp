@@ -47,13 +47,17 @@ struct Refusal {
   const char *reason = nullptr;
 };
 
+// Fills `note` for the word at `at`.  Only the diagnostic parser gets here,
+// and only on the way out of a refused line: kept out of the handlers' way.
+[[gnu::cold]] [[gnu::noinline]] void take_note(Refusal *note, const char *at, const char *reason) {
+  note->at = at;
+  note->length = static_cast<std::size_t>(dp::word_end(at) - at);
+  note->reason = reason;
+}
+
 // Notes a refusal of the word at `at` and returns `code`.
 int refuse(Refusal *note, const char *at, const char *reason, int code = NUV_CLFY_E_REFUSED) {
-  if (note) {
-    note->at = at;
-    note->length = static_cast<std::size_t>(dp::word_end(at) - at);
-    note->reason = reason;
-  }
+  if (note) take_note(note, at, reason);
   return code;
 }
 
@@ -81,9 +85,16 @@ constexpr OperatorText kOperatorTexts[] = {
     {"==", NUV_CLFY_OP_EQ}, {"<", NUV_CLFY_OP_LT},  {">", NUV_CLFY_OP_GT},  {"=", NUV_CLFY_OP_EQ},
 };
 
-const OperatorText *find_operator(const char *p) {
+// Where `text` ends in p when p starts with it, or null.
+char *after_prefix(char *p, const char *text) {
+  while (*text && *p == *text) ++p, ++text;
+  return *text ? nullptr : p;
+}
+
+// The operator p starts with, and in `after` where it ends; null for none.
+const OperatorText *find_operator(char *p, char **after) {
   for (const OperatorText &entry : kOperatorTexts)
-    if (std::strncmp(p, entry.text, std::strlen(entry.text)) == 0) return &entry;
+    if ((*after = after_prefix(p, entry.text))) return &entry;
   return nullptr;
 }
 
@@ -110,10 +121,11 @@ int parse_comparison(char *text, char **end, Comparison &out, Refusal *note) {
     out.op = NUV_CLFY_OP_RANGE;
     return 0;
   }
-  const OperatorText *op = find_operator(p);
+  char *after = nullptr;
+  const OperatorText *op = find_operator(p, &after);
   if (!op) return refuse_value(note, p, kBadOperator);
   out.op = op->op;
-  char *number = dp::skip_spaces(p + std::strlen(op->text));
+  char *number = dp::skip_spaces(after);
   if (parse_u16(number, end, &out.value1) < 0) return refuse_value(note, number, kNotANumber);
   return 0;
 }
@@ -208,7 +220,8 @@ int handle_eth_proto(char *text, char **end, nuv_clfy *rule, Refusal *note) {
 using ByteParser = int (*)(const char *, char **, std::uint8_t *);
 
 // A MAC address or OUI into `out`; `flag` is the condition's presence bit.
-int parse_hardware(char *text, char **end, nuv_clfy *rule, Refusal *note, ByteParser parse, std::uint8_t *out,
+// Shared by four keywords, so kept out of line.
+[[gnu::noinline]] int parse_hardware(char *text, char **end, nuv_clfy *rule, Refusal *note, ByteParser parse, std::uint8_t *out,
                    std::uint32_t flag, const char *reason) {
   char *value = dp::skip_equals(text);
   if (parse(value, end, out) < 0) return refuse_value(note, value, reason);
@@ -237,7 +250,7 @@ int handle_vlan_id(char *text, char **end, nuv_clfy *rule, Refusal *note) {
 }
 
 // A single number of 8 bits into `out`.
-int parse_byte(char *text, char **end, std::uint8_t *out, Refusal *note) {
+[[gnu::noinline]] int parse_byte(char *text, char **end, std::uint8_t *out, Refusal *note) {
   char *value = dp::skip_equals(text);
   return parse_u8(value, end, out) < 0 ? refuse_value(note, value, kNotANumber) : 0;
 }
@@ -419,8 +432,9 @@ using DhcpMatchParser = int (*)(char *, char **, dhcp_match *);
 
 // "<match> pattern tablename": the match parser reads up to the end of the
 // pattern, then a table name of letters and dots must follow.  Pattern and
-// name are terminated only while the condition is stored.
-int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser parse, Refusal *note) {
+// name are terminated only while the condition is stored.  Shared by two
+// keywords, so kept out of line.
+[[gnu::noinline]] int parse_dhcp_condition(char *text, char **end, nuv_clfy *rule, DhcpMatchParser parse, Refusal *note) {
   dhcp_match match;
   std::memset(&match, 0, sizeof match);
   char *pattern_end = text;
@@ -480,10 +494,16 @@ constexpr Handler handle_udp_dport = handle_ports<dp::clfy::kProtoUdp, nuv_clfy_
 constexpr Handler handle_tcp_sport = handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_sport>;
 constexpr Handler handle_tcp_dport = handle_ports<dp::clfy::kProtoTcp, nuv_clfy_add_ip_dport>;
 
+// Runs a handler without a note.  Kept out of line, so that each exported
+// entry stays a call instead of a second copy of its handler.
+[[gnu::noinline]] int without_note(Handler handler, char *text, char **end, nuv_clfy *rule) {
+  return handler(text, end, rule, nullptr);
+}
+
 // The handler as the keyword table exports it: without a note.
 template <Handler H>
 int exported(char *text, char **end, nuv_clfy *rule) {
-  return H(text, end, rule, nullptr);
+  return without_note(H, text, end, rule);
 }
 
 // The keywords in table order, written once: they give both the exported
@@ -629,14 +649,16 @@ char *parse_condition(char *p, nuv_clfy *rule, Failure *failure) {
   return end;
 }
 
-void clear_diag(nuv_clfy_diag *diag) {
+// The diagnostic parts below run only for nuv_clfy_parse_with_diag and are
+// built for size.
+[[gnu::cold]] void clear_diag(nuv_clfy_diag *diag) {
   std::memset(diag, 0, sizeof *diag);
   diag->reason = "";
 }
 
 // Fills `diag` from a failure inside `line`.  A handler that gave no note
 // is reported at its value with its code's text.
-void report(nuv_clfy_diag *diag, const char *line, const Failure &failure) {
+[[gnu::cold]] void report(nuv_clfy_diag *diag, const char *line, const Failure &failure) {
   diag->code = failure.code;
   const std::size_t keyword_length = std::min(failure.keyword_length, sizeof diag->keyword - 1);
   std::memcpy(diag->keyword, failure.keyword, keyword_length);
@@ -649,7 +671,7 @@ void report(nuv_clfy_diag *diag, const char *line, const Failure &failure) {
   diag->reason = refusal.reason;
 }
 
-void report_line(nuv_clfy_diag *diag, int code, std::size_t offset, std::size_t length) {
+[[gnu::cold]] void report_line(nuv_clfy_diag *diag, int code, std::size_t offset, std::size_t length) {
   diag->code = code;
   diag->offset = static_cast<std::uint32_t>(offset);
   diag->length = static_cast<std::uint32_t>(length);
@@ -696,6 +718,6 @@ int nuv_clfy_parse_with_diag(const char *text, nuv_clfy **result, nuv_clfy_diag 
   return parse_line(text, result, diag);
 }
 
-const char *nuv_clfy_strerror(int code) { return dp::code_text(kCodeTexts, code, dp::kUnknownCodeText); }
+[[gnu::cold]] const char *nuv_clfy_strerror(int code) { return dp::code_text(kCodeTexts, code, dp::kUnknownCodeText); }
 
 }  // extern "C"
