@@ -71,12 +71,18 @@ CLFY_HOT bool comparison_holds(std::uint32_t op, std::uint16_t value1, std::uint
   }
 }
 
-CLFY_HOT bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
+CLFY_COLD bool any_entry_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
   for (std::uint32_t i = 0; i < list.count; ++i) {
     const nuv_clfy_value &v = list.entries[i];
     if (comparison_holds(v.op, v.value1, v.value2, x)) return true;
   }
   return false;
+}
+
+// A list of one equality, the common case, is one comparison in line.
+CLFY_HOT bool list_holds(const nuv_clfy_valuelist &list, std::uint32_t x) {
+  if (list.count == 1 && list.entries[0].op == NUV_CLFY_OP_EQ) return x == list.entries[0].value1;
+  return any_entry_holds(list, x);
 }
 
 // ---- Interfaces, mark, link layer ----
@@ -162,7 +168,7 @@ CLFY_HOT bool transport_has(PacketFacts &f, std::uint32_t bytes) {
 }
 
 CLFY_COLD void read_transport(PacketFacts &f);
-CLFY_HOT void read_network(PacketFacts &f);
+CLFY_COLD void read_network(PacketFacts &f);
 
 // The transport words, read on the first condition that needs them.
 CLFY_HOT void need_transport(PacketFacts &f) {
@@ -462,7 +468,7 @@ CLFY_HOT bool rule_holds(const nuv_clfy &rule, PacketFacts &f, std::uint32_t mar
   return p.miss(Cond::kNothingTestable);
 }
 
-CLFY_COLD void read_transport(PacketFacts &f) {
+CLFY_HOT void read_transport_here(PacketFacts &f) {
   f.read |= kReadTransport;
   f.readable = 0;
   const std::uint32_t room = transport_room(f);
@@ -481,9 +487,12 @@ CLFY_COLD void read_transport(PacketFacts &f) {
   }
 }
 
+// The same, out of line for the callers off the hot paths.
+CLFY_COLD void read_transport(PacketFacts &f) { read_transport_here(f); }
+
 // The network layer, read when the first rule with an IP condition is
 // tried: the version to follow and where the transport header starts.
-CLFY_HOT void read_network(PacketFacts &f) {
+CLFY_HOT void read_network_here(PacketFacts &f) {
   const nuv_clfy_packet &packet = *f.desc;
   const std::uint8_t *ip = packet.ip_header;
   f.read |= kReadNetwork;
@@ -509,6 +518,9 @@ CLFY_HOT void read_network(PacketFacts &f) {
   }
 }
 
+// The same, out of line for the callers off the hot paths.
+CLFY_COLD void read_network(PacketFacts &f) { read_network_here(f); }
+
 // The sequence, out of line once for every caller.
 CLFY_COLD bool holds(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Report &report) {
   return rule_holds(rule, facts, mark, report);
@@ -531,15 +543,22 @@ struct Quiet {
   bool miss(Cond, Why = Why::kValue, std::uint32_t = 0, const std::uint8_t * = nullptr) { return false; }
 };
 
-template <class P>
-CLFY_COLD bool ipv6_addresses_hold(const nuv_clfy &rule, PacketFacts &f, P &p) {
+CLFY_COLD bool plain_ipv6_addresses_hold(const nuv_clfy &rule, const std::uint8_t *ip) {
   const std::uint32_t flags = rule.flags;
+  Quiet quiet;
   if ((flags & NUV_CLFY_F_IP_SADDR) && !ipv6_address_holds(Cond::kIpSaddr, rule.ip_saddr, rule.ip_saddr_prefixlen,
-                                                           rule.ip_saddr_family, f.ip + kIpv6SourceOffset, p))
+                                                           rule.ip_saddr_family, ip + kIpv6SourceOffset, quiet))
     return false;
   return !(flags & NUV_CLFY_F_IP_DADDR) ||
          ipv6_address_holds(Cond::kIpDaddr, rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family,
-                            f.ip + kIpv6DestinationOffset, p);
+                            ip + kIpv6DestinationOffset, quiet);
+}
+
+CLFY_HOT bool plain_ports_hold(const nuv_clfy &rule, PacketFacts &f) {
+  if (!(f.read & kReadTransport)) read_transport_here(f);
+  const std::uint32_t flags = rule.flags;
+  if ((flags & NUV_CLFY_F_SPORTS) && (!(f.readable & kHasSport) || !list_holds(rule.sports, f.sport))) return false;
+  return !(flags & NUV_CLFY_F_DPORTS) || ((f.readable & kHasDport) && list_holds(rule.dports, f.dport));
 }
 
 // `network_read`: the caller has read the network layer already.
@@ -555,35 +574,43 @@ CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
       return false;
   }
   if (!(flags & NUV_CLFY_GROUP_IP)) return true;
-  if (!network_read && !(f.read & kReadNetwork)) read_network(f);
+  if (!network_read && !(f.read & kReadNetwork)) read_network_here(f);
   if (!f.family) return false;
   if ((flags & NUV_CLFY_F_IP_VERSION) && (f.ip[0] >> 4) != rule.ip_version) return false;
   if ((flags & NUV_CLFY_F_IP_PROTO) && f.proto_key != rule.ip_proto) return false;
   if (flags & kAddressConditions) {
-    const bool held = f.family == kFamilyIpv4 ? ipv4_addresses_hold(rule, f, quiet) : ipv6_addresses_hold(rule, f, quiet);
+    const bool held = f.family == kFamilyIpv4 ? ipv4_addresses_hold(rule, f, quiet) : plain_ipv6_addresses_hold(rule, f.ip);
     if (!held) return false;
   }
-  return !(flags & kPortConditions) || ports_hold(rule, f, quiet);
+  return !(flags & kPortConditions) || plain_ports_hold(rule, f);
 }
 
 // The plain matcher's verdict: a match counts in the rule's hits, except for
 // a rule without conditions (which takes the plain path and matches).
+// The verdict of a rule that is not plain, through the sequence.
+CLFY_HOT bool sequence_holds(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
+  // The Ethernet type rejects most packets of most rules at the least cost;
+  // conditions have no side effects before DHCP, so testing it first here
+  // changes no verdict.
+  if ((rule.flags & NUV_CLFY_F_ETH_PROTO) && facts.desc->eth_proto != rule.eth_proto) return false;
+  Report quiet{nullptr};
+  return holds(rule, facts, mark, quiet);
+}
+
 template <bool network_read = false>
 CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   const std::uint32_t flags = rule.flags;
-  if (flags & ~kPlainConditions) {
-    // The Ethernet type rejects most packets of most rules at the least
-    // cost; conditions have no side effects before DHCP, so testing it first
-    // here changes no verdict.
-    if ((flags & NUV_CLFY_F_ETH_PROTO) && facts.desc->eth_proto != rule.eth_proto) return false;
-    Report quiet{nullptr};
-    if (!holds(rule, facts, mark, quiet)) return false;
-  } else if (!plain_rule_holds<network_read>(rule, facts)) {
-    return false;
-  }
+  const bool held = (flags & ~kPlainConditions) ? sequence_holds(rule, facts, mark)
+                                                : plain_rule_holds<network_read>(rule, facts);
+  if (!held) return false;
   if (flags) ++rule.hits;
   return true;
 }
+
+// The same verdict out of line, for the searches that try few rules per
+// packet (sub-lists and siblings of equal value): one copy of the tests
+// serves them all.
+CLFY_COLD bool applies_out_of_line(nuv_clfy &rule, PacketFacts &facts) { return applies(rule, facts, 0); }
 
 }  // namespace
 
@@ -633,7 +660,7 @@ CLFY_COLD nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts)
                                          [](const IndexEntry &entry, std::uint32_t k) { return entry.key < k; });
   for (; e != end && e->key == key; ++e) {
     nuv_clfy *rule = e->rule;
-    if (!applies(*rule, facts, 0)) continue;
+    if (!applies_out_of_line(*rule, facts)) continue;
     if (!rule->children) return rule;
     if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
   }
@@ -653,7 +680,7 @@ nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
       ++segment;
       continue;
     }
-    if (applies(*rule, facts, 0)) {
+    if (applies_out_of_line(*rule, facts)) {
       if (!rule->children) return rule;
       if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
     }
@@ -662,14 +689,20 @@ nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
   return nullptr;
 }
 
+// How far ahead of the rule being tested the walk of an order fetches.
+constexpr std::uint32_t kFetchAhead = 4;
+
 nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts) {
   const SetOrder *order = set_order(&set);
   if (!order || !order->count || order->rules[0] != set.head) return first_applying(set.head, facts);
   nuv_clfy *const *rules = order->rules;
   const std::uint32_t count = order->count;
-  if (!(facts.read & kReadNetwork)) read_network(facts);
+  if (!(facts.read & kReadNetwork)) read_network_here(facts);
   for (std::uint32_t i = 0; i < count; ++i) {
     nuv_clfy *rule = rules[i];
+    // The conditions of a rule a few places ahead are fetched while this one
+    // is tested.
+    if (i + kFetchAhead < count) __builtin_prefetch(&rules[i + kFetchAhead]->ip_proto);
     if (applies<true>(*rule, facts, 0)) {
       if (!rule->children) return rule;
       if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
@@ -682,8 +715,29 @@ nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts) {
 
 }  // namespace dp::clfy
 
+namespace dp::clfy {
+namespace {
+
+// One rule through the sequence.
+CLFY_COLD int matches_in_sequence(nuv_clfy &rule, const nuv_clfy_packet &packet, std::uint32_t mark) {
+  PacketFacts facts;
+  read_packet(packet, facts);
+  if (!sequence_holds(rule, facts, mark)) return 0;
+  ++rule.hits;
+  return 1;
+}
+
+}  // namespace
+}  // namespace dp::clfy
+
+// A plain rule's packet record never leaves this call, so it is kept in
+// registers.
 extern "C" int nuv_clfy_matches(nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t, uint32_t mark) {
+  const std::uint32_t flags = rule->flags;
+  if (flags & ~dp::clfy::kPlainConditions) return dp::clfy::matches_in_sequence(*rule, *packet, mark);
   dp::clfy::PacketFacts facts;
   dp::clfy::read_packet(*packet, facts);
-  return dp::clfy::applies(*rule, facts, mark) ? 1 : 0;
+  if (!dp::clfy::plain_rule_holds(*rule, facts)) return 0;
+  if (flags) ++rule->hits;
+  return 1;
 }

@@ -181,6 +181,11 @@ struct SetOrder {
 // order cannot be allocated: the search then follows the links.
 void refresh_set_order(const nuv_clfy_set *set);
 
+// The same after rules were linked behind `tail`, the list's last rule
+// before (null when the list was empty): when the order still ends at
+// `tail`, the new rules are only appended to it.
+void order_after_append(const nuv_clfy_set *set, const nuv_clfy *tail);
+
 // Drops the order of `set`, if any.
 void forget_set_order(const nuv_clfy_set *set);
 

@@ -82,6 +82,19 @@ void refresh_set_order(const nuv_clfy_set *set) {
   order->rules[i] = nullptr;
 }
 
+void order_after_append(const nuv_clfy_set *set, const nuv_clfy *tail) {
+  SetOrder *order = *link_to(set);
+  if (!order || !tail || order->rules[order->count - 1] != tail) return refresh_set_order(set);
+  // Rules linked behind `tail`: the appended one and any it brought along.
+  std::uint32_t count = order->count;
+  for (const nuv_clfy *rule = tail->next; rule; rule = rule->next) ++count;
+  if (count > order->capacity) return refresh_set_order(set);
+  std::uint32_t i = order->count;
+  for (nuv_clfy *rule = tail->next; rule; rule = rule->next) order->rules[i++] = rule;
+  order->rules[i] = nullptr;
+  order->count = count;
+}
+
 const SetOrder *set_order(const nuv_clfy_set *set) { return *link_to(set); }
 
 }  // namespace dp::clfy

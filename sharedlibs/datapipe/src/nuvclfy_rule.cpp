@@ -199,10 +199,11 @@ void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule) return;
   if (set->head) dp::clfy::forget_list_index(set->head);
   rule->owner = set;
+  nuv_clfy *tail = nullptr;
   nuv_clfy **link = &set->head;
-  while (*link) link = &(*link)->next;
+  for (; *link; link = &(*link)->next) tail = *link;
   *link = rule;
-  dp::clfy::refresh_set_order(set);
+  dp::clfy::order_after_append(set, tail);
 }
 
 int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
