@@ -99,6 +99,26 @@ TEST(ClfySetOrder, RuleAppendedByHandIsFound) {
   EXPECT_EQ(picked(set, 99), 99);
 }
 
+TEST(ClfySetOrder, RulesBroughtAlongByAnAppendedRuleAreFound) {
+  // nuv_clfy_add_tail keeps the appended rule's own `next`: the rules
+  // behind it join the list too, here more than the array has room for.
+  clfytest::Set set;
+  port_rules(set, 10);
+  nuv_clfy *first = parsed("udp.dport 100", 100);
+  nuv_clfy *last = first;
+  for (std::uint16_t port = 101; port < 130; ++port) {
+    last->next = parsed("udp.dport " + std::to_string(port), port);
+    last = last->next;
+    last->owner = &set.set;
+  }
+  nuv_clfy_add_tail(&set.set, first);
+  EXPECT_EQ(picked(set, 100), 100);
+  EXPECT_EQ(picked(set, 129), 129);
+  EXPECT_EQ(picked(set, 10), 10);
+  nuv_clfy_add_tail(&set.set, parsed("udp.dport 130", 130));
+  EXPECT_EQ(picked(set, 130), 130);
+}
+
 TEST(ClfySetOrder, RulesAddedAtTheHeadComeFirst) {
   clfytest::Set set;
   port_rules(set, 20);

@@ -234,7 +234,16 @@ typedef struct nuv_clfy {
 } nuv_clfy;
 
 /* A rule set: the caller owns the record and its first four words; the
- * classifier keeps the top-level rule list in `head`. */
+ * classifier keeps the top-level rule list in `head`.
+ *
+ * A set whose list has eight rules or more also has a private array of them,
+ * kept by the classifier beside the record (one pointer per rule, from the
+ * classifier's allocator, grown by doubling) so that the search can fetch
+ * rules ahead of testing them.  The set functions keep it up to date and
+ * free it with the set's rules.  The links stay what counts: a list relinked
+ * by hand is searched as it is, and when the array cannot be allocated the
+ * set is searched by its links alone.  Adding a rule at the head rewrites
+ * the array (a cost that grows with the list). */
 typedef struct nuv_clfy_set {
   uint32_t caller_words[4];
   nuv_clfy *head;
