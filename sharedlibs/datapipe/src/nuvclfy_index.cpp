@@ -32,10 +32,7 @@ constexpr std::size_t kBuckets = 256;
 
 ListIndex *g_buckets[kBuckets];
 
-std::size_t bucket_of(const nuv_clfy *head) {
-  const auto bits = reinterpret_cast<std::uintptr_t>(head);
-  return ((bits >> 4) ^ (bits >> 12)) % kBuckets;
-}
+std::size_t bucket_of(const nuv_clfy *head) { return chain_of(head, kBuckets); }
 
 // The value a rule carries for `kind` (with `mask` for addresses), or false
 // when the rule does not test that value exactly.

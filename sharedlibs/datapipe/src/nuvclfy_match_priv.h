@@ -8,6 +8,7 @@
 #ifndef NUVCLFY_MATCH_PRIV_H
 #define NUVCLFY_MATCH_PRIV_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "nuvclfy.h"
@@ -117,6 +118,14 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
 // packet, searching sub-rules of matching rules (a rule with sub-rules is
 // never the result itself); null when none applies.
 nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts);
+
+// The chain of a private table keyed by a record's address that `key`
+// falls in, among `chains` (a power of two).  Records are at least 16-byte
+// aligned, so the lowest bits say nothing.
+inline std::size_t chain_of(const void *key, std::size_t chains) {
+  const auto bits = reinterpret_cast<std::uintptr_t>(key);
+  return ((bits >> 4) ^ (bits >> 12)) & (chains - 1);
+}
 
 // ---- Value lookup among siblings of an optimised tree ----
 

@@ -21,10 +21,7 @@ constexpr std::size_t kBuckets = 64;
 
 SetOrder *g_orders[kBuckets];
 
-std::size_t bucket_of(const nuv_clfy_set *set) {
-  const auto bits = reinterpret_cast<std::uintptr_t>(set);
-  return ((bits >> 4) ^ (bits >> 10)) % kBuckets;
-}
+std::size_t bucket_of(const nuv_clfy_set *set) { return chain_of(set, kBuckets); }
 
 SetOrder **link_to(const nuv_clfy_set *set) {
   SetOrder **link = &g_orders[bucket_of(set)];
