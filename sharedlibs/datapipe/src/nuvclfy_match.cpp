@@ -562,7 +562,8 @@ CLFY_HOT bool plain_ports_hold(const nuv_clfy &rule, PacketFacts &f) {
 }
 
 // `network_read`: the caller has read the network layer already.
-template <bool network_read = false>
+// `with_rest`: the rule may test addresses and ports.
+template <bool network_read = false, bool with_rest = true>
 CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
   const std::uint32_t flags = rule.flags;
   Quiet quiet;
@@ -578,6 +579,7 @@ CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
   if (!f.family) return false;
   if ((flags & NUV_CLFY_F_IP_VERSION) && (f.ip[0] >> 4) != rule.ip_version) return false;
   if ((flags & NUV_CLFY_F_IP_PROTO) && f.proto_key != rule.ip_proto) return false;
+  if (!with_rest) return true;
   if (flags & kAddressConditions) {
     const bool held = f.family == kFamilyIpv4 ? ipv4_addresses_hold(rule, f, quiet) : plain_ipv6_addresses_hold(rule, f.ip);
     if (!held) return false;
@@ -727,17 +729,30 @@ CLFY_COLD int matches_in_sequence(nuv_clfy &rule, const nuv_clfy_packet &packet,
   return 1;
 }
 
+// One plain rule; `with_rest`: it may test addresses and ports.  The packet
+// record never leaves the call, so it is kept in registers.
+template <bool with_rest>
+CLFY_HOT int plain_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
+  PacketFacts facts;
+  read_packet(packet, facts);
+  if (!plain_rule_holds<false, with_rest>(rule, facts)) return 0;
+  if (rule.flags) ++rule.hits;
+  return 1;
+}
+
+// Rules with addresses or ports need more registers: their copy is out of
+// line, so that the others are tested without setting them up.
+CLFY_COLD int plain_matches_with_rest(nuv_clfy &rule, const nuv_clfy_packet &packet) {
+  return plain_matches<true>(rule, packet);
+}
+
 }  // namespace
 }  // namespace dp::clfy
 
-// A plain rule's packet record never leaves this call, so it is kept in
-// registers.
 extern "C" int nuv_clfy_matches(nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t, uint32_t mark) {
   const std::uint32_t flags = rule->flags;
   if (flags & ~dp::clfy::kPlainConditions) return dp::clfy::matches_in_sequence(*rule, *packet, mark);
-  dp::clfy::PacketFacts facts;
-  dp::clfy::read_packet(*packet, facts);
-  if (!dp::clfy::plain_rule_holds(*rule, facts)) return 0;
-  if (flags) ++rule->hits;
-  return 1;
+  if (flags & (dp::clfy::kAddressConditions | dp::clfy::kPortConditions))
+    return dp::clfy::plain_matches_with_rest(*rule, *packet);
+  return dp::clfy::plain_matches<false>(*rule, *packet);
 }
