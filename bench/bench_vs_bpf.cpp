@@ -288,7 +288,7 @@ void print_ratio_row(const char *measure, double reference, const char *unit, do
 }  // namespace
 
 int main(int argc, char **argv) {
-  const int repetitions = argc > 1 ? std::atoi(argv[1]) : 15;
+  const int repetitions = argc > 1 ? std::atoi(argv[1]) : 45;
   const std::vector<Frame> frames = read_frames();
   if (frames.empty()) {
     std::fprintf(stderr, "no Ethernet frames under %s\n", NIKERKIOG_CAPTURES_DIR);

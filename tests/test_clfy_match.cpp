@@ -457,6 +457,19 @@ TEST_F(ClfyMatch, PacketShorterThanItsFixedHeaderMatchesNoIpCondition) {
   EXPECT_FALSE(matches(parse("ip.version 6").get(), q));
 }
 
+TEST_F(ClfyMatch, VersionIsReadFromAWholeHeaderWhateverTheEthernetType) {
+  Bytes v4 = clfytest::ipv4_packet(17, kSrc4, kDst4, {});
+  ASSERT_EQ(v4.size(), 20u);
+  Packet p;
+  p.set_ip(v4, 0x0800);
+  EXPECT_TRUE(matches(parse("ip.version 4").get(), p));
+  v4[0] = 0x65;  // version nibble 6 under the IPv4 Ethernet type
+  Packet q;
+  q.set_ip(v4, 0x0800);
+  EXPECT_TRUE(matches(parse("ip.version 6").get(), q));
+  EXPECT_FALSE(matches(parse("ip.version 4").get(), q));
+}
+
 TEST_F(ClfyMatch, HeaderLengthBeyondThePacketDoesNotMatch) {
   Bytes ip = clfytest::ipv4_packet(17, kSrc4, kDst4, clfytest::udp_header(1, 2));
   ip[0] = 0x4f;  // 60-byte header claimed, 28 bytes present

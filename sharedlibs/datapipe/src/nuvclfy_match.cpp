@@ -575,6 +575,16 @@ CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
       return false;
   }
   if (!(flags & NUV_CLFY_GROUP_IP)) return true;
+  // The version alone (a rule per address family) needs only to know that
+  // the packet has a whole IP header, not what follows it.
+  if (!with_rest && !(flags & NUV_CLFY_F_IP_PROTO)) {
+    const nuv_clfy_packet &packet = *f.desc;
+    const std::uint32_t header = packet.eth_proto == dp::host_to_net16(kEtherTypeIpv4)   ? kIpv4HeaderLength
+                                 : packet.eth_proto == dp::host_to_net16(kEtherTypeIpv6) ? kIpv6HeaderLength
+                                                                                        : 0;
+    return header && packet.ip_header && packet.ip_len >= header &&
+           (packet.ip_header[0] >> 4) == rule.ip_version;
+  }
   if (!network_read && !(f.read & kReadNetwork)) read_network_here(f);
   if (!f.family) return false;
   if ((flags & NUV_CLFY_F_IP_VERSION) && (f.ip[0] >> 4) != rule.ip_version) return false;
