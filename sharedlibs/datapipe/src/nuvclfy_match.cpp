@@ -561,12 +561,28 @@ CLFY_HOT bool plain_ports_hold(const nuv_clfy &rule, PacketFacts &f) {
   return !(flags & NUV_CLFY_F_DPORTS) || ((f.readable & kHasDport) && list_holds(rule.dports, f.dport));
 }
 
+// How far a call of the plain tests goes.
+enum class Reach : std::uint8_t {
+  kAll,           // every condition
+  kNoAddresses,   // a rule without addresses and ports
+  kUpToProtocol,  // up to the protocol: the caller tests addresses and ports
+};
+
+// Addresses and ports of a plain rule, once the network layer is read.
+CLFY_HOT bool plain_rest_holds(const nuv_clfy &rule, PacketFacts &f) {
+  const std::uint32_t flags = rule.flags;
+  if (flags & kAddressConditions) {
+    Quiet quiet;
+    const bool held = f.family == kFamilyIpv4 ? ipv4_addresses_hold(rule, f, quiet) : plain_ipv6_addresses_hold(rule, f.ip);
+    if (!held) return false;
+  }
+  return !(flags & kPortConditions) || plain_ports_hold(rule, f);
+}
+
 // `network_read`: the caller has read the network layer already.
-// `with_rest`: the rule may test addresses and ports.
-template <bool network_read = false, bool with_rest = true>
+template <bool network_read = false, Reach reach = Reach::kAll>
 CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
   const std::uint32_t flags = rule.flags;
-  Quiet quiet;
   if (flags & (NUV_CLFY_F_ETH_PROTO | NUV_CLFY_F_DEV)) {
     if ((flags & NUV_CLFY_F_ETH_PROTO) && f.desc->eth_proto != rule.eth_proto) return false;
     // An interface index the caller never resolved (-1) matches no packet.
@@ -577,7 +593,7 @@ CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
   if (!(flags & NUV_CLFY_GROUP_IP)) return true;
   // The version alone (a rule per address family) needs only to know that
   // the packet has a whole IP header, not what follows it.
-  if (!with_rest && !(flags & NUV_CLFY_F_IP_PROTO)) {
+  if (reach == Reach::kNoAddresses && !(flags & NUV_CLFY_F_IP_PROTO)) {
     const nuv_clfy_packet &packet = *f.desc;
     const std::uint32_t header = packet.eth_proto == dp::host_to_net16(kEtherTypeIpv4)   ? kIpv4HeaderLength
                                  : packet.eth_proto == dp::host_to_net16(kEtherTypeIpv6) ? kIpv6HeaderLength
@@ -589,16 +605,9 @@ CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
   if (!f.family) return false;
   if ((flags & NUV_CLFY_F_IP_VERSION) && (f.ip[0] >> 4) != rule.ip_version) return false;
   if ((flags & NUV_CLFY_F_IP_PROTO) && f.proto_key != rule.ip_proto) return false;
-  if (!with_rest) return true;
-  if (flags & kAddressConditions) {
-    const bool held = f.family == kFamilyIpv4 ? ipv4_addresses_hold(rule, f, quiet) : plain_ipv6_addresses_hold(rule, f.ip);
-    if (!held) return false;
-  }
-  return !(flags & kPortConditions) || plain_ports_hold(rule, f);
+  return reach != Reach::kAll || plain_rest_holds(rule, f);
 }
 
-// The plain matcher's verdict: a match counts in the rule's hits, except for
-// a rule without conditions (which takes the plain path and matches).
 // The verdict of a rule that is not plain, through the sequence.
 CLFY_HOT bool sequence_holds(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   // The Ethernet type rejects most packets of most rules at the least cost;
@@ -609,6 +618,8 @@ CLFY_HOT bool sequence_holds(const nuv_clfy &rule, PacketFacts &facts, std::uint
   return holds(rule, facts, mark, quiet);
 }
 
+// The plain matcher's verdict: a match counts in the rule's hits, except for
+// a rule without conditions (which takes the plain path and matches).
 template <bool network_read = false>
 CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   const std::uint32_t flags = rule.flags;
@@ -739,21 +750,37 @@ CLFY_COLD int matches_in_sequence(nuv_clfy &rule, const nuv_clfy_packet &packet,
   return 1;
 }
 
-// One plain rule; `with_rest`: it may test addresses and ports.  The packet
-// record never leaves the call, so it is kept in registers.
-template <bool with_rest>
+// One plain rule without addresses and ports.  The packet record never
+// leaves the call, so it is kept in registers.
 CLFY_HOT int plain_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   PacketFacts facts;
   read_packet(packet, facts);
-  if (!plain_rule_holds<false, with_rest>(rule, facts)) return 0;
+  if (!plain_rule_holds<false, Reach::kNoAddresses>(rule, facts)) return 0;
   if (rule.flags) ++rule.hits;
   return 1;
 }
 
-// Rules with addresses or ports need more registers: their copy is out of
-// line, so that the others are tested without setting them up.
-CLFY_COLD int plain_matches_with_rest(nuv_clfy &rule, const nuv_clfy_packet &packet) {
-  return plain_matches<true>(rule, packet);
+// Addresses and ports out of line, given the network layer: their tests
+// need registers that the others then do without setting up.
+CLFY_COLD bool plain_rest_holds_out_of_line(const nuv_clfy &rule, const std::uint8_t *ip, std::uint8_t family,
+                                            std::uint32_t transport, std::uint32_t available) {
+  PacketFacts facts{};
+  facts.read = kReadNetwork;
+  facts.ip = ip;
+  facts.family = family;
+  facts.transport = transport;
+  facts.available = available;
+  return plain_rest_holds(rule, facts);
+}
+
+// One plain rule with addresses or ports: most packets fail before them.
+CLFY_HOT int plain_matches_with_rest(nuv_clfy &rule, const nuv_clfy_packet &packet) {
+  PacketFacts facts;
+  read_packet(packet, facts);
+  if (!plain_rule_holds<false, Reach::kUpToProtocol>(rule, facts)) return 0;
+  if (!plain_rest_holds_out_of_line(rule, facts.ip, facts.family, facts.transport, facts.available)) return 0;
+  ++rule.hits;
+  return 1;
 }
 
 }  // namespace
@@ -764,5 +791,5 @@ extern "C" int nuv_clfy_matches(nuv_clfy *rule, const nuv_clfy_packet *packet, u
   if (flags & ~dp::clfy::kPlainConditions) return dp::clfy::matches_in_sequence(*rule, *packet, mark);
   if (flags & (dp::clfy::kAddressConditions | dp::clfy::kPortConditions))
     return dp::clfy::plain_matches_with_rest(*rule, *packet);
-  return dp::clfy::plain_matches<false>(*rule, *packet);
+  return dp::clfy::plain_matches(*rule, *packet);
 }
