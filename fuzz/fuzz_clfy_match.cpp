@@ -72,6 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const int want = fuzz::first_match(linear.set.head, packet);
     // The list is long enough to be searched through its order.
     FUZZ_CHECK(fuzz::tree_verdict(&linear.set, packet) == want);
+    // That search may have learned a DHCP client into a table that an
+    // earlier rule tests: the grouped set is compared with the list as it
+    // stands now.
+    FUZZ_CHECK(fuzz::tree_verdict(&grouped.set, packet) == fuzz::first_match(linear.set.head, packet));
     for (nuv_clfy *rule = linear.set.head; rule; rule = rule->next) {
       nuv_clfy_explanation why;
       const int explained = nuv_clfy_explain(rule, &packet.desc, packet.mark, &why);
@@ -80,7 +84,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
       if (!explained) FUZZ_CHECK(std::strlen(why.text) < sizeof why.text);
       FUZZ_CHECK(nuv_clfy_matches(rule, &packet.desc, 0, packet.mark) == explained);
     }
-    FUZZ_CHECK(fuzz::tree_verdict(&grouped.set, packet) == want);
   }
   fuzz::free_tables();
   return 0;
