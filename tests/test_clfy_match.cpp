@@ -462,7 +462,9 @@ TEST_F(ClfyMatch, VersionIsReadFromAWholeHeaderWhateverTheEthernetType) {
   ASSERT_EQ(v4.size(), 20u);
   Packet p;
   p.set_ip(v4, 0x0800);
-  EXPECT_TRUE(matches(parse("ip.version 4").get(), p));
+  auto version4 = parse("ip.version 4");
+  EXPECT_TRUE(matches(version4.get(), p));
+  EXPECT_EQ(version4->hits, 1u);
   v4[0] = 0x65;  // version nibble 6 under the IPv4 Ethernet type
   Packet q;
   q.set_ip(v4, 0x0800);

@@ -633,7 +633,11 @@ CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
 // The same verdict out of line, for the searches that try few rules per
 // packet (sub-lists and siblings of equal value): one copy of the tests
 // serves them all.
-CLFY_COLD bool applies_out_of_line(nuv_clfy &rule, PacketFacts &facts) { return applies(rule, facts, 0); }
+CLFY_COLD bool applies_out_of_line(nuv_clfy &rule, PacketFacts &facts) {
+  // Reading the network layer has no effect but its cost, paid once a packet.
+  if (!(facts.read & kReadNetwork)) read_network(facts);
+  return applies<true>(rule, facts, 0);
+}
 
 }  // namespace
 
@@ -750,6 +754,17 @@ CLFY_COLD int matches_in_sequence(nuv_clfy &rule, const nuv_clfy_packet &packet,
   return 1;
 }
 
+// Whether the packet has a whole IP header of the rule's version.
+CLFY_HOT int version_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
+  const std::uint32_t header = packet.eth_proto == dp::host_to_net16(kEtherTypeIpv4)   ? kIpv4HeaderLength
+                               : packet.eth_proto == dp::host_to_net16(kEtherTypeIpv6) ? kIpv6HeaderLength
+                                                                                      : 0;
+  if (!header || !packet.ip_header || packet.ip_len < header || (packet.ip_header[0] >> 4) != rule.ip_version)
+    return 0;
+  ++rule.hits;
+  return 1;
+}
+
 // One plain rule without addresses and ports.  The packet record never
 // leaves the call, so it is kept in registers.
 CLFY_HOT int plain_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
@@ -760,8 +775,8 @@ CLFY_HOT int plain_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   return 1;
 }
 
-// Addresses and ports out of line, given the network layer: their tests
-// need registers that the others then do without setting up.
+// IPv6 addresses and ports out of line, given the network layer: their
+// tests need registers that the others then do without setting up.
 CLFY_COLD bool plain_rest_holds_out_of_line(const nuv_clfy &rule, const std::uint8_t *ip, std::uint8_t family,
                                             std::uint32_t transport, std::uint32_t available) {
   PacketFacts facts{};
@@ -770,15 +785,24 @@ CLFY_COLD bool plain_rest_holds_out_of_line(const nuv_clfy &rule, const std::uin
   facts.family = family;
   facts.transport = transport;
   facts.available = available;
-  return plain_rest_holds(rule, facts);
+  if (family == kFamilyIpv6 && (rule.flags & kAddressConditions) && !plain_ipv6_addresses_hold(rule, ip)) return false;
+  return !(rule.flags & kPortConditions) || plain_ports_hold(rule, facts);
 }
 
-// One plain rule with addresses or ports: most packets fail before them.
+// One plain rule with addresses or ports: most packets fail before the
+// ports, at the header fields or an IPv4 address.
 CLFY_HOT int plain_matches_with_rest(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   PacketFacts facts;
   read_packet(packet, facts);
   if (!plain_rule_holds<false, Reach::kUpToProtocol>(rule, facts)) return 0;
-  if (!plain_rest_holds_out_of_line(rule, facts.ip, facts.family, facts.transport, facts.available)) return 0;
+  const std::uint32_t flags = rule.flags;
+  if (facts.family == kFamilyIpv4 && (flags & kAddressConditions)) {
+    Quiet quiet;
+    if (!ipv4_addresses_hold(rule, facts, quiet)) return 0;
+  }
+  if ((facts.family == kFamilyIpv6 && (flags & kAddressConditions)) || (flags & kPortConditions)) {
+    if (!plain_rest_holds_out_of_line(rule, facts.ip, facts.family, facts.transport, facts.available)) return 0;
+  }
   ++rule.hits;
   return 1;
 }
@@ -788,6 +812,8 @@ CLFY_HOT int plain_matches_with_rest(nuv_clfy &rule, const nuv_clfy_packet &pack
 
 extern "C" int nuv_clfy_matches(nuv_clfy *rule, const nuv_clfy_packet *packet, uint8_t, uint32_t mark) {
   const std::uint32_t flags = rule->flags;
+  // A rule per address family is common enough for a test of its own.
+  if (flags == NUV_CLFY_F_IP_VERSION) return dp::clfy::version_matches(*rule, *packet);
   if (flags & ~dp::clfy::kPlainConditions) return dp::clfy::matches_in_sequence(*rule, *packet, mark);
   if (flags & (dp::clfy::kAddressConditions | dp::clfy::kPortConditions))
     return dp::clfy::plain_matches_with_rest(*rule, *packet);
