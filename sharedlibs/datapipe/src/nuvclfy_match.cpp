@@ -564,8 +564,7 @@ CLFY_HOT bool plain_ports_hold(const nuv_clfy &rule, PacketFacts &f) {
 // How far a call of the plain tests goes.
 enum class Reach : std::uint8_t {
   kAll,           // every condition
-  kNoAddresses,   // a rule without addresses and ports
-  kUpToProtocol,  // up to the protocol: the caller tests addresses and ports
+  kUpToProtocol,  // up to the protocol: addresses and ports are the caller's
 };
 
 // Addresses and ports of a plain rule, once the network layer is read.
@@ -591,16 +590,6 @@ CLFY_HOT bool plain_rule_holds(const nuv_clfy &rule, PacketFacts &f) {
       return false;
   }
   if (!(flags & NUV_CLFY_GROUP_IP)) return true;
-  // The version alone (a rule per address family) needs only to know that
-  // the packet has a whole IP header, not what follows it.
-  if (reach == Reach::kNoAddresses && !(flags & NUV_CLFY_F_IP_PROTO)) {
-    const nuv_clfy_packet &packet = *f.desc;
-    const std::uint32_t header = packet.eth_proto == dp::host_to_net16(kEtherTypeIpv4)   ? kIpv4HeaderLength
-                                 : packet.eth_proto == dp::host_to_net16(kEtherTypeIpv6) ? kIpv6HeaderLength
-                                                                                        : 0;
-    return header && packet.ip_header && packet.ip_len >= header &&
-           (packet.ip_header[0] >> 4) == rule.ip_version;
-  }
   if (!network_read && !(f.read & kReadNetwork)) read_network_here(f);
   if (!f.family) return false;
   if ((flags & NUV_CLFY_F_IP_VERSION) && (f.ip[0] >> 4) != rule.ip_version) return false;
@@ -670,8 +659,8 @@ CLFY_HOT bool packet_key(PacketFacts &f, const Segment &segment, std::uint32_t &
       key = f.dport;
       return true;
     case SegmentKind::kProto:
-      if (!f.family || (f.family == kFamilyIpv6 && f.hop_unreadable)) return false;
-      key = f.proto;
+      if (!f.family || f.proto_key == kProtoUnreadable) return false;
+      key = f.proto_key;
       return true;
   }
   return false;
@@ -770,7 +759,7 @@ CLFY_HOT int version_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
 CLFY_HOT int plain_matches(nuv_clfy &rule, const nuv_clfy_packet &packet) {
   PacketFacts facts;
   read_packet(packet, facts);
-  if (!plain_rule_holds<false, Reach::kNoAddresses>(rule, facts)) return 0;
+  if (!plain_rule_holds<false, Reach::kUpToProtocol>(rule, facts)) return 0;
   if (rule.flags) ++rule.hits;
   return 1;
 }
@@ -785,8 +774,9 @@ CLFY_COLD bool plain_rest_holds_out_of_line(const nuv_clfy &rule, const std::uin
   facts.family = family;
   facts.transport = transport;
   facts.available = available;
-  if (family == kFamilyIpv6 && (rule.flags & kAddressConditions) && !plain_ipv6_addresses_hold(rule, ip)) return false;
-  return !(rule.flags & kPortConditions) || plain_ports_hold(rule, facts);
+  // IPv4 addresses were tested in line.
+  if (family == kFamilyIpv4) return !(rule.flags & kPortConditions) || plain_ports_hold(rule, facts);
+  return plain_rest_holds(rule, facts);
 }
 
 // One plain rule with addresses or ports: most packets fail before the
