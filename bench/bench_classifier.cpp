@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "nikerkiog.h"
+#include "frame_desc.h"
 #include "pcap_file.h"
 
 namespace {
@@ -36,40 +37,16 @@ const char *const kCaptures[] = {"ipv4_tcp_http_xml.pcap", "dns_udp.pcap",      
 
 struct Packet {
   std::vector<std::uint8_t> frame;
-  nuv_clfy_packet desc;
+  nuv_clfy_packet desc{};
 };
 
-std::uint16_t net16(std::uint16_t host) {
-  const std::uint8_t b[2] = {static_cast<std::uint8_t>(host >> 8), static_cast<std::uint8_t>(host)};
-  std::uint16_t v;
-  std::memcpy(&v, b, 2);
-  return v;
-}
-
-// Describes an Ethernet or Linux cooked frame; false for anything else.
+// The descriptor of an IPv4 or IPv6 packet in an Ethernet or Linux cooked
+// frame, with room for a whole IPv6 header; false for anything else.
 bool describe(Packet &p, std::uint32_t link, std::uint32_t dev) {
-  const std::vector<std::uint8_t> &d = p.frame;
-  std::memset(&p.desc, 0, sizeof p.desc);
-  std::size_t at;
-  if (link == 1 && d.size() >= 14) {
-    p.desc.eth_header = d.data();
-    at = 12;
-  } else if (link == 113 && d.size() >= 16) {
-    at = 14;
-  } else {
-    return false;
-  }
-  std::uint16_t type = static_cast<std::uint16_t>(d[at] << 8 | d[at + 1]);
-  at += 2;
-  while ((type == 0x8100 || type == 0x88a8) && d.size() >= at + 4) {
-    p.desc.vlan_tci = static_cast<std::uint16_t>((d[at] << 8 | d[at + 1]) | NUV_CLFY_VLAN_TAG_PRESENT);
-    type = static_cast<std::uint16_t>(d[at + 2] << 8 | d[at + 3]);
-    at += 4;
-  }
-  if ((type != 0x0800 && type != 0x86dd) || d.size() < at + 40) return false;
-  p.desc.eth_proto = net16(type);
-  p.desc.ip_header = d.data() + at;
-  p.desc.ip_len = static_cast<std::uint32_t>(d.size() - at);
+  if (!testsupport::describe_frame(p.frame, link, p.desc)) return false;
+  const std::uint8_t *type = reinterpret_cast<const std::uint8_t *>(&p.desc.eth_proto);
+  const bool ip = (type[0] == 0x08 && type[1] == 0x00) || (type[0] == 0x86 && type[1] == 0xdd);
+  if (!ip || p.desc.ip_len < 40) return false;
   p.desc.dev_ifindex = dev;
   return true;
 }

@@ -23,7 +23,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
@@ -34,7 +33,9 @@
 #include <pcap/pcap.h>
 #endif
 
+#include "frame_desc.h"
 #include "nikerkiog.h"
+#include "pcap_file.h"
 
 namespace {
 
@@ -45,13 +46,6 @@ const char *const kCaptures[] = {"02-sunrise-sunset-esp.pcap", "802.1ad_QinQ.pca
                                  "dhcp-rfc5859.pcap",          "dns_udp.pcap",          "icmpv6.pcap",
                                  "igmpv3-queries.pcap",        "ipv4_tcp_http_xml.pcap", "ipv6-routing-header.pcap",
                                  "ipv6_no_next_header.pcap"};
-constexpr std::uint32_t kLinkEthernet = 1;
-
-std::uint32_t read32(const std::uint8_t *p, bool swap) {
-  std::uint32_t v;
-  std::memcpy(&v, p, 4);
-  return swap ? __builtin_bswap32(v) : v;
-}
 
 struct Frame {
   std::vector<std::uint8_t> bytes;
@@ -59,59 +53,33 @@ struct Frame {
   std::string origin;  // "capture #n"
 };
 
-std::uint16_t net16(std::uint16_t host) {
-  const std::uint8_t b[2] = {static_cast<std::uint8_t>(host >> 8), static_cast<std::uint8_t>(host)};
-  std::uint16_t v;
-  std::memcpy(&v, b, 2);
-  return v;
-}
-
-// The descriptor the data path would hand over: the type behind any VLAN
-// tags, the innermost tag, the bytes from the network header on.
-void describe(Frame &f) {
-  const std::vector<std::uint8_t> &d = f.bytes;
-  std::size_t at = 12;
-  f.desc.eth_header = d.data();
-  std::uint16_t type = static_cast<std::uint16_t>(d[at] << 8 | d[at + 1]);
-  at += 2;
-  while ((type == 0x8100 || type == 0x88a8) && d.size() >= at + 4) {
-    f.desc.vlan_tci = static_cast<std::uint16_t>((d[at] << 8 | d[at + 1]) | NUV_CLFY_VLAN_TAG_PRESENT);
-    type = static_cast<std::uint16_t>(d[at + 2] << 8 | d[at + 3]);
-    at += 4;
-  }
-  f.desc.eth_proto = net16(type);
-  f.desc.ip_header = d.data() + at;
-  f.desc.ip_len = static_cast<std::uint32_t>(d.size() - at);
-  f.desc.dev_ifindex = 1;
-}
-
+// The Ethernet frames of the captures (libpcap's filters read Ethernet
+// headers), each with the descriptor the data path would hand over.
 std::vector<Frame> read_frames() {
   std::vector<Frame> frames;
   for (const char *name : kCaptures) {
-    std::ifstream in(std::string(NIKERKIOG_CAPTURES_DIR "/") + name, std::ios::binary);
-    std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (file.size() < 24) continue;
-    const std::uint32_t magic = read32(file.data(), false);
-    const bool swap = magic == 0xd4c3b2a1u || magic == 0x4d3cb2a1u;
-    if (read32(file.data() + 20, swap) != kLinkEthernet) continue;
-    int number = 0;
-    for (std::size_t at = 24; at + 16 <= file.size();) {
-      const std::uint32_t caplen = read32(file.data() + at + 8, swap);
-      at += 16;
-      if (at + caplen > file.size()) break;
-      ++number;
-      if (caplen >= 14) {
-        Frame f;
-        f.bytes.assign(file.begin() + at, file.begin() + at + caplen);
-        f.origin = std::string(name) + " #" + std::to_string(number);
-        frames.push_back(std::move(f));
-      }
-      at += caplen;
+    testsupport::Capture capture;
+    const std::string error = testsupport::read_pcap_file(std::string(NIKERKIOG_CAPTURES_DIR "/") + name, capture);
+    if (!error.empty()) {
+      std::fprintf(stderr, "bench_vs_bpf: %s\n", error.c_str());
+      std::exit(1);
+    }
+    if (capture.link_type != testsupport::kLinkEthernet) continue;
+    for (testsupport::CapturedPacket &packet : capture.packets) {
+      Frame f;
+      f.bytes = std::move(packet.data);
+      f.origin = std::string(name) + " #" + std::to_string(packet.number);
+      frames.push_back(std::move(f));
     }
   }
   // Descriptors point into the frames' buffers, which no longer move now.
-  for (Frame &f : frames) describe(f);
-  return frames;
+  std::vector<Frame> described;
+  for (Frame &f : frames) {
+    if (!testsupport::describe_frame(f.bytes, testsupport::kLinkEthernet, f.desc)) continue;
+    f.desc.dev_ifindex = 1;
+    described.push_back(std::move(f));
+  }
+  return described;
 }
 
 // ---- Timing: interleaved repetitions, minimum kept ----
@@ -192,6 +160,13 @@ std::vector<std::string> rule_texts(const std::vector<ListRule> &rules) {
 #ifdef NIKERKIOG_BENCH_PCAP
 
 // ---- libpcap helpers ----
+
+std::uint16_t net16(std::uint16_t host) {
+  const std::uint8_t b[2] = {static_cast<std::uint8_t>(host >> 8), static_cast<std::uint8_t>(host)};
+  std::uint16_t v;
+  std::memcpy(&v, b, 2);
+  return v;
+}
 
 struct Bpf {
   bpf_program program{};
@@ -303,6 +278,12 @@ int main(int argc, char **argv) {
   Set linear, optimised;
   fill(linear, rule_texts(list));
   if (nuv_clfy_set_optim(&linear.set, &optimised.set) != 0) return 1;
+  Timed list_clfy{"classifier list", [&] { g_sink = run_set(&linear.set, frames); }, packets};
+  Timed tree_clfy{"classifier optimised", [&] {
+                    long n = 0;
+                    for (int p = 0; p < 20; ++p) n += run_set(&optimised.set, frames);
+                    g_sink = n;
+                  }, packets * 20};
 
 #ifdef NIKERKIOG_BENCH_PCAP
   const std::vector<pcap_pkthdr> headers = headers_of(frames);
@@ -355,12 +336,6 @@ int main(int argc, char **argv) {
                        }
                    g_sink = n;
                  }, packets};
-  Timed list_clfy{"classifier list", [&] { g_sink = run_set(&linear.set, frames); }, packets};
-  Timed tree_clfy{"classifier optimised", [&] {
-                    long n = 0;
-                    for (int p = 0; p < 20; ++p) n += run_set(&optimised.set, frames);
-                    g_sink = n;
-                  }, packets * 20};
 
   // 4. Rule text to rule.
   constexpr int kTexts = 200;
@@ -414,12 +389,6 @@ int main(int argc, char **argv) {
   std::printf("\n");
 #else
   std::printf("built without libpcap: the classifier's own comparisons only\n\n");
-  Timed list_clfy{"classifier list", [&] { g_sink = run_set(&linear.set, frames); }, packets};
-  Timed tree_clfy{"classifier optimised", [&] {
-                    long n = 0;
-                    for (int p = 0; p < 20; ++p) n += run_set(&optimised.set, frames);
-                    g_sink = n;
-                  }, packets * 20};
   measure({&list_clfy, &tree_clfy}, repetitions);
   std::printf("1000 missing rules: list %.1f ns per rule tried, optimised %.1f ns per packet\n\n",
               list_clfy.per_unit() / kListRules * 1e9, tree_clfy.per_unit() * 1e9);
