@@ -164,6 +164,30 @@ TEST(ClfySetOrder, SetEmptiedRuleByRuleLeavesNothingBehind) {
   EXPECT_EQ(set.set.head, nullptr);
 }
 
+TEST(ClfySetOrder, SetTornDownRuleByRuleLeavesNothingBehind) {
+  testsupport::NoLeakGuard guard;
+  clfytest::Set set;
+  port_rules(set, 20);
+  nuv_clfy *rule = set.set.head;
+  set.set.head = nullptr;
+  while (rule) {
+    nuv_clfy *next = rule->next;
+    nuv_clfy_free(rule);
+    rule = next;
+  }
+}
+
+TEST(ClfySetOrder, FreeingARuleOtherThanTheFirstKeepsTheSearchRight) {
+  clfytest::Set set;
+  std::vector<nuv_clfy *> rules = port_rules(set, 20);
+  rules[0]->next = rules[2];  // port 2 leaves the list, then goes
+  nuv_clfy_free(rules[1]);
+  EXPECT_EQ(picked(set, 2), 0);
+  EXPECT_EQ(picked(set, 3), 3);
+  nuv_clfy_add_tail(&set.set, parsed("udp.dport 2", 200));
+  EXPECT_EQ(picked(set, 2), 200);
+}
+
 TEST(ClfySetOrder, ArrayThatCannotGrowLeavesTheSearchFollowingTheLinks) {
   // The array grows at 8, 16 and 32 rules; make each growth fail in turn.
   for (int failing_rule : {8, 17, 33}) {

@@ -195,6 +195,11 @@ void refresh_set_order(const nuv_clfy_set *set);
 // `tail`, the new rules are only appended to it.
 void order_after_append(const nuv_clfy_set *set, const nuv_clfy *tail);
 
+// Drops the order of `rule`'s set when it starts with `rule` (which is
+// being freed): a set torn down rule by rule leaves no order behind, while
+// freeing any other rule, a copy or a sub-rule keeps the set's order.
+void forget_order_headed_by(const nuv_clfy *rule);
+
 // Drops the order of `set`, if any.
 void forget_set_order(const nuv_clfy_set *set);
 

@@ -2,8 +2,11 @@
 // the set in a private table keyed by the set record's address.
 //
 // Orders are made and remade by the set functions that link or remove
-// rules, and dropped when a rule of the set is freed; a list shorter than
-// kMinOrdered is searched by its links alone.  The array grows by doubling,
+// rules, and dropped with the set's rules, or when the rule an order starts
+// with is freed (a set torn down rule by rule); a list shorter than
+// kMinOrdered is searched by its links alone.  An order that names freed
+// rules is harmless: the search touches a rule only once the links lead to
+// it.  The array grows by doubling,
 // so appending rules one by one allocates only now and then.
 #include <cstdint>
 #include <cstring>
@@ -48,14 +51,25 @@ SetOrder *make_order(const nuv_clfy_set *set, std::uint32_t count) {
   return order;
 }
 
+// Writes the rules from `rule` on into `order` from slot `at`, and the null
+// behind them.
+void fill(SetOrder &order, std::uint32_t at, nuv_clfy *rule) {
+  for (; rule; rule = rule->next) order.rules[at++] = rule;
+  order.rules[at] = nullptr;
+  order.count = at;
+}
+
+void drop(SetOrder **link) {
+  SetOrder *order = *link;
+  *link = order->chain;
+  CLFY_FREE(order);
+}
+
 }  // namespace
 
 void forget_set_order(const nuv_clfy_set *set) {
   SetOrder **link = link_to(set);
-  if (SetOrder *order = *link) {
-    *link = order->chain;
-    CLFY_FREE(order);
-  }
+  if (*link) drop(link);
 }
 
 void refresh_set_order(const nuv_clfy_set *set) {
@@ -73,23 +87,20 @@ void refresh_set_order(const nuv_clfy_set *set) {
     order->chain = g_orders[bucket_of(set)];
     g_orders[bucket_of(set)] = order;
   }
-  order->count = count;
-  std::uint32_t i = 0;
-  for (nuv_clfy *rule = set->head; rule; rule = rule->next) order->rules[i++] = rule;
-  order->rules[i] = nullptr;
+  fill(*order, 0, set->head);
 }
 
 void order_after_append(const nuv_clfy_set *set, const nuv_clfy *tail) {
   SetOrder *order = *link_to(set);
   if (!order || !tail || order->rules[order->count - 1] != tail) return refresh_set_order(set);
   // Rules linked behind `tail`: the appended one and any it brought along.
-  std::uint32_t count = order->count;
-  for (const nuv_clfy *rule = tail->next; rule; rule = rule->next) ++count;
-  if (count > order->capacity) return refresh_set_order(set);
-  std::uint32_t i = order->count;
-  for (nuv_clfy *rule = tail->next; rule; rule = rule->next) order->rules[i++] = rule;
-  order->rules[i] = nullptr;
-  order->count = count;
+  if (order->count + list_length(tail->next) > order->capacity) return refresh_set_order(set);
+  fill(*order, order->count, tail->next);
+}
+
+void forget_order_headed_by(const nuv_clfy *rule) {
+  SetOrder **link = link_to(rule->owner);
+  if (*link && (*link)->rules[0] == rule) drop(link);
 }
 
 const SetOrder *set_order(const nuv_clfy_set *set) { return *link_to(set); }

@@ -124,8 +124,7 @@ void nuv_clfy_free(nuv_clfy *rule) {
   if (rule->owner) {
     const nuv_clfy_action *action = action_at(rule->action);
     if (action && action->release) action->release(rule);
-    // The set's order would name a freed rule.
-    dp::clfy::forget_set_order(rule->owner);
+    dp::clfy::forget_order_headed_by(rule);
   }
   release_rule(rule);
 }
