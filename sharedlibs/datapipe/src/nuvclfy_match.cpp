@@ -423,7 +423,7 @@ CLFY_HOT bool ipv6_holds(const nuv_clfy &rule, PacketFacts &f, P &p) {
   const std::uint8_t *ip = f.ip;
   const std::uint32_t flags = rule.flags;
   // One hop-by-hop header is looked through for the protocol and the ports.
-  if (f.hop_unreadable && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)))
+  if (f.proto_key == kProtoUnreadable && (flags & (NUV_CLFY_F_IP_PROTO | NUV_CLFY_F_PACKETMATCH)))
     return p.miss(flags & NUV_CLFY_F_IP_PROTO ? Cond::kIpProto : Cond::kPacketMatch, Why::kShort);
   if ((flags & kHeaderFieldConditions) && !header_fields_hold(rule, f, p)) return false;
   if ((flags & NUV_CLFY_F_IP_SADDR) &&
@@ -511,9 +511,8 @@ CLFY_HOT void read_network_here(PacketFacts &f) {
     const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
     const bool behind = f.available > kIpv6HeaderLength;
     f.family = kFamilyIpv6;
-    f.hop_unreadable = hop_by_hop && !behind;
     f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
-    f.proto_key = f.hop_unreadable ? kProtoUnreadable : f.proto;
+    f.proto_key = hop_by_hop && !behind ? kProtoUnreadable : f.proto;
     f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
   }
 }

@@ -27,8 +27,8 @@ struct PacketFacts {
   std::uint8_t read;        // kRead* bits: which parts below are filled in
   std::uint8_t family;      // 4 or 6; 0 when no IP condition can hold
   std::uint8_t proto;       // IPv4 protocol; IPv6 next header behind one hop-by-hop header
-  bool hop_unreadable;      // IPv6 hop-by-hop header with nothing readable after the fixed header
-  std::uint16_t proto_key;  // proto, or kProtoUnreadable when hop_unreadable: one compare tests both
+  std::uint16_t proto_key;  // proto, or kProtoUnreadable behind an IPv6 hop-by-hop header with
+                            // nothing readable after the fixed header: one compare tests both
   std::uint8_t readable;    // kHas* bits: which transport words lie inside the packet
   std::uint16_t sport, dport;
   std::uint16_t tcp_word;   // 16-bit word at offset 12 of the transport header
