@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "nuvaddr_priv.h"
+
 namespace dp {
 namespace {
 
 bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-bool is_decimal(char c) { return c >= '0' && c <= '9'; }
 
 // Decimal numbers of up to nine digits cannot leave 32 bits; rule texts are
 // made of them, so they are read here without the C library.
@@ -18,8 +18,8 @@ constexpr int kShortDecimal = 9;
 // kShortDecimal of them and returns where they end; null otherwise.
 const char *read_short_decimal(const char *p, std::uint32_t &value) {
   std::uint32_t v = 0;
-  for (int i = 0; i < kShortDecimal && is_decimal(*p); ++i, ++p) v = v * 10 + static_cast<std::uint32_t>(*p - '0');
-  if (is_decimal(*p)) return nullptr;
+  for (int i = 0; i < kShortDecimal && is_decimal_digit(*p); ++i, ++p) v = v * 10 + static_cast<std::uint32_t>(*p - '0');
+  if (is_decimal_digit(*p)) return nullptr;
   value = v;
   return p;
 }
@@ -27,7 +27,7 @@ const char *read_short_decimal(const char *p, std::uint32_t &value) {
 // Whether the number at p reads in base 10: a base-0 number starting with
 // 0 is octal or hexadecimal instead.
 bool reads_decimal(const char *p, int base) {
-  return is_decimal(*p) && (base == 10 || (base == 0 && *p != '0'));
+  return is_decimal_digit(*p) && (base == 10 || (base == 0 && *p != '0'));
 }
 
 }  // namespace

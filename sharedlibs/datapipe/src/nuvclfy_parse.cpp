@@ -7,6 +7,7 @@
 #include "dp_bytes.h"
 #include "dp_codetext.h"
 #include "dp_text.h"
+#include "nuvaddr_priv.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
 #include "nuvproto.h"
@@ -17,7 +18,6 @@ namespace {
 constexpr std::size_t kLineBuffer = 256;
 
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_keyword_char(char c) { return is_letter(c) || c == '.'; }
 
 // ---- Why a handler refused its value ----
@@ -67,8 +67,8 @@ int refuse_value(Refusal *note, const char *at, const char *reason) {
 }
 
 bool all_digits(const char *word) {
-  if (!is_digit(*word)) return false;
-  while (is_digit(*word)) ++word;
+  if (!dp::is_decimal_digit(*word)) return false;
+  while (dp::is_decimal_digit(*word)) ++word;
   return *word == '\0';
 }
 
@@ -109,7 +109,7 @@ struct Comparison {
 // "80", "1000-2000", ">= 8000", "!=22".
 int parse_comparison(char *text, char **end, Comparison &out, Refusal *note) {
   char *p = dp::skip_spaces(text);
-  if (is_digit(*p)) {
+  if (dp::is_decimal_digit(*p)) {
     if (parse_u16(p, end, &out.value1) < 0) return refuse_value(note, p, kNotANumber);
     char *q = dp::skip_spaces(*end);
     if (*q != '-') {
@@ -321,7 +321,7 @@ int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_ma
   char *first = dp::skip_equals(text);
   if (parse(first, end, value) < 0) return refuse_value(note, first, kNotANumber);
   char *p = dp::skip_spaces(*end);
-  if (*p != '/' && !is_digit(*p)) {
+  if (*p != '/' && !dp::is_decimal_digit(*p)) {
     *mask = default_mask;
     return 0;
   }
@@ -361,8 +361,8 @@ bool reads_as_ipv4(const char *p) {
     if (part > 0 && *p++ != '.') return false;
     while (is_c_space(*p)) ++p;
     if (*p == '+' || *p == '-') ++p;
-    if (!is_digit(*p)) return false;
-    while (is_digit(*p)) ++p;
+    if (!dp::is_decimal_digit(*p)) return false;
+    while (dp::is_decimal_digit(*p)) ++p;
   }
   return true;
 }
