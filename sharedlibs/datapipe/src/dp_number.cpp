@@ -8,8 +8,6 @@
 namespace dp {
 namespace {
 
-bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
 // Decimal numbers of up to nine digits cannot leave 32 bits; rule texts are
 // made of them, so they are read here without the C library.
 constexpr int kShortDecimal = 9;

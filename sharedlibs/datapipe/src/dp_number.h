@@ -6,6 +6,10 @@
 
 namespace dp {
 
+// The white space the C library's number readers skip before a number
+// (isspace in the C locale).
+constexpr bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
 // strtoul(text, end, base) as it behaves where unsigned long is 32 bits, as
 // on the router's processor: leading white space and one sign are taken, a
 // minus negates modulo 2^32, a magnitude beyond 32 bits reads as 0xffffffff.

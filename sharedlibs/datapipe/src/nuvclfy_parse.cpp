@@ -6,6 +6,7 @@
 
 #include "dp_bytes.h"
 #include "dp_codetext.h"
+#include "dp_number.h"
 #include "dp_text.h"
 #include "nuvaddr_priv.h"
 #include "nuvclfy.h"
@@ -351,15 +352,13 @@ int handle_tcp_flags(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   return 0;
 }
 
-bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
 // Whether the text starts with four dot-separated numbers.  Each number may
 // be preceded by blanks of any kind and one sign; the dots follow the digits
 // directly.  Only the shape is checked: the address reader judges the values.
 bool reads_as_ipv4(const char *p) {
   for (int part = 0; part < 4; ++part) {
     if (part > 0 && *p++ != '.') return false;
-    while (is_c_space(*p)) ++p;
+    while (dp::is_c_space(*p)) ++p;
     if (*p == '+' || *p == '-') ++p;
     if (!dp::is_decimal_digit(*p)) return false;
     while (dp::is_decimal_digit(*p)) ++p;
