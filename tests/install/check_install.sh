@@ -30,6 +30,7 @@ if [ -x "$build/daemon/nikerkiog-classd" ]; then
     exit 1
   fi
   cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$here"/../../daemon/*.c \
+     "$here"/../../sharedlibs/rulefile/rulefile_load.c -I"$here"/../../sharedlibs/rulefile \
      $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl) -Wl,-rpath,"$libdir"
   "$work/classd-pc" --help >/dev/null
   "$installed" --help >/dev/null

@@ -1,6 +1,8 @@
 // Rule text parser: splits a rule line into keyword/value pairs and lets the
 // keyword's handler from the keyword table fill the condition.
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -8,6 +10,7 @@
 #include "dp_codetext.h"
 #include "dp_number.h"
 #include "dp_text.h"
+#include "dp_textwriter.h"
 #include "nuvaddr_priv.h"
 #include "nuvclfy.h"
 #include "nuvclfy_priv.h"
@@ -42,11 +45,79 @@ constexpr const char *kOutOfMemory = "out of memory";
 // (handlers get a null note otherwise) and read only when the handler
 // fails.  `at` points into the parser's copy of the line; `length` is
 // measured when the note is taken, while commas of a list are still cut off.
+struct Lint;
+
 struct Refusal {
   const char *at = nullptr;
   std::size_t length = 0;
   const char *reason = nullptr;
+  Lint *lint = nullptr;  // set while the warning parser runs
 };
+
+// ---- What the warning parser notes about an accepted line ----
+
+// A keyword as the line uses it: where, and the protocol it gives the rule
+// (0 for none).
+struct KeywordUse {
+  long row;
+  const char *at;
+  std::uint8_t proto;
+};
+
+constexpr std::size_t kMaxKeywordUses = 64;
+
+struct Lint {
+  const char *line = nullptr;  // the parser's copy of the line
+  const char *keyword = "";    // the keyword being parsed
+  nuv_clfy_warning *out = nullptr;
+  std::uint32_t count = 0;
+  KeywordUse uses[kMaxKeywordUses];
+  std::size_t used = 0;
+};
+
+Lint *lint_of(Refusal *note) { return note ? note->lint : nullptr; }
+
+// Adds a warning about the word at `at`; warnings beyond the room are dropped.
+[[gnu::cold]] [[gnu::format(printf, 4, 5)]] void warn(Lint *lint, int kind, const char *at, const char *format, ...) {
+  if (!lint || lint->count >= NUV_CLFY_MAX_WARNINGS) return;
+  nuv_clfy_warning &w = lint->out[lint->count++];
+  std::memset(&w, 0, sizeof w);
+  w.kind = kind;
+  w.is_error = kind == NUV_CLFY_W_TABLE_NAME;
+  w.offset = static_cast<std::uint32_t>(at - lint->line);
+  w.length = static_cast<std::uint32_t>(dp::word_end(at) - at);
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(w.text, sizeof w.text, format, args);
+  va_end(args);
+}
+
+// Warns when the number at `at` (read as the value parsers read numbers)
+// is beyond `limit`; `used` is what the rule holds instead.
+void check_number(Refusal *note, const char *at, std::uint32_t limit, std::uint32_t used) {
+  Lint *lint = lint_of(note);
+  if (!lint) return;
+  char *end = nullptr;
+  std::uint32_t value = 0;
+  if (parse_ulong(at, &end, &value) < 0 || value <= limit) return;
+  const int digits = static_cast<int>(end - dp::skip_spaces(at));
+  if (used == value)
+    warn(lint, NUV_CLFY_W_RANGE, dp::skip_spaces(at), "%s: %.*s is beyond %lu, the largest the field holds",
+         lint->keyword, digits, dp::skip_spaces(at), static_cast<unsigned long>(limit));
+  else
+    warn(lint, NUV_CLFY_W_RANGE, dp::skip_spaces(at), "%s: %.*s is beyond %lu: %lu is used", lint->keyword, digits,
+         dp::skip_spaces(at), static_cast<unsigned long>(limit), static_cast<unsigned long>(used));
+}
+
+// The largest table name a table keeps.
+constexpr std::size_t kTableNameLimit = sizeof(ethersrctab::name) - 1;
+
+void check_table_name(Refusal *note, const char *name, std::size_t length) {
+  if (length > kTableNameLimit)
+    warn(lint_of(note), NUV_CLFY_W_TABLE_NAME, name,
+         "table name \"%.*s\" is longer than %zu characters: it is never found again, so every load makes a new "
+         "table", static_cast<int>(length), name, kTableNameLimit);
+}
 
 // Fills `note` for the word at `at`.  Only the diagnostic parser gets here,
 // and only on the way out of a refused line: kept out of the handlers' way.
@@ -72,6 +143,11 @@ bool all_digits(const char *word) {
   while (dp::is_decimal_digit(*word)) ++word;
   return *word == '\0';
 }
+
+// Largest values of fields narrower than the numbers that fill them.
+constexpr std::uint32_t kVlanIdLimit = 4095;
+constexpr std::uint32_t kVlanPrioLimit = 7;
+constexpr std::uint32_t kTcpFlagsLimit = 0xFFF;
 
 // ---- Comparison operators of value lists and ip.len ----
 
@@ -108,10 +184,11 @@ struct Comparison {
 };
 
 // "80", "1000-2000", ">= 8000", "!=22".
-int parse_comparison(char *text, char **end, Comparison &out, Refusal *note) {
+int parse_comparison(char *text, char **end, Comparison &out, Refusal *note, std::uint32_t limit = 0xFFFF) {
   char *p = dp::skip_spaces(text);
   if (dp::is_decimal_digit(*p)) {
     if (parse_u16(p, end, &out.value1) < 0) return refuse_value(note, p, kNotANumber);
+    check_number(note, p, limit, dp::net_to_host16(out.value1));
     char *q = dp::skip_spaces(*end);
     if (*q != '-') {
       out.op = NUV_CLFY_OP_EQ;
@@ -119,6 +196,7 @@ int parse_comparison(char *text, char **end, Comparison &out, Refusal *note) {
     }
     char *upper = dp::skip_spaces(q + 1);
     if (parse_u16(upper, end, &out.value2) < 0) return refuse_value(note, upper, kNotANumber);
+    check_number(note, upper, limit, dp::net_to_host16(out.value2));
     out.op = NUV_CLFY_OP_RANGE;
     return 0;
   }
@@ -128,6 +206,7 @@ int parse_comparison(char *text, char **end, Comparison &out, Refusal *note) {
   out.op = op->op;
   char *number = dp::skip_spaces(after);
   if (parse_u16(number, end, &out.value1) < 0) return refuse_value(note, number, kNotANumber);
+  check_number(note, number, limit, dp::net_to_host16(out.value1));
   return 0;
 }
 
@@ -137,13 +216,14 @@ using AddComparison = void (*)(nuv_clfy *, std::uint32_t, std::uint16_t, std::ui
 // whole rest of the line, so a comma in a later keyword's value splits this
 // list too; the piece before such a comma carries other words and the rule is
 // refused.
-int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison add, Refusal *note) {
+int parse_comparison_list(char *text, char **end, nuv_clfy *rule, AddComparison add, Refusal *note,
+                          std::uint32_t limit = 0xFFFF) {
   char *element = text;
   for (;;) {
     char *comma = std::strchr(element, ',');
     if (comma) *comma = '\0';
     Comparison c;
-    int rc = parse_comparison(element, end, c, note);
+    int rc = parse_comparison(element, end, c, note, limit);
     if (rc == 0 && comma && *dp::skip_spaces(*end) != '\0') rc = refuse(note, dp::skip_spaces(*end), kListJunk);
     if (comma) *comma = ',';
     if (rc != 0) return rc;
@@ -214,6 +294,7 @@ int handle_localmark(char *text, char **end, nuv_clfy *rule, Refusal *note) {
 int handle_eth_proto(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   char *value = dp::skip_equals(text);
   if (parse_u16(value, end, &rule->eth_proto) < 0) return refuse_value(note, value, kNotANumber);
+  check_number(note, value, 0xFFFF, dp::net_to_host16(rule->eth_proto));
   rule->flags |= NUV_CLFY_F_ETH_PROTO;
   return 0;
 }
@@ -247,17 +328,19 @@ int handle_eth_destoui(char *text, char **end, nuv_clfy *rule, Refusal *note) {
 }
 
 int handle_vlan_id(char *text, char **end, nuv_clfy *rule, Refusal *note) {
-  return parse_comparison_list(text, end, rule, nuv_clfy_add_vlanid, note);
+  return parse_comparison_list(text, end, rule, nuv_clfy_add_vlanid, note, kVlanIdLimit);
 }
 
-// A single number of 8 bits into `out`.
-[[gnu::noinline]] int parse_byte(char *text, char **end, std::uint8_t *out, Refusal *note) {
+// A single number of 8 bits into `out`; `limit` is the field's largest value.
+[[gnu::noinline]] int parse_byte(char *text, char **end, std::uint8_t *out, Refusal *note, std::uint32_t limit = 0xFF) {
   char *value = dp::skip_equals(text);
-  return parse_u8(value, end, out) < 0 ? refuse_value(note, value, kNotANumber) : 0;
+  if (parse_u8(value, end, out) < 0) return refuse_value(note, value, kNotANumber);
+  check_number(note, value, limit, *out);
+  return 0;
 }
 
 int handle_vlan_prio(char *text, char **end, nuv_clfy *rule, Refusal *note) {
-  if (parse_byte(text, end, &rule->vlan_prio, note) < 0) return NUV_CLFY_E_REFUSED;
+  if (parse_byte(text, end, &rule->vlan_prio, note, kVlanPrioLimit) < 0) return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_VLAN_PRIO;
   return 0;
 }
@@ -269,6 +352,7 @@ int with_table_name(char *text, char **end, Table *(*find_or_create)(const char 
   char *name = dp::skip_spaces(text);
   char *stop = dp::word_end(name);
   const char separator = *stop;
+  check_table_name(note, name, static_cast<std::size_t>(stop - name));
   *stop = '\0';
   *out = find_or_create(name);
   *stop = separator;
@@ -317,22 +401,28 @@ int handle_ip_proto(char *text, char **end, nuv_clfy *rule, Refusal *note) {
 }
 
 // "value", "value/mask" or "value mask".
-template <typename T, typename Parse>
-int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_mask, Parse parse, Refusal *note) {
+// `host` turns a parsed value into the host-order number the field holds;
+// `limit` is the field's largest value.
+template <typename T, typename Parse, typename Host>
+int parse_value_and_mask(char *text, char **end, T *value, T *mask, T default_mask, Parse parse, Refusal *note,
+                         std::uint32_t limit, Host host) {
   char *first = dp::skip_equals(text);
   if (parse(first, end, value) < 0) return refuse_value(note, first, kNotANumber);
+  check_number(note, first, limit, host(*value) & limit);
   char *p = dp::skip_spaces(*end);
   if (*p != '/' && !dp::is_decimal_digit(*p)) {
     *mask = default_mask;
     return 0;
   }
   if (*p == '/') ++p;
-  return parse(p, end, mask) < 0 ? refuse_value(note, p, kBadMask) : 0;
+  if (parse(p, end, mask) < 0) return refuse_value(note, p, kBadMask);
+  check_number(note, p, limit, host(*mask) & limit);
+  return 0;
 }
 
 int handle_ip_tos(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   if (parse_value_and_mask<std::uint8_t>(text, end, &rule->ip_tos, &rule->ip_tos_mask, dp::clfy::kTosMaskDefault,
-                                         parse_u8, note) < 0)
+                                         parse_u8, note, 0xFF, [](std::uint8_t v) { return std::uint32_t{v}; }) < 0)
     return NUV_CLFY_E_REFUSED;
   rule->flags |= NUV_CLFY_F_IP_TOS;
   return 0;
@@ -343,7 +433,8 @@ int handle_tcp_flags(char *text, char **end, nuv_clfy *rule, Refusal *note) {
   rule->flags |= NUV_CLFY_F_IP_PROTO;
   const std::uint16_t twelve_bits = dp::host_to_net16(0x0fff);
   if (parse_value_and_mask<std::uint16_t>(text, end, &rule->tcp_flags, &rule->tcp_flags_mask, twelve_bits,
-                                          parse_u16, note) < 0)
+                                          parse_u16, note, kTcpFlagsLimit,
+                                          [](std::uint16_t v) { return std::uint32_t{dp::net_to_host16(v)}; }) < 0)
     return NUV_CLFY_E_REFUSED;
   // The data-offset nibble shares the word with the flags; it never takes part.
   rule->tcp_flags &= twelve_bits;
@@ -366,6 +457,23 @@ bool reads_as_ipv4(const char *p) {
   return true;
 }
 
+// Warns about a "/length" inside [word, end) beyond `bits`: the address
+// readers take such a length as all of the address.
+void check_prefix_length(Refusal *note, const char *word, const char *end, std::uint32_t bits) {
+  Lint *lint = lint_of(note);
+  if (!lint) return;
+  const char *slash = word;
+  while (slash < end && *slash != '/' && *slash != '\0') ++slash;
+  if (slash >= end || *slash != '/') return;
+  char *stop = nullptr;
+  std::uint32_t length = 0;
+  if (parse_ulong(slash + 1, &stop, &length) < 0 || length <= bits) return;
+  // IPv4 lengths beyond 32 give a full mask; IPv6 lengths are cut to 8 bits.
+  const unsigned long used = bits == 32 ? 32ul : static_cast<unsigned long>(length & 0xFFu);
+  warn(lint, NUV_CLFY_W_PREFIX, word, "%s: prefix length /%lu is beyond /%lu: /%lu is used", lint->keyword,
+       static_cast<unsigned long>(length), static_cast<unsigned long>(bits), used);
+}
+
 // An IPv4 prefix ("10.0.0.0/8", "10.0.0.0 255.0.0.0", "10.0.0.1") or an IPv6
 // one.  The IPv6 form takes the first "/" of the rest of the line as its
 // length separator, and without one the rest of the line as the address.
@@ -375,6 +483,7 @@ int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *pref
   if (reads_as_ipv4(p)) {
     std::uint32_t address = 0, mask = 0;
     if (parse_prefix(p, end, &address, &mask) < 0) return refuse_value(note, p, kBadAddress);
+    check_prefix_length(note, p, *end, 32);
     dp::store_net32(addr, address);
     dp::store_net32(addr + 4, mask);
     *family = 4;
@@ -385,6 +494,7 @@ int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *pref
   std::uint8_t length = 128;
   refuse_value(note, p, kBadAddress);
   if (parse_prefix6(p, end, addr, &length) < 0) return NUV_CLFY_E_REFUSED;
+  check_prefix_length(note, p, *end, 128);
   *prefixlen = length;
   *family = 6;
   return 0;
@@ -444,6 +554,7 @@ using DhcpMatchParser = int (*)(char *, char **, dhcp_match *);
   char *table_end = table;
   while (is_keyword_char(*table_end)) ++table_end;
   if (table_end == table) return refuse(note, table, kMissingTable, NUV_CLFY_E_MISSING_TABLE);
+  check_table_name(note, table, static_cast<std::size_t>(table_end - table));
   // The pattern lies in our writable copy of the line; the match record only
   // hands it back as const.
   char *pattern = match.pattern ? const_cast<char *>(match.pattern) : pattern_end;
@@ -507,48 +618,55 @@ int exported(char *text, char **end, nuv_clfy *rule) {
 
 // The keywords in table order, written once: they give both the exported
 // table and the parser's own handlers (same rows, same order).
-#define NUV_CLFY_KEYWORDS(ROW)           \
-  ROW("dev", handle_dev)                 \
-  ROW("brdev", handle_brdev)             \
-  ROW("ethport", handle_ethport)         \
-  ROW("localmark", handle_localmark)     \
-  ROW("eth.proto", handle_eth_proto)     \
-  ROW("eth.source", handle_eth_source)   \
-  ROW("eth.sourceoui", handle_eth_sourceoui) \
-  ROW("eth.dest", handle_eth_dest)       \
-  ROW("eth.destoui", handle_eth_destoui) \
-  ROW("vlan.id", handle_vlan_id)         \
-  ROW("vlan.prio", handle_vlan_prio)     \
-  ROW("ethsrctab", handle_ethsrctab)     \
-  ROW("ip.version", handle_ip_version)   \
-  ROW("ip.proto", handle_ip_proto)       \
-  ROW("ip.protocol", handle_ip_proto)    \
-  ROW("ip.tos", handle_ip_tos)           \
-  ROW("ip.saddr", handle_ip_saddr)       \
-  ROW("ip.source", handle_ip_saddr)      \
-  ROW("ip.daddr", handle_ip_daddr)       \
-  ROW("ipdsttab", handle_ipdsttab)       \
-  ROW("ip.dest", handle_ip_daddr)        \
-  ROW("ip.len", handle_ip_len)           \
-  ROW("udp.source", handle_udp_sport)    \
-  ROW("udp.sport", handle_udp_sport)     \
-  ROW("udp.dest", handle_udp_dport)      \
-  ROW("udp.dport", handle_udp_dport)     \
-  ROW("tcp.source", handle_tcp_sport)    \
-  ROW("tcp.sport", handle_tcp_sport)     \
-  ROW("tcp.dest", handle_tcp_dport)      \
-  ROW("tcp.dport", handle_tcp_dport)     \
-  ROW("tcp.flags", handle_tcp_flags)     \
-  ROW("icmp.type", handle_icmp_type)     \
-  ROW("dhcpoption", handle_dhcpoption)   \
-  ROW("dhcpheader", handle_dhcpheader)   \
-  ROW("packetmatch", handle_packetmatch) \
-  ROW("any", handle_any)
+// The keywords in table order, written once: they give the exported
+// table, the parser's own handlers and the keyword help (same rows, same
+// order).  Columns: keyword, handler, value syntax, example.
+#define NUV_CLFY_KEYWORDS(ROW)                                                                                  \
+  ROW("dev", handle_dev, "NAME (receiving interface, at most 16 characters)", "dev eth0")                      \
+  ROW("brdev", handle_brdev, "NAME (bridge the packet passed)", "brdev br0")                                   \
+  ROW("ethport", handle_ethport, "WORD (accepted and ignored)", "ethport 1")                                    \
+  ROW("localmark", handle_localmark, "CLASS[,CLASS...] (traffic class names)", "localmark voip,video")         \
+  ROW("eth.proto", handle_eth_proto, "NUMBER (Ethernet type, 0x hex allowed)", "eth.proto 0x0806")             \
+  ROW("eth.source", handle_eth_source, "MAC (aa:bb:cc:dd:ee:ff or aabbccddeeff)", "eth.source 00:11:22:33:44:55") \
+  ROW("eth.sourceoui", handle_eth_sourceoui, "OUI (aa:bb:cc)", "eth.sourceoui 00:0c:29")                       \
+  ROW("eth.dest", handle_eth_dest, "MAC", "eth.dest ff:ff:ff:ff:ff:ff")                                        \
+  ROW("eth.destoui", handle_eth_destoui, "OUI", "eth.destoui 01:00:5e")                                        \
+  ROW("vlan.id", handle_vlan_id, "LIST of N, N-M, <N, <=N, >N, >=N, !=N (0..4095)", "vlan.id 100,200-299")     \
+  ROW("vlan.prio", handle_vlan_prio, "NUMBER 0..7", "vlan.prio 5")                                             \
+  ROW("ethsrctab", handle_ethsrctab, "TABLE (at most 15 characters)", "ethsrctab dhcp.clients")                \
+  ROW("ip.version", handle_ip_version, "4 or 6", "ip.version 6")                                               \
+  ROW("ip.proto", handle_ip_proto, "NAME or PNUMBER (tcp, udp, icmpv6, P47)", "ip.proto P47")                  \
+  ROW("ip.protocol", handle_ip_proto, "as ip.proto", "ip.protocol gre")                                        \
+  ROW("ip.tos", handle_ip_tos, "NUMBER[/MASK] (0..255)", "ip.tos 0xb8/0xfc")                                   \
+  ROW("ip.saddr", handle_ip_saddr, "A.B.C.D[/LEN or MASK] or IPV6/LEN", "ip.saddr 192.168.1.0/24")             \
+  ROW("ip.source", handle_ip_saddr, "as ip.saddr", "ip.source 2001:db8::/32")                                  \
+  ROW("ip.daddr", handle_ip_daddr, "as ip.saddr", "ip.daddr 10.0.0.0 255.0.0.0")                               \
+  ROW("ipdsttab", handle_ipdsttab, "TABLE (at most 15 characters)", "ipdsttab blocked")                        \
+  ROW("ip.dest", handle_ip_daddr, "as ip.saddr", "ip.dest ff02::/16")                                          \
+  ROW("ip.len", handle_ip_len, "N, N-M, <N, <=N, >N, >=N or !=N (0..65535)", "ip.len >= 1400")                 \
+  ROW("udp.source", handle_udp_sport, "LIST as udp.sport", "udp.source 67")                                    \
+  ROW("udp.sport", handle_udp_sport, "LIST of ports (0..65535); makes the rule UDP", "udp.sport 1024-65535")   \
+  ROW("udp.dest", handle_udp_dport, "LIST as udp.dport", "udp.dest 53")                                        \
+  ROW("udp.dport", handle_udp_dport, "LIST of ports (0..65535); makes the rule UDP", "udp.dport 53,123")       \
+  ROW("tcp.source", handle_tcp_sport, "LIST as tcp.sport", "tcp.source 80")                                    \
+  ROW("tcp.sport", handle_tcp_sport, "LIST of ports (0..65535); makes the rule TCP", "tcp.sport 80")           \
+  ROW("tcp.dest", handle_tcp_dport, "LIST as tcp.dport", "tcp.dest 443")                                       \
+  ROW("tcp.dport", handle_tcp_dport, "LIST of ports (0..65535); makes the rule TCP", "tcp.dport 80,443")       \
+  ROW("tcp.flags", handle_tcp_flags, "VALUE[/MASK] (0..0xfff); makes the rule TCP", "tcp.flags 0x002/0x012")   \
+  ROW("icmp.type", handle_icmp_type, "NUMBER 0..255 (ICMPv6 type; not tested on IPv4)", "icmp.type 134 ip.version 6") \
+  ROW("dhcpoption", handle_dhcpoption, "CODE[/ENTERPRISE/SUB] PATTERN TABLE; makes the rule UDP",              \
+      "dhcpoption 60 dhcpcd-* dhcp.clients")                                                                   \
+  ROW("dhcpheader", handle_dhcpheader, "FIELD PATTERN TABLE; makes the rule UDP",                              \
+      "dhcpheader chaddr 00:0C:29:* dhcp.vmware")                                                              \
+  ROW("packetmatch", handle_packetmatch, "PATTERN (wildcards; to the end of the line, so write it last)",      \
+      "udp.dport 5060 packetmatch *INVITE*")                                                                   \
+  ROW("any", handle_any, "(no value; matches every packet)", "any")
 
-#define NUV_CLFY_EXPORTED_ROW(keyword, handler) {keyword, exported<handler>},
-#define NUV_CLFY_HANDLER_ROW(keyword, handler) handler,
+#define NUV_CLFY_EXPORTED_ROW(keyword, handler, syntax, example) {keyword, exported<handler>},
+#define NUV_CLFY_HANDLER_ROW(keyword, handler, syntax, example) handler,
+#define NUV_CLFY_HELP_ROW(keyword, handler, syntax, example) {keyword, syntax, example},
 
-#define NUV_CLFY_SKETCH_ROW(keyword, handler) sketch(keyword, sizeof keyword - 1),
+#define NUV_CLFY_SKETCH_ROW(keyword, handler, syntax, example) sketch(keyword, sizeof keyword - 1),
 
 // A word's length with its first and last characters: a word is compared
 // only with the keywords of the same sketch.
@@ -559,6 +677,7 @@ constexpr std::uint32_t sketch(const char *word, std::size_t length) {
 
 constexpr Handler kHandlers[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_HANDLER_ROW)};
 constexpr std::uint32_t kKeywordSketches[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_SKETCH_ROW)};
+constexpr nuv_clfy_keyword_help kKeywordHelp[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_HELP_ROW)};
 
 }  // namespace
 
@@ -569,6 +688,7 @@ const nuv_clfy_keyword parsetab[] = {NUV_CLFY_KEYWORDS(NUV_CLFY_EXPORTED_ROW){nu
 }  // extern "C"
 
 #undef NUV_CLFY_HANDLER_ROW
+#undef NUV_CLFY_HELP_ROW
 #undef NUV_CLFY_SKETCH_ROW
 #undef NUV_CLFY_EXPORTED_ROW
 #undef NUV_CLFY_KEYWORDS
@@ -577,6 +697,7 @@ namespace {
 
 static_assert(std::size(kHandlers) + 1 == std::size(parsetab), "one handler per keyword row");
 static_assert(std::size(kKeywordSketches) == std::size(kHandlers), "one sketch per keyword row");
+static_assert(std::size(kKeywordHelp) == std::size(kHandlers), "one help row per keyword row");
 
 // Texts of the codes, for nuv_clfy_strerror.  -1 to -6 of the DHCP keywords
 // share their values with the handlers' refusal; the refusal's text stands.
@@ -617,7 +738,17 @@ struct Failure {
   std::size_t keyword_length = 0;
   int code = NUV_CLFY_E_OK;
   Refusal refusal;
+  Lint *lint = nullptr;  // the warning parser's notes, or null
 };
+
+// Notes a keyword the line uses and the protocol it gave the rule.
+void note_use(Lint *lint, long row, const char *at, const nuv_clfy &before, const nuv_clfy &after) {
+  if (!lint || lint->used >= kMaxKeywordUses) return;
+  const bool gave = (after.flags & NUV_CLFY_F_IP_PROTO) &&
+                    (!(before.flags & NUV_CLFY_F_IP_PROTO) || before.ip_proto != after.ip_proto ||
+                     kHandlers[row] == handle_ip_proto);
+  lint->uses[lint->used++] = KeywordUse{row, at, gave ? after.ip_proto : std::uint8_t{0}};
+}
 
 // Runs the keyword at `p`; returns where parsing continues, or null after
 // filling `failure` (when it is not null).
@@ -636,14 +767,27 @@ char *parse_condition(char *p, nuv_clfy *rule, Failure *failure) {
   }
   char *end = keyword_end;
   Refusal *note = nullptr;
+  Lint *lint = failure ? failure->lint : nullptr;
   if (failure) {
     failure->refusal = Refusal();
+    failure->refusal.lint = lint;
     note = &failure->refusal;
   }
+  if (lint) lint->keyword = parsetab[row].keyword;
+  struct Before {
+    std::uint32_t flags;
+    std::uint8_t proto;
+  } before{rule->flags, rule->ip_proto};
   const int rc = kHandlers[row](keyword_end, &end, rule, note);
   if (rc < 0) {
     if (failure) failure->code = rc;
     return nullptr;
+  }
+  if (lint) {
+    nuv_clfy was{};
+    was.flags = before.flags;
+    was.ip_proto = before.proto;
+    note_use(lint, row, p, was, *rule);
   }
   return end;
 }
@@ -677,8 +821,112 @@ char *parse_condition(char *p, nuv_clfy *rule, Failure *failure) {
   diag->reason = nuv_clfy_strerror(code);
 }
 
-// The one rule line parser; `diag` is null for nuv_clfy_parse.
-int parse_line(const char *text, nuv_clfy **result, nuv_clfy_diag *diag) {
+// ---- Warnings about the whole rule ----
+
+const char *protocol_name(std::uint8_t proto) {
+  if (proto == dp::clfy::kProtoTcp) return "TCP";
+  if (proto == dp::clfy::kProtoUdp) return "UDP";
+  return ipproto2str(proto);
+}
+
+// Keywords that gave the rule different protocols: the last one given wins,
+// and port lists written for another protocol become the winner's.
+[[gnu::cold]] void lint_protocols(Lint &lint, const nuv_clfy &rule) {
+  const KeywordUse *first = nullptr;
+  for (std::size_t i = 0; i < lint.used; ++i) {
+    const KeywordUse &use = lint.uses[i];
+    if (!use.proto) continue;
+    if (!first) {
+      first = &use;
+      continue;
+    }
+    if (use.proto == first->proto) continue;
+    char ports[192];
+    dp::TextWriter out(ports, sizeof ports);
+    const char *prefix = rule.ip_proto == dp::clfy::kProtoUdp ? "udp" : "tcp";
+    if (rule.flags & NUV_CLFY_F_SPORTS) {
+      out.printf(", %s.sport ", prefix);
+      dp::clfy::print_value_list(out, rule.sports);
+    }
+    if (rule.flags & NUV_CLFY_F_DPORTS) {
+      out.printf(", %s.dport ", prefix);
+      dp::clfy::print_value_list(out, rule.dports);
+    }
+    warn(&lint, NUV_CLFY_W_PROTOCOL, use.at, "%s (%s) after %s (%s): the rule is %s%s", parsetab[use.row].keyword,
+         protocol_name(use.proto), parsetab[first->row].keyword, protocol_name(first->proto),
+         protocol_name(rule.ip_proto), ports);
+    return;
+  }
+}
+
+// Where the keyword `handler` is used first, or null.
+const KeywordUse *first_use(const Lint &lint, std::uint32_t flag, const nuv_clfy &rule) {
+  (void)rule;
+  for (std::size_t i = 0; i < lint.used; ++i) {
+    const Handler h = kHandlers[lint.uses[i].row];
+    if ((flag == NUV_CLFY_F_IP_SADDR && h == handle_ip_saddr) || (flag == NUV_CLFY_F_IP_DADDR && h == handle_ip_daddr) ||
+        (flag == NUV_CLFY_F_IP_VERSION && h == handle_ip_version) ||
+        (flag == NUV_CLFY_F_ICMP_TYPE && h == handle_icmp_type) ||
+        (flag == NUV_CLFY_F_PACKETMATCH && h == handle_packetmatch))
+      return &lint.uses[i];
+  }
+  return nullptr;
+}
+
+// The IP version a rule's addresses, ip.version and Ethernet type demand
+// (0 for none), and whether they disagree.
+[[gnu::cold]] void lint_families(Lint &lint, const nuv_clfy &rule) {
+  const bool has_s = rule.flags & NUV_CLFY_F_IP_SADDR, has_d = rule.flags & NUV_CLFY_F_IP_DADDR;
+  if (has_s && has_d && rule.ip_saddr_family != rule.ip_daddr_family) {
+    const KeywordUse *at = first_use(lint, NUV_CLFY_F_IP_DADDR, rule);
+    warn(&lint, NUV_CLFY_W_NEVER, at ? at->at : lint.line,
+         "never matches: an IPv%u source and an IPv%u destination address in one rule", rule.ip_saddr_family,
+         rule.ip_daddr_family);
+    return;
+  }
+  if (!(rule.flags & NUV_CLFY_F_IP_VERSION)) return;
+  const std::uint8_t family = has_s ? rule.ip_saddr_family : has_d ? rule.ip_daddr_family : 0;
+  if (family && family != rule.ip_version) {
+    const KeywordUse *at = first_use(lint, NUV_CLFY_F_IP_VERSION, rule);
+    warn(&lint, NUV_CLFY_W_NEVER, at ? at->at : lint.line, "never matches: ip.version %u with an IPv%u address",
+         rule.ip_version, family);
+  }
+}
+
+constexpr std::uint16_t kEtherTypeIpv6 = 0x86DD;
+
+// icmp.type is tested on IPv6 packets only: a rule that IPv4 packets can
+// match lets them through whatever their ICMP type.
+[[gnu::cold]] void lint_icmp(Lint &lint, const nuv_clfy &rule) {
+  if (!(rule.flags & NUV_CLFY_F_ICMP_TYPE)) return;
+  const bool ipv6_only = ((rule.flags & NUV_CLFY_F_IP_VERSION) && rule.ip_version == 6) ||
+                         ((rule.flags & NUV_CLFY_F_IP_SADDR) && rule.ip_saddr_family == 6) ||
+                         ((rule.flags & NUV_CLFY_F_IP_DADDR) && rule.ip_daddr_family == 6) ||
+                         ((rule.flags & NUV_CLFY_F_ETH_PROTO) && dp::net_to_host16(rule.eth_proto) == kEtherTypeIpv6);
+  if (ipv6_only) return;
+  const KeywordUse *at = first_use(lint, NUV_CLFY_F_ICMP_TYPE, rule);
+  warn(&lint, NUV_CLFY_W_ICMP_IPV4, at ? at->at : lint.line,
+       "icmp.type is tested on IPv6 packets only: IPv4 packets match whatever their type (add ip.version 6)");
+}
+
+// Words behind a packetmatch pattern are conditions and part of the pattern.
+[[gnu::cold]] void lint_packetmatch(Lint &lint, const nuv_clfy &rule) {
+  const KeywordUse *at = first_use(lint, NUV_CLFY_F_PACKETMATCH, rule);
+  if (!at || at == &lint.uses[lint.used - 1]) return;
+  warn(&lint, NUV_CLFY_W_PACKETMATCH, at->at,
+       "packetmatch is not last: the words after it are conditions and also part of its pattern");
+}
+
+[[gnu::cold]] void lint_rule(Lint &lint, const nuv_clfy &rule) {
+  lint_protocols(lint, rule);
+  lint_families(lint, rule);
+  lint_icmp(lint, rule);
+  lint_packetmatch(lint, rule);
+}
+
+// The one rule line parser; `diag` is null for nuv_clfy_parse, `lint` is
+// null unless warnings are wanted (and then `diag` is not null).
+int parse_line(const char *text, nuv_clfy **result, nuv_clfy_diag *diag, Lint *lint = nullptr) {
   if (diag) clear_diag(diag);
   const std::size_t length = std::strlen(text);
   if (length >= kLineBuffer) {
@@ -693,15 +941,21 @@ int parse_line(const char *text, nuv_clfy **result, nuv_clfy_diag *diag) {
   char line[kLineBuffer];
   std::memcpy(line, text, length + 1);
   Failure failure;
+  if (lint) {
+    lint->line = line;
+    failure.lint = lint;
+  }
   // A handler may stop in front of the next keyword; no blank is needed there.
   for (char *p = dp::skip_spaces(line); *p; p = dp::skip_spaces(p)) {
     p = parse_condition(p, rule, diag ? &failure : nullptr);
     if (!p) {
       if (diag) report(diag, line, failure);
       nuv_clfy_free(rule);
+      if (lint) lint->count = 0;
       return NUV_CLFY_E_REFUSED;
     }
   }
+  if (lint) lint_rule(*lint, *rule);
   nuv_clfy_optim(rule);
   *result = rule;
   return NUV_CLFY_E_OK;
@@ -715,6 +969,44 @@ int nuv_clfy_parse(const char *text, nuv_clfy **result) { return parse_line(text
 
 int nuv_clfy_parse_with_diag(const char *text, nuv_clfy **result, nuv_clfy_diag *diag) {
   return parse_line(text, result, diag);
+}
+
+int nuv_clfy_parse_with_warnings(const char *text, nuv_clfy **result, nuv_clfy_diag *diag, nuv_clfy_warning *warnings,
+                                 uint32_t *count) {
+  nuv_clfy_diag own;
+  Lint lint;
+  lint.out = warnings;
+  const int rc = parse_line(text, result, diag ? diag : &own, &lint);
+  *count = lint.count;
+  return rc;
+}
+
+const char *nuv_clfy_nearest_keyword(const char *word, size_t length) {
+  constexpr std::size_t kMaxDistance = 2;
+  constexpr std::size_t kLongest = 32;
+  if (length == 0 || length > kLongest) return nullptr;
+  const char *best = nullptr;
+  std::size_t best_distance = kMaxDistance + 1;
+  for (const nuv_clfy_keyword *row = parsetab; row->keyword; ++row) {
+    // Edit distance by rows of the classic table.
+    const std::size_t n = std::strlen(row->keyword);
+    std::size_t previous[kLongest + 1], current[kLongest + 1];
+    for (std::size_t j = 0; j <= n; ++j) previous[j] = j;
+    for (std::size_t i = 1; i <= length; ++i) {
+      current[0] = i;
+      for (std::size_t j = 1; j <= n; ++j) {
+        const std::size_t change = previous[j - 1] + (word[i - 1] == row->keyword[j - 1] ? 0 : 1);
+        current[j] = std::min({change, previous[j] + 1, current[j - 1] + 1});
+      }
+      std::memcpy(previous, current, sizeof previous);
+    }
+    if (previous[n] < best_distance) best_distance = previous[n], best = row->keyword;
+  }
+  return best;
+}
+
+const nuv_clfy_keyword_help *nuv_clfy_keyword_help_at(size_t row) {
+  return row < std::size(kKeywordHelp) ? &kKeywordHelp[row] : nullptr;
 }
 
 [[gnu::cold]] const char *nuv_clfy_strerror(int code) { return dp::code_text(kCodeTexts, code, dp::kUnknownCodeText); }

@@ -672,6 +672,134 @@ NIKERKIOG_API void nuv_clfy_optim(struct nuv_clfy *rule);
  * `dst` is untouched). */
 NIKERKIOG_API int nuv_clfy_set_optim(struct nuv_clfy_set *src, struct nuv_clfy_set *dst);
 
+/* ---- Rule files ---- */
+
+/* A rule file holds one rule a line, "RULE" or "RULE => RESULT", with blank
+ * lines and comment lines (first non-blank character "#").  The reader below
+ * splits a file held in memory into lines and judges their bytes, so every
+ * program reading rule files refuses the same things in the same words.
+ * The reader does no input or output of its own. */
+
+/* What nuv_clfy_next_line found on a line (nuv_clfy_line.code). */
+enum nuv_clfy_line_code {
+  NUV_CLFY_LINE_RULE = 1,          /* a rule: `text`, `has_result` and `result` are filled */
+  NUV_CLFY_LINE_EMPTY = 0,         /* a blank or comment line */
+  NUV_CLFY_LINE_E_NUL = -1,        /* a NUL byte */
+  NUV_CLFY_LINE_E_CONTROL = -2,    /* a control character other than tab */
+  NUV_CLFY_LINE_E_UTF8 = -3,       /* bytes that are not UTF-8 */
+  NUV_CLFY_LINE_E_BOM = -4,        /* the file starts with a byte-order mark */
+  NUV_CLFY_LINE_E_RESULT = -5,     /* "=>" without a decimal number behind it */
+  NUV_CLFY_LINE_E_RANGE = -6,      /* a result beyond 65535 */
+  NUV_CLFY_LINE_E_NO_RESULT = -7,  /* no "=> RESULT" where one is required */
+  NUV_CLFY_LINE_E_TOO_LONG = -8    /* rule text longer than 255 characters */
+};
+
+/* Flags of nuv_clfy_next_line. */
+#define NUV_CLFY_LINE_NEED_RESULT 0x1u /* a rule line without "=> RESULT" is refused */
+#define NUV_CLFY_LINE_BYTES_ONLY 0x2u  /* judge bytes and split lines only: no comments, results or text */
+
+/* One line of a rule file.  Zero the record before the first call; the
+ * reader keeps its place in it (`next`, `number`). */
+typedef struct nuv_clfy_line {
+  size_t next;           /* offset of the line after this one in the file */
+  uint32_t number;       /* 1-based number of this line */
+  size_t start;          /* offset of this line in the file */
+  uint32_t length;       /* bytes of this line, without "\n" or "\r\n" */
+  int32_t code;          /* NUV_CLFY_LINE_* */
+  uint32_t column;       /* fault: 1-based byte column in the line; rule: column of the rule text */
+  uint32_t span;         /* fault: bytes marked from `column` (at least 1) */
+  const char *reason;    /* fault: short English reason, static text; "" otherwise */
+  int32_t has_result;    /* rule: 1 when the line ends with "=> RESULT" */
+  uint16_t result;       /* rule: the result, 0 without one */
+  char text[256];        /* rule: the rule text without "=> RESULT", tabs turned into spaces */
+} nuv_clfy_line;
+
+/* Reads the line at line->next of the rule file `data` of `size` bytes into
+ * `line`.  Returns 1 when a line was read (its verdict in line->code), 0 at
+ * the end of the data.  Every line is judged, comment lines too: NUL bytes,
+ * control characters other than tab (a "\r" just before the line's end is
+ * the end of line), C1 control characters, bytes that are not UTF-8, and a
+ * byte-order mark at the start of the file are refused.  A rule line is
+ * split at its last "=>": the result must be a decimal number 0..65535
+ * (leading zeros allowed, any count of digits); without "=>" the result is
+ * 0, or the line is refused under NUV_CLFY_LINE_NEED_RESULT.  Tabs between
+ * words are accepted: the rule text has them turned into spaces, as the
+ * rule parser separates words by spaces only.  Under
+ * NUV_CLFY_LINE_BYTES_ONLY a line whose bytes are good reads as
+ * NUV_CLFY_LINE_RULE without text or result, for files of other rule
+ * languages.  data need not be NUL-terminated. */
+NIKERKIOG_API int nuv_clfy_next_line(const char *data, size_t size, uint32_t flags, nuv_clfy_line *line);
+
+/* Kinds of nuv_clfy_warning. */
+enum nuv_clfy_warning_kind {
+  NUV_CLFY_W_RANGE = 1,        /* a number beyond its field: the value used is given */
+  NUV_CLFY_W_PREFIX = 2,       /* a prefix length beyond the address size */
+  NUV_CLFY_W_ICMP_IPV4 = 3,    /* icmp.type in a rule that can match IPv4 packets */
+  NUV_CLFY_W_PROTOCOL = 4,     /* keywords of different protocols in one rule */
+  NUV_CLFY_W_NEVER = 5,        /* conditions that can never hold together */
+  NUV_CLFY_W_TABLE_NAME = 6,   /* a table name longer than 15 characters (an error) */
+  NUV_CLFY_W_PACKETMATCH = 7,  /* packetmatch not last on its line */
+  NUV_CLFY_W_SHADOWED = 8      /* an earlier rule matches every packet this one matches */
+};
+
+/* Something the parser accepted but a reader of the rule would not guess. */
+typedef struct nuv_clfy_warning {
+  int32_t kind;      /* NUV_CLFY_W_* */
+  int32_t is_error;  /* 1 when the rule cannot work as written (table names) */
+  uint32_t offset;   /* byte offset in the line of the word concerned */
+  uint32_t length;   /* bytes of that word */
+  char text[160];    /* e.g. "tcp.dport 99999 is beyond 65535: 34463 is used" */
+} nuv_clfy_warning;
+
+/* Most warnings nuv_clfy_parse_with_warnings reports for one line. */
+#define NUV_CLFY_MAX_WARNINGS 8
+
+/* Parses `text` exactly like nuv_clfy_parse_with_diag (same result, rule,
+ * ownership and diag) and, when the line is accepted, stores in `warnings`
+ * (room for NUV_CLFY_MAX_WARNINGS) what the rule does that its text does not
+ * say, and their count in *count (0 on refusal): numbers cut to their field
+ * with the value used, prefix lengths beyond the address, icmp.type where
+ * IPv4 packets can match, keywords of different protocols with the protocol
+ * the rule ends up with, conditions that never hold together, over-long
+ * table names (is_error), packetmatch before other words.  Shadowing needs
+ * two rules: see nuv_clfy_covers. */
+NIKERKIOG_API int nuv_clfy_parse_with_warnings(const char *text, struct nuv_clfy **result, nuv_clfy_diag *diag,
+                                               nuv_clfy_warning *warnings, uint32_t *count);
+
+/* 1 when every packet `later` matches is certainly matched by `earlier`
+ * (so a set trying `earlier` first never reaches `later`), else 0.  Decided
+ * exactly for interfaces, Ethernet type, addresses and prefixes, VLAN ids,
+ * protocols, ports, lengths, ToS, TCP flags and ICMP types; a rule with a
+ * class map, table, DHCP or packetmatch condition is covered only by an
+ * earlier rule without such conditions.  Neither rule is changed. */
+NIKERKIOG_API int nuv_clfy_covers(const struct nuv_clfy *earlier, const struct nuv_clfy *later);
+
+/* Prints `rule`'s conditions as rule text that nuv_clfy_parse reads back as
+ * the same rule ("ip.proto P6", addresses with their masks, IPv6 prefixes
+ * with their lengths, the one multi-entry list and packetmatch last).
+ * Returns the text's length; -1 when `size` is too small (buf then holds ""
+ * when size is at least 1) or when no single line can say the rule (two
+ * lists with several entries each, or a list and a class map with several
+ * classes).  Tables print by name only. */
+NIKERKIOG_API int nuv_clfy_print_rule(const struct nuv_clfy *rule, char *buf, size_t size);
+
+/* The keyword of parsetab nearest to the word `word` of `length` bytes (at
+ * most two letters changed, added or dropped), for "did you mean"; null
+ * when none is that near. */
+NIKERKIOG_API const char *nuv_clfy_nearest_keyword(const char *word, size_t length);
+
+/* How a keyword's value is written, for help texts: the keyword, its value
+ * syntax and an example line. */
+typedef struct nuv_clfy_keyword_help {
+  const char *keyword;
+  const char *syntax;
+  const char *example;
+} nuv_clfy_keyword_help;
+
+/* The help of parsetab's row `row` (same order as parsetab), or null beyond
+ * its last row.  Static. */
+NIKERKIOG_API const nuv_clfy_keyword_help *nuv_clfy_keyword_help_at(size_t row);
+
 NIKERKIOG_END_DECLS
 
 #endif

@@ -1,0 +1,278 @@
+// Rule text that reads back as the rule it came from, and whether one rule
+// matches every packet another one matches.
+#include <bitset>
+#include <new>
+#include <cstdint>
+#include <cstring>
+
+#include "dp_bytes.h"
+#include "dp_textwriter.h"
+#include "dp_wire.h"
+#include "nuvaddr.h"
+#include "nuvclfy.h"
+#include "nuvclfy_priv.h"
+#include "nuvcsock.h"
+#include "nuvdhcp.h"
+
+namespace {
+
+using dp::TextWriter;
+using dp::wire::kFamilyIpv4;
+using dp::wire::kFamilyIpv6;
+
+constexpr std::size_t kPieceSize = 256;
+
+// ---- Printing ----
+
+bool has(const nuv_clfy &rule, std::uint32_t bit) { return (rule.flags & bit) != 0; }
+
+bool several(const nuv_clfy &rule, std::uint32_t bit, const nuv_clfy_valuelist &list) {
+  return has(rule, bit) && list.count > 1;
+}
+
+// The length of a contiguous IPv4 mask (host order), or -1.
+int mask_length(std::uint32_t mask) {
+  int length = 0;
+  while (length < 32 && (mask & (0x80000000u >> length))) ++length;
+  const std::uint32_t contiguous = length ? ~std::uint32_t{0} << (32 - length) : 0;
+  return contiguous == mask ? length : -1;
+}
+
+void print_address(TextWriter &out, const char *keyword, const nuv_clfy_ipaddr &addr, std::uint8_t prefixlen,
+                   std::uint8_t family) {
+  if (family == kFamilyIpv6) {
+    out.printf(" %s %s/%u", keyword, ip6addr2str(reinterpret_cast<const in6_addr *>(addr.v6)), prefixlen);
+    return;
+  }
+  const std::uint32_t address = dp::load_net32(addr.v6);
+  const std::uint32_t mask = dp::load_net32(addr.v6 + 4);
+  out.printf(" %s %s", keyword, ipaddr2str(address));
+  const int length = mask_length(mask);
+  if (length >= 0) out.printf("/%d", length);
+  else out.printf(" %s", ipaddr2str(mask));
+}
+
+void print_list(TextWriter &out, const char *keyword, const nuv_clfy_valuelist &list) {
+  out.printf(" %s ", keyword);
+  dp::clfy::print_value_list(out, list);
+}
+
+void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp) {
+  const char *table = dhcp.ethsrctab ? dhcp.ethsrctab->name : "";
+  const char *pattern = dhcp.pattern ? dhcp.pattern : "";
+  if (dhcp.code == 0)
+    out.printf(" dhcpheader %s %s %s", dhcp_hfield2str(dhcp.sub), pattern, table);
+  else if (dhcp.code == 124 || dhcp.code == 125)
+    out.printf(" dhcpoption %d/%lu/%d %s %s", dhcp.code, static_cast<unsigned long>(dhcp.enterprise), dhcp.sub,
+               pattern, table);
+  else
+    out.printf(" dhcpoption %d %s %s", dhcp.code, pattern, table);
+}
+
+// The conditions before any list: interfaces, link layer, IP header.
+void print_fixed(TextWriter &out, const nuv_clfy &rule) {
+  if (has(rule, NUV_CLFY_F_DEV)) out.printf(" dev %s", rule.dev);
+  if (has(rule, NUV_CLFY_F_BRDEV)) out.printf(" brdev %s", rule.brdev);
+  if (has(rule, NUV_CLFY_F_LOCALMARK) && rule.localmark) {
+    char classes[kPieceSize];
+    out.printf(" localmark %s", tcclassset_value2str(rule.localmark, classes, sizeof classes));
+  }
+  if (has(rule, NUV_CLFY_F_ETH_PROTO)) out.printf(" eth.proto 0x%04x", dp::net_to_host16(rule.eth_proto));
+  if (has(rule, NUV_CLFY_F_ETHSRCTAB) && rule.ethsrctab) out.printf(" ethsrctab %s", rule.ethsrctab->name);
+  if (has(rule, NUV_CLFY_F_ETH_SOURCE)) out.printf(" eth.source %s", ethaddr2str(rule.eth_source));
+  else if (has(rule, NUV_CLFY_F_ETH_SOURCEOUI))
+    out.printf(" eth.sourceoui %02x:%02x:%02x", rule.eth_source[0], rule.eth_source[1], rule.eth_source[2]);
+  if (has(rule, NUV_CLFY_F_ETH_DEST)) out.printf(" eth.dest %s", ethaddr2str(rule.eth_dest));
+  else if (has(rule, NUV_CLFY_F_ETH_DESTOUI))
+    out.printf(" eth.destoui %02x:%02x:%02x", rule.eth_dest[0], rule.eth_dest[1], rule.eth_dest[2]);
+  if (has(rule, NUV_CLFY_F_VLAN_PRIO)) out.printf(" vlan.prio %u", rule.vlan_prio);
+  if (has(rule, NUV_CLFY_F_IP_VERSION)) out.printf(" ip.version %u", rule.ip_version);
+  if (has(rule, NUV_CLFY_F_IP_TOS)) out.printf(" ip.tos 0x%02x/0x%02x", rule.ip_tos, rule.ip_tos_mask);
+  if (has(rule, NUV_CLFY_F_IP_LEN)) {
+    out.append(" ip.len ");
+    dp::clfy::print_comparison(out, rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2);
+  }
+  if (has(rule, NUV_CLFY_F_IP_SADDR))
+    print_address(out, "ip.saddr", rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family);
+  if (has(rule, NUV_CLFY_F_IP_DADDR))
+    print_address(out, "ip.daddr", rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family);
+  if (has(rule, NUV_CLFY_F_IPDSTTAB) && rule.ipdsttab) out.printf(" ipdsttab %s", rule.ipdsttab->name);
+  if (has(rule, NUV_CLFY_F_ICMP_TYPE)) out.printf(" icmp.type %u", rule.icmp_type);
+  if (has(rule, NUV_CLFY_F_DHCP) && rule.dhcp) print_dhcp(out, *rule.dhcp);
+}
+
+// Whether the rule can be said on one line: the parser splits a comma list
+// at every later comma of the line, so at most one list may have several
+// entries, and no comma may follow it.
+bool sayable(const nuv_clfy &rule) {
+  const int lists = several(rule, NUV_CLFY_F_VLAN_ID, rule.vlan_ids) + several(rule, NUV_CLFY_F_SPORTS, rule.sports) +
+                    several(rule, NUV_CLFY_F_DPORTS, rule.dports);
+  const bool comma_after = has(rule, NUV_CLFY_F_PACKETMATCH) && rule.packetmatch && std::strchr(rule.packetmatch, ',');
+  return lists <= 1 && !(lists == 1 && comma_after);
+}
+
+// The lists (the one with several entries last), tcp.flags and the protocol,
+// which the port and flag keywords would otherwise change, then packetmatch.
+void print_transport(TextWriter &out, const nuv_clfy &rule) {
+  const char *ports = rule.ip_proto == dp::clfy::kProtoUdp ? "udp" : "tcp";
+  char sport[16], dport[16];
+  TextWriter(sport, sizeof sport).printf("%s.sport", ports);
+  TextWriter(dport, sizeof dport).printf("%s.dport", ports);
+  struct List {
+    std::uint32_t bit;
+    const char *keyword;
+    const nuv_clfy_valuelist *list;
+  } lists[] = {{NUV_CLFY_F_VLAN_ID, "vlan.id", &rule.vlan_ids},
+               {NUV_CLFY_F_SPORTS, sport, &rule.sports},
+               {NUV_CLFY_F_DPORTS, dport, &rule.dports}};
+  for (const List &l : lists)
+    if (has(rule, l.bit) && l.list->count <= 1) print_list(out, l.keyword, *l.list);
+  if (has(rule, NUV_CLFY_F_TCP_FLAGS))
+    out.printf(" tcp.flags 0x%03x/0x%03x", dp::net_to_host16(rule.tcp_flags), dp::net_to_host16(rule.tcp_flags_mask));
+  for (const List &l : lists)
+    if (has(rule, l.bit) && l.list->count > 1) print_list(out, l.keyword, *l.list);
+  if (has(rule, NUV_CLFY_F_IP_PROTO)) out.printf(" ip.proto P%u", rule.ip_proto);
+  if (has(rule, NUV_CLFY_F_PACKETMATCH)) out.printf(" packetmatch %s", rule.packetmatch ? rule.packetmatch : "");
+}
+
+// ---- Covering ----
+
+using ValueSet = std::bitset<65536>;
+
+void add_entry(ValueSet &set, const nuv_clfy_value &v) {
+  std::uint32_t low = 0, high = 65535;
+  switch (v.op) {
+    case NUV_CLFY_OP_EQ: low = high = v.value1; break;
+    case NUV_CLFY_OP_NE:
+      for (std::uint32_t x = 0; x <= 65535; ++x)
+        if (x != v.value1) set.set(x);
+      return;
+    case NUV_CLFY_OP_LT:
+      if (v.value1 == 0) return;
+      high = v.value1 - 1u;
+      break;
+    case NUV_CLFY_OP_LE: high = v.value1; break;
+    case NUV_CLFY_OP_GT:
+      if (v.value1 == 65535) return;
+      low = v.value1 + 1u;
+      break;
+    case NUV_CLFY_OP_GE: low = v.value1; break;
+    case NUV_CLFY_OP_RANGE:
+      low = v.value1;
+      high = v.value2;
+      break;
+    default: break;  // every other code holds always
+  }
+  for (std::uint32_t x = low; x <= high; ++x) set.set(x);
+}
+
+// Whether every value `later` accepts is accepted by `earlier`.
+bool list_within(const nuv_clfy_valuelist &later, const nuv_clfy_valuelist &earlier) {
+  // Two sets of 8 KiB each: allocated, as routers have small stacks.
+  auto *sets = static_cast<ValueSet *>(CLFY_ZALLOC(2 * sizeof(ValueSet)));
+  if (!sets) return false;
+  ValueSet &a = *new (&sets[0]) ValueSet();
+  ValueSet &b = *new (&sets[1]) ValueSet();
+  for (std::uint32_t i = 0; i < later.count; ++i) add_entry(a, later.entries[i]);
+  for (std::uint32_t i = 0; i < earlier.count; ++i) add_entry(b, earlier.entries[i]);
+  const bool within = (a & ~b).none();
+  CLFY_FREE(sets);
+  return within;
+}
+
+bool value_within(const nuv_clfy_value &later, const nuv_clfy_value &earlier) {
+  const nuv_clfy_valuelist l{1, const_cast<nuv_clfy_value *>(&later)};
+  const nuv_clfy_valuelist e{1, const_cast<nuv_clfy_value *>(&earlier)};
+  return list_within(l, e);
+}
+
+bool address_within(std::uint8_t family_l, const nuv_clfy_ipaddr &l, std::uint8_t len_l, std::uint8_t family_e,
+                    const nuv_clfy_ipaddr &e, std::uint8_t len_e) {
+  if (family_l != family_e) return false;
+  if (family_e == kFamilyIpv4) {
+    const std::uint32_t mask_e = dp::load_net32(e.v6 + 4), mask_l = dp::load_net32(l.v6 + 4);
+    return (mask_l & mask_e) == mask_e && (dp::load_net32(l.v6) & mask_e) == (dp::load_net32(e.v6) & mask_e);
+  }
+  if (family_e != kFamilyIpv6 || len_e > 128 || len_l > 128 || len_l < len_e) return false;
+  for (unsigned bit = 0; bit < len_e; ++bit) {
+    const unsigned mask = 0x80u >> (bit % 8);
+    if ((l.v6[bit / 8] & mask) != (e.v6[bit / 8] & mask)) return false;
+  }
+  return true;
+}
+
+// Conditions whose outcome depends on state beyond the packet and the rule.
+constexpr std::uint32_t kUndecided =
+    NUV_CLFY_F_LOCALMARK | NUV_CLFY_F_ETHSRCTAB | NUV_CLFY_F_IPDSTTAB | NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH;
+
+bool same_mac(const nuv_clfy &l, const nuv_clfy &e, std::uint32_t full, std::uint32_t oui, const std::uint8_t *mac_l,
+              const std::uint8_t *mac_e) {
+  if (has(e, full)) return has(l, full) && std::memcmp(mac_l, mac_e, 6) == 0;
+  if (has(e, oui)) return (has(l, full) || has(l, oui)) && std::memcmp(mac_l, mac_e, 3) == 0;
+  return true;
+}
+
+bool masked_within(std::uint32_t value_l, std::uint32_t mask_l, std::uint32_t value_e, std::uint32_t mask_e) {
+  return (mask_l & mask_e) == mask_e && (value_l & mask_e) == (value_e & mask_e);
+}
+
+bool covers(const nuv_clfy &e, const nuv_clfy &l) {
+  if (e.flags & kUndecided) return false;
+  // Every condition of the earlier rule must be implied by one of the later's.
+  auto needs = [&](std::uint32_t bit) { return has(e, bit) && !has(l, bit); };
+  if (needs(NUV_CLFY_F_DEV) || needs(NUV_CLFY_F_BRDEV) || needs(NUV_CLFY_F_ETH_PROTO) || needs(NUV_CLFY_F_VLAN_ID) ||
+      needs(NUV_CLFY_F_VLAN_PRIO) || needs(NUV_CLFY_F_IP_VERSION) || needs(NUV_CLFY_F_IP_TOS) ||
+      needs(NUV_CLFY_F_IP_SADDR) || needs(NUV_CLFY_F_IP_DADDR) || needs(NUV_CLFY_F_SPORTS) ||
+      needs(NUV_CLFY_F_DPORTS) || needs(NUV_CLFY_F_IP_LEN) || needs(NUV_CLFY_F_TCP_FLAGS) ||
+      needs(NUV_CLFY_F_ICMP_TYPE))
+    return false;
+  if (has(e, NUV_CLFY_F_DEV) && std::strncmp(e.dev, l.dev, sizeof e.dev) != 0) return false;
+  if (has(e, NUV_CLFY_F_BRDEV) && std::strncmp(e.brdev, l.brdev, sizeof e.brdev) != 0) return false;
+  if (has(e, NUV_CLFY_F_ETH_PROTO) && e.eth_proto != l.eth_proto) return false;
+  if (!same_mac(l, e, NUV_CLFY_F_ETH_SOURCE, NUV_CLFY_F_ETH_SOURCEOUI, l.eth_source, e.eth_source)) return false;
+  if (!same_mac(l, e, NUV_CLFY_F_ETH_DEST, NUV_CLFY_F_ETH_DESTOUI, l.eth_dest, e.eth_dest)) return false;
+  if (has(e, NUV_CLFY_F_VLAN_ID) && !list_within(l.vlan_ids, e.vlan_ids)) return false;
+  if (has(e, NUV_CLFY_F_VLAN_PRIO) && e.vlan_prio != l.vlan_prio) return false;
+  if (has(e, NUV_CLFY_F_IP_VERSION) && e.ip_version != l.ip_version) return false;
+  if (has(e, NUV_CLFY_F_IP_PROTO) && e.ip_proto != dp::clfy::kProtoAny &&
+      (!has(l, NUV_CLFY_F_IP_PROTO) || l.ip_proto != e.ip_proto))
+    return false;
+  if (has(e, NUV_CLFY_F_IP_TOS) && !masked_within(l.ip_tos, l.ip_tos_mask, e.ip_tos, e.ip_tos_mask)) return false;
+  if (has(e, NUV_CLFY_F_IP_LEN) && !value_within(l.ip_len, e.ip_len)) return false;
+  if (has(e, NUV_CLFY_F_IP_SADDR) && !address_within(l.ip_saddr_family, l.ip_saddr, l.ip_saddr_prefixlen,
+                                                     e.ip_saddr_family, e.ip_saddr, e.ip_saddr_prefixlen))
+    return false;
+  if (has(e, NUV_CLFY_F_IP_DADDR) && !address_within(l.ip_daddr_family, l.ip_daddr, l.ip_daddr_prefixlen,
+                                                     e.ip_daddr_family, e.ip_daddr, e.ip_daddr_prefixlen))
+    return false;
+  if (has(e, NUV_CLFY_F_SPORTS) && !list_within(l.sports, e.sports)) return false;
+  if (has(e, NUV_CLFY_F_DPORTS) && !list_within(l.dports, e.dports)) return false;
+  if (has(e, NUV_CLFY_F_TCP_FLAGS) &&
+      !masked_within(l.tcp_flags, l.tcp_flags_mask, e.tcp_flags, e.tcp_flags_mask))
+    return false;
+  if (has(e, NUV_CLFY_F_ICMP_TYPE) && e.icmp_type != l.icmp_type) return false;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int nuv_clfy_print_rule(const nuv_clfy *rule, char *buf, size_t size) {
+  TextWriter out(buf, size);
+  if (!sayable(*rule)) return -1;
+  print_fixed(out, *rule);
+  print_transport(out, *rule);
+  if (out.length() == 0) out.append(" any");
+  if (out.full() || size == 0) {
+    if (size) buf[0] = '\0';
+    return -1;
+  }
+  // Drop the leading space.
+  std::memmove(buf, buf + 1, out.length());
+  return static_cast<int>(out.length() - 1);
+}
+
+int nuv_clfy_covers(const nuv_clfy *earlier, const nuv_clfy *later) { return covers(*earlier, *later) ? 1 : 0; }
+
+}  // extern "C"
