@@ -2,8 +2,11 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <string_view>
+
+#include "rulefile_load.h"
 
 namespace tool {
 namespace {
@@ -48,54 +51,95 @@ std::size_t stated_ip_length(const Frame &frame, std::span<const std::uint8_t> i
 
 }  // namespace
 
+namespace {
+
+// The line as it can be shown on a terminal: bytes that are not printable
+// ASCII (tabs kept) become "?", one for one, so a caret still lines up.
+std::string shown(std::string_view bytes, std::size_t column) {
+  // A line of a binary file can be long: it is shown up to a little after the fault.
+  constexpr std::size_t kAfterFault = 40;
+  const bool cut = bytes.size() > column + kAfterFault;
+  std::string out(bytes.substr(0, cut ? column + kAfterFault : bytes.size()));
+  if (cut) out += "...";
+  for (char &c : out) {
+    const auto u = static_cast<unsigned char>(c);
+    if ((u < 0x20 && u != '\t') || u >= 0x7F) c = '?';
+  }
+  return out;
+}
+
+}  // namespace
+
 bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::vector<LineError> &errors,
                      std::string &error) {
-  std::ifstream in(path);
-  if (!in) {
-    error = "cannot read the rules file";
+  char *data = nullptr;
+  std::size_t size = 0;
+  char why[256];
+  if (rulefile_load(path.c_str(), &data, &size, why, sizeof why) != 0) {
+    error = why;
     return false;
   }
-  std::size_t number = 0;
-  for (std::string raw; std::getline(in, raw);) {
-    ++number;
-    if (!raw.empty() && raw.back() == '\r') raw.pop_back();
-    std::string text = trim(raw);
-    if (text.empty() || text[0] == '#') continue;
-    RuleLine rule{number, raw, text, raw.find_first_not_of(" \t") + 1, false, 0};
-    if (auto arrow = text.rfind("=>"); arrow != std::string::npos) {
-      std::string after = text.substr(arrow + 2);
-      std::string value = trim(after);
-      char *end = nullptr;
-      unsigned long result = std::strtoul(value.c_str(), &end, 10);
-      if (value.empty() || *end || value[0] == '-' || value[0] == '+' || result > 0xFFFF) {
-        std::size_t at = value.empty() ? arrow : arrow + 2 + after.find_first_not_of(" \t");
-        errors.push_back({number, raw, rule.column + at, value.empty() ? 2 : value.size(), "",
-                          "the result after \"=>\" must be a number 0..65535"});
-        continue;
-      }
-      rule.text = trim(text.substr(0, arrow));
-      rule.has_result = true;
-      rule.result = static_cast<std::uint16_t>(result);
+  nuv_clfy_line line{};
+  while (nuv_clfy_next_line(data, size, 0, &line)) {
+    const std::string_view bytes(data + line.start, line.length);
+    if (line.code < 0) {
+      errors.push_back({line.number, shown(bytes, line.column), line.column, line.span, "", line.reason});
+      continue;
     }
-    rules.push_back(rule);
+    if (line.code != NUV_CLFY_LINE_RULE) continue;
+    RuleLine rule{line.number, std::string(bytes), line.text, line.column, line.has_result != 0, line.result, {}};
+    if (!rule.has_result)
+      rule.warnings.push_back({line.number, rule.raw, line.column + std::strlen(line.text), 1, "",
+                               "no \"=> RESULT\": the rule gives result 0 (the daemon refuses such a line)"});
+    rules.push_back(std::move(rule));
   }
-  if (in.bad()) {
-    error = "read error";
-    return false;
-  }
+  std::free(data);
   return true;
 }
 
-nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why) {
+nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why, std::vector<LineError> *warnings) {
   why = LineError{line.line, line.raw, line.column, line.text.size(), "", ""};
   nuv_clfy *rule = nullptr;
   nuv_clfy_diag diag{};
-  if (nuv_clfy_parse_with_diag(line.text.c_str(), &rule, &diag) == 0) return rule;
+  nuv_clfy_warning found[NUV_CLFY_MAX_WARNINGS];
+  std::uint32_t count = 0;
+  if (nuv_clfy_parse_with_warnings(line.text.c_str(), &rule, &diag, found, &count) == 0) {
+    for (std::uint32_t i = 0; i < count; ++i) {
+      LineError w{line.line, line.raw, line.column + found[i].offset, found[i].length ? found[i].length : 1, "",
+                  found[i].text};
+      if (found[i].is_error) {
+        // A rule that cannot work as written is refused.
+        nuv_clfy_free(rule);
+        why = w;
+        return nullptr;
+      }
+      if (warnings) warnings->push_back(w);
+    }
+    return rule;
+  }
   why.column = line.column + diag.offset;
   why.length = diag.length ? diag.length : 1;
   why.keyword = diag.keyword;
   why.reason = diag.reason ? diag.reason : nuv_clfy_strerror(diag.code);
+  if (diag.code == NUV_CLFY_E_UNKNOWN_KEYWORD) {
+    if (const char *near = nuv_clfy_nearest_keyword(line.text.c_str() + diag.offset, diag.length))
+      why.reason += fmt::format(" (did you mean `{}`?)", near);
+  }
   return nullptr;
+}
+
+std::vector<LineError> shadowed_rules(const std::vector<std::pair<const RuleLine *, const nuv_clfy *>> &rules) {
+  std::vector<LineError> out;
+  for (std::size_t later = 0; later < rules.size(); ++later)
+    for (std::size_t earlier = 0; earlier < later; ++earlier)
+      if (nuv_clfy_covers(rules[earlier].second, rules[later].second)) {
+        const RuleLine &l = *rules[later].first;
+        out.push_back({l.line, l.raw, l.column, l.text.size(), "",
+                       fmt::format("never reached: the rule at line {} matches every packet this one matches",
+                                   rules[earlier].first->line)});
+        break;
+      }
+  return out;
 }
 
 // The line with tabs kept and every other character before the column

@@ -12,16 +12,6 @@
 
 namespace tool {
 
-// One rule line of a rules file.
-struct RuleLine {
-  std::size_t line = 0;      // 1-based line number in the file
-  std::string raw;           // the whole line as written
-  std::string text;          // the rule text handed to the parser
-  std::size_t column = 1;    // 1-based column of `text` in `raw`
-  bool has_result = false;   // the line ends with "=> N"
-  std::uint16_t result = 0;  // the value after "=>", 0 when none
-};
-
 // A rejected line: where (1-based column, characters marked) and why.
 struct LineError {
   std::size_t line = 0;
@@ -32,17 +22,38 @@ struct LineError {
   std::string reason;
 };
 
-// Reads a rules file: one rule per line, blank lines and lines starting
-// with "#" skipped, an optional "=> N" at the end giving the rule's result.
-// A result that is not a number 0..65535 makes the line an error in
-// `errors` (the line is not in `rules`).  Returns false (with `error` set)
-// when the file cannot be read.
+// One rule line of a rules file.
+struct RuleLine {
+  std::size_t line = 0;      // 1-based line number in the file
+  std::string raw;           // the whole line as written
+  std::string text;          // the rule text handed to the parser
+  std::size_t column = 1;    // 1-based column of `text` in `raw`
+  bool has_result = false;   // the line ends with "=> N"
+  std::uint16_t result = 0;  // the value after "=>", 0 when none
+  std::vector<LineError> warnings;  // about the line itself (no result)
+};
+
+
+// Reads a rules file with the classifier's line reader: one rule per line,
+// blank lines and lines starting with "#" skipped, an optional "=> N" at the
+// end giving the rule's result.  Lines the reader refuses (bytes that are
+// not text, a result that is not a number 0..65535) are errors in `errors`
+// (the line is not in `rules`); a rule without a result gets a warning.
+// Returns false (with `error` set) when the file cannot be read or is not a
+// regular file.
 bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std::vector<LineError> &errors,
                      std::string &error);
 
 // Parses the rule of a line with the classifier's parser.  Returns the new
-// rule (owned by the caller), or null with `why` describing the refusal.
-nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why);
+// rule (owned by the caller), or null with `why` describing the refusal
+// (an unknown keyword names the nearest one).  What the parser changed
+// silently is added to `warnings` when given; a table name that cannot
+// work refuses the line.
+nuv_clfy *parse_rule_line(const RuleLine &line, LineError &why, std::vector<LineError> *warnings = nullptr);
+
+// Rules of a file (in order) that an earlier rule shadows: one warning each,
+// naming the first earlier rule that matches every packet it matches.
+std::vector<LineError> shadowed_rules(const std::vector<std::pair<const RuleLine *, const nuv_clfy *>> &rules);
 
 // Prints a rejected line as compilers do: "FILE:LINE:COLUMN: error: REASON",
 // the line, and a caret under the column (on standard error).

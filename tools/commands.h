@@ -37,6 +37,7 @@ struct CheckOptions {
   std::vector<std::string> files;
   bool print = false;
   bool json = false;
+  bool werror = false;  // warnings count as errors
 };
 
 // nikerkiog check RULES..., acl/masq/ip6fw check FILE...

@@ -39,6 +39,7 @@ CLI::App *add_check_command(CLI::App &parent, const char *name, const char *what
   cmd->add_option("files", o.files, files_help)->required();
   cmd->add_flag("--print", o.print, "Print the normalised form of every accepted line");
   cmd->add_flag("--json", o.json, "Write JSON Lines: one object per rule line, then a summary");
+  cmd->add_flag("--Werror", o.werror, "Treat warnings as errors");
   return cmd;
 }
 

@@ -1,7 +1,5 @@
 // Rule text that reads back as the rule it came from, and whether one rule
 // matches every packet another one matches.
-#include <bitset>
-#include <new>
 #include <cstdint>
 #include <cstring>
 
@@ -131,53 +129,78 @@ void print_transport(TextWriter &out, const nuv_clfy &rule) {
     out.printf(" tcp.flags 0x%03x/0x%03x", dp::net_to_host16(rule.tcp_flags), dp::net_to_host16(rule.tcp_flags_mask));
   for (const List &l : lists)
     if (has(rule, l.bit) && l.list->count > 1) print_list(out, l.keyword, *l.list);
-  if (has(rule, NUV_CLFY_F_IP_PROTO)) out.printf(" ip.proto P%u", rule.ip_proto);
+  // Port and flag keywords of TCP or UDP say the protocol already.
+  const bool said = (rule.ip_proto == dp::clfy::kProtoTcp &&
+                     has(rule, NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS | NUV_CLFY_F_TCP_FLAGS)) ||
+                    (rule.ip_proto == dp::clfy::kProtoUdp && has(rule, NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS));
+  if (has(rule, NUV_CLFY_F_IP_PROTO) && !said) out.printf(" ip.proto P%u", rule.ip_proto);
   if (has(rule, NUV_CLFY_F_PACKETMATCH)) out.printf(" packetmatch %s", rule.packetmatch ? rule.packetmatch : "");
 }
 
 // ---- Covering ----
 
-using ValueSet = std::bitset<65536>;
+// Values a list accepts, as closed intervals of 0..65535.
+struct Interval {
+  std::uint32_t low, high;
+};
 
-void add_entry(ValueSet &set, const nuv_clfy_value &v) {
-  std::uint32_t low = 0, high = 65535;
+// The intervals of one entry (at most two): their count.
+int entry_intervals(const nuv_clfy_value &v, Interval *out) {
+  constexpr std::uint32_t kTop = 65535;
   switch (v.op) {
-    case NUV_CLFY_OP_EQ: low = high = v.value1; break;
-    case NUV_CLFY_OP_NE:
-      for (std::uint32_t x = 0; x <= 65535; ++x)
-        if (x != v.value1) set.set(x);
-      return;
+    case NUV_CLFY_OP_EQ: out[0] = {v.value1, v.value1}; return 1;
+    case NUV_CLFY_OP_NE: {
+      int n = 0;
+      if (v.value1 > 0) out[n++] = {0, v.value1 - 1u};
+      if (v.value1 < kTop) out[n++] = {v.value1 + 1u, kTop};
+      return n;
+    }
     case NUV_CLFY_OP_LT:
-      if (v.value1 == 0) return;
-      high = v.value1 - 1u;
-      break;
-    case NUV_CLFY_OP_LE: high = v.value1; break;
+      if (v.value1 == 0) return 0;
+      out[0] = {0, v.value1 - 1u};
+      return 1;
+    case NUV_CLFY_OP_LE: out[0] = {0, v.value1}; return 1;
     case NUV_CLFY_OP_GT:
-      if (v.value1 == 65535) return;
-      low = v.value1 + 1u;
-      break;
-    case NUV_CLFY_OP_GE: low = v.value1; break;
+      if (v.value1 == kTop) return 0;
+      out[0] = {v.value1 + 1u, kTop};
+      return 1;
+    case NUV_CLFY_OP_GE: out[0] = {v.value1, kTop}; return 1;
     case NUV_CLFY_OP_RANGE:
-      low = v.value1;
-      high = v.value2;
-      break;
-    default: break;  // every other code holds always
+      if (v.value1 > v.value2) return 0;
+      out[0] = {v.value1, v.value2};
+      return 1;
+    default: out[0] = {0, kTop}; return 1;  // every other code holds always
   }
-  for (std::uint32_t x = low; x <= high; ++x) set.set(x);
+}
+
+// Whether the values of `interval` are all accepted by some entry of `list`,
+// walking up from its low end.
+bool interval_within(Interval interval, const nuv_clfy_valuelist &list) {
+  std::uint32_t next = interval.low;  // the lowest value not yet known accepted
+  for (bool progress = true; progress && next <= interval.high;) {
+    progress = false;
+    for (std::uint32_t i = 0; i < list.count; ++i) {
+      Interval parts[2];
+      const int n = entry_intervals(list.entries[i], parts);
+      for (int k = 0; k < n; ++k)
+        if (parts[k].low <= next && parts[k].high >= next) {
+          next = parts[k].high + 1;
+          progress = true;
+        }
+    }
+  }
+  return next > interval.high;
 }
 
 // Whether every value `later` accepts is accepted by `earlier`.
 bool list_within(const nuv_clfy_valuelist &later, const nuv_clfy_valuelist &earlier) {
-  // Two sets of 8 KiB each: allocated, as routers have small stacks.
-  auto *sets = static_cast<ValueSet *>(CLFY_ZALLOC(2 * sizeof(ValueSet)));
-  if (!sets) return false;
-  ValueSet &a = *new (&sets[0]) ValueSet();
-  ValueSet &b = *new (&sets[1]) ValueSet();
-  for (std::uint32_t i = 0; i < later.count; ++i) add_entry(a, later.entries[i]);
-  for (std::uint32_t i = 0; i < earlier.count; ++i) add_entry(b, earlier.entries[i]);
-  const bool within = (a & ~b).none();
-  CLFY_FREE(sets);
-  return within;
+  for (std::uint32_t i = 0; i < later.count; ++i) {
+    Interval parts[2];
+    const int n = entry_intervals(later.entries[i], parts);
+    for (int k = 0; k < n; ++k)
+      if (!interval_within(parts[k], earlier)) return false;
+  }
+  return true;
 }
 
 bool value_within(const nuv_clfy_value &later, const nuv_clfy_value &earlier) {
