@@ -233,6 +233,7 @@ static int load_rules(struct daemon *d, int reload) {
     say_lines(LOG_ERR, error.text);
     return -1;
   }
+  if (error.warnings_length) say_lines(LOG_WARNING, error.warnings);
   classd_ruleset_free(d->rules);
   d->rules = fresh;
   d->generation++;

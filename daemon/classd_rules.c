@@ -9,44 +9,72 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Characters trimmed from both ends of a line and of a result. */
-static const char kBlanks[] = " \t\r\n";
-
-/* Largest result a rule can give. */
-#define CLASSD_MAX_RESULT 65535ul
-
-static int is_blank(char c) { return c != '\0' && strchr(kBlanks, c) != NULL; }
+#include "rulefile_load.h"
 
 /* Results of reading a line: its rule is wrong (reading goes on with the
  * next line), or reading cannot go on. */
 enum { LINE_WRONG = -1, LOAD_STOPPED = -2 };
 
-/* Adds one line to the error text, when it fits whole. */
-static void add_error(struct classd_load_error *error, const char *format, ...) {
+/* Adds one line to `text` (of `size` bytes, `*used` of them in use), when
+ * it fits whole. */
+static void add_line(char *text, size_t size, size_t *used, const char *format, va_list args) {
   char line[512];
-  int length;
-  va_list args;
-  va_start(args, format);
-  length = vsnprintf(line, sizeof line, format, args);
-  va_end(args);
-  if (length < 0 || (size_t)length + 2 > sizeof error->text - error->length) return;
-  if (error->length) error->text[error->length++] = '\n';
-  memcpy(error->text + error->length, line, (size_t)length + 1);
-  error->length += (size_t)length;
+  int length = vsnprintf(line, sizeof line, format, args);
+  if (length < 0 || (size_t)length + 2 > size - *used) return;
+  if (*used) text[(*used)++] = '\n';
+  memcpy(text + *used, line, (size_t)length + 1);
+  *used += (size_t)length;
 }
 
-/* Parses one rule's text through the classifier's diagnostic parser.  On
+/* Adds one line to the error text, when it fits whole. */
+static void add_error(struct classd_load_error *error, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  add_line(error->text, sizeof error->text, &error->length, format, args);
+  va_end(args);
+}
+
+/* Adds one line to the warning text, when it fits whole. */
+static void add_warning(struct classd_load_error *error, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  add_line(error->warnings, sizeof error->warnings, &error->warnings_length, format, args);
+  va_end(args);
+}
+
+/* Parses one rule's text through the classifier's warning parser.  On
  * failure stores the 0-based offset of the fault within `text` and the
- * reason, led by the keyword involved when the reason does not name it. */
-static int parse_rule(const char *text, nuv_clfy **rule, uint32_t *offset, char *reason, size_t size) {
+ * reason, led by the keyword involved when the reason does not name it (an
+ * unknown keyword names the nearest known one).  What the parser changed
+ * silently is reported as warnings; a table name that cannot work refuses
+ * the rule. */
+static int parse_rule(const char *path, unsigned number, size_t column, const char *text, nuv_clfy **rule,
+                      uint32_t *offset, char *reason, size_t size, struct classd_load_error *error) {
   nuv_clfy_diag diag;
-  const char *why;
+  nuv_clfy_warning warnings[NUV_CLFY_MAX_WARNINGS];
+  uint32_t count = 0, i;
+  const char *why, *near;
   memset(&diag, 0, sizeof diag);
-  if (nuv_clfy_parse_with_diag(text, rule, &diag) == 0) return 0;
+  if (nuv_clfy_parse_with_warnings(text, rule, &diag, warnings, &count) == 0) {
+    for (i = 0; i < count; ++i) {
+      if (warnings[i].is_error) {
+        nuv_clfy_free(*rule);
+        *rule = NULL;
+        *offset = warnings[i].offset;
+        snprintf(reason, size, "%s", warnings[i].text);
+        return -1;
+      }
+    }
+    for (i = 0; i < count; ++i)
+      add_warning(error, "%s:%u:%zu: warning: %s", path, number, column + warnings[i].offset, warnings[i].text);
+    return 0;
+  }
   why = diag.reason && diag.reason[0] ? diag.reason : nuv_clfy_strerror(diag.code);
   *offset = diag.offset;
+  near = diag.code == NUV_CLFY_E_UNKNOWN_KEYWORD ? nuv_clfy_nearest_keyword(text + diag.offset, diag.length) : NULL;
   if (diag.keyword[0] && !strstr(why, diag.keyword))
-    snprintf(reason, size, "%.*s: %s", (int)sizeof diag.keyword, diag.keyword, why);
+    snprintf(reason, size, "%.*s: %s%s%s%s", (int)sizeof diag.keyword, diag.keyword, why, near ? " (did you mean `" : "",
+             near ? near : "", near ? "`?)" : "");
   else
     snprintf(reason, size, "%s", why);
   return -1;
@@ -89,55 +117,6 @@ static long class_slot(struct classd_classes *classes, uint16_t value) {
   return (long)classes->count++;
 }
 
-/* A rule line split into its parts: the rule text's span and the result. */
-struct rule_line {
-  size_t first, last; /* rule text: [first, last) */
-  uint16_t result;
-};
-
-/* Splits the line at its last "=>"; -1 (with `error` filled) when the
- * result is not a number 0..65535. */
-static int split_result(const char *path, unsigned number, const char *line, struct rule_line *out,
-                        struct classd_load_error *error) {
-  const char *arrow = NULL, *p;
-  size_t value_first, value_last;
-  char value[32], *end;
-  unsigned long result;
-  for (p = line + out->first; p + 1 < line + out->last; ++p)
-    if (p[0] == '=' && p[1] == '>') arrow = p;
-  if (!arrow) return 0;
-  value_first = (size_t)(arrow - line) + 2;
-  value_last = out->last;
-  while (value_first < value_last && is_blank(line[value_first])) ++value_first;
-  if (value_last - value_first >= sizeof value) value_last = value_first + sizeof value - 1;
-  memcpy(value, line + value_first, value_last - value_first);
-  value[value_last - value_first] = '\0';
-  errno = 0;
-  result = strtoul(value, &end, 10);
-  if (value[0] == '\0' || value[0] == '+' || value[0] == '-' || *end != '\0' || errno != 0 ||
-      result > CLASSD_MAX_RESULT) {
-    add_error(error, "%s:%u:%zu: the result after \"=>\" must be a number 0..65535", path, number,
-              (value[0] ? value_first : (size_t)(arrow - line)) + 1);
-    return LINE_WRONG;
-  }
-  out->result = (uint16_t)result;
-  out->last = (size_t)(arrow - line);
-  while (out->last > out->first && is_blank(line[out->last - 1])) --out->last;
-  return 0;
-}
-
-/* Finds the rule on a line; 0 with `*found` 0 for a blank or comment line. */
-static int read_line(const char *path, unsigned number, const char *line, struct rule_line *out, int *found,
-                     struct classd_load_error *error) {
-  out->first = 0;
-  out->last = strlen(line);
-  out->result = 0;
-  while (out->first < out->last && is_blank(line[out->first])) ++out->first;
-  while (out->last > out->first && is_blank(line[out->last - 1])) --out->last;
-  *found = out->first < out->last && line[out->first] != '#';
-  return *found ? split_result(path, number, line, out, error) : 0;
-}
-
 static int append_rule(struct classd_ruleset *rules, size_t *capacity, const struct classd_rule *rule) {
   if (rules->count == *capacity) {
     size_t grown = *capacity ? *capacity * 2 : 16;
@@ -151,41 +130,57 @@ static int append_rule(struct classd_ruleset *rules, size_t *capacity, const str
 }
 
 /* Parses the rule of one line and links it behind the set's rules. */
-static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *path, unsigned number,
-                    const char *line, const struct rule_line *split, const struct classd_devnames *devs,
-                    struct classd_classes *classes, struct classd_load_error *error) {
+static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *path, const nuv_clfy_line *line,
+                    const struct classd_devnames *devs, struct classd_classes *classes,
+                    struct classd_load_error *error) {
   struct classd_rule entry;
   nuv_clfy *rule = NULL;
   uint32_t offset, index = (uint32_t)rules->count;
-  char reason[160];
+  char reason[192];
   long slot;
   memset(&entry, 0, sizeof entry);
-  entry.line = number;
-  entry.result = split->result;
-  entry.text = strndup(line + split->first, split->last - split->first);
-  slot = class_slot(classes, split->result);
+  entry.line = line->number;
+  entry.result = line->result;
+  entry.text = strdup(line->text);
+  slot = class_slot(classes, line->result);
   if (!entry.text || slot < 0) {
     free(entry.text);
-    add_error(error, "%s:%u: out of memory", path, number);
+    add_error(error, "%s:%u: out of memory", path, line->number);
     return LOAD_STOPPED;
   }
   entry.slot = (uint32_t)slot;
-  if (parse_rule(entry.text, &rule, &offset, reason, sizeof reason) != 0) {
+  if (parse_rule(path, line->number, line->column, entry.text, &rule, &offset, reason, sizeof reason, error) != 0) {
     free(entry.text);
-    add_error(error, "%s:%u:%zu: %s", path, number, split->first + offset + 1, reason);
+    add_error(error, "%s:%u:%zu: %s", path, line->number, (size_t)line->column + offset, reason);
     return LINE_WRONG;
   }
   if (append_rule(rules, capacity, &entry) != 0) {
     free(entry.text);
     nuv_clfy_free(rule);
-    add_error(error, "%s:%u: out of memory", path, number);
+    add_error(error, "%s:%u: out of memory", path, line->number);
     return LOAD_STOPPED;
   }
   memcpy(rule->action_data, &index, sizeof index);
-  rule->result = split->result;
+  rule->result = line->result;
   resolve_interfaces(rule, devs);
   nuv_clfy_add_tail(&rules->set, rule);
   return 0;
+}
+
+/* Warns about every rule that an earlier rule of the file shadows. */
+static void warn_shadowed(const struct classd_ruleset *rules, const char *path, struct classd_load_error *error) {
+  const nuv_clfy *later, *earlier;
+  uint32_t at_later, at_earlier;
+  for (later = rules->set.head; later; later = later->next) {
+    for (earlier = rules->set.head; earlier != later; earlier = earlier->next) {
+      if (!nuv_clfy_covers(earlier, later)) continue;
+      memcpy(&at_later, later->action_data, sizeof at_later);
+      memcpy(&at_earlier, earlier->action_data, sizeof at_earlier);
+      add_warning(error, "%s:%u:1: warning: never reached: the rule at line %u matches every packet this one matches",
+                  path, (unsigned)rules->rules[at_later].line, (unsigned)rules->rules[at_earlier].line);
+      break;
+    }
+  }
 }
 
 static int own_rule(nuv_clfy *rule, int depth, void *set) {
@@ -205,49 +200,51 @@ static int optimise_set(struct classd_ruleset *rules) {
   return 0;
 }
 
-static int read_rules(FILE *file, const char *path, const struct classd_devnames *devs,
+/* Reads every line of the file's bytes; rules need a result, as the daemon
+ * gives every packet a rule applies to the rule's mark. */
+static int read_rules(const char *data, size_t size, const char *path, const struct classd_devnames *devs,
                       struct classd_classes *classes, struct classd_ruleset *rules,
                       struct classd_load_error *error) {
-  char *line = NULL;
-  size_t size = 0, capacity = 0;
-  unsigned number = 0;
+  nuv_clfy_line line;
+  size_t capacity = 0;
   int status = 0;
-  while (status != LOAD_STOPPED && getline(&line, &size, file) >= 0) {
-    struct rule_line split;
-    int found, result;
-    ++number;
-    result = read_line(path, number, line, &split, &found, error);
-    if (result == 0 && found)
-      result = add_rule(rules, &capacity, path, number, line, &split, devs, classes, error);
+  memset(&line, 0, sizeof line);
+  while (status != LOAD_STOPPED && nuv_clfy_next_line(data, size, NUV_CLFY_LINE_NEED_RESULT, &line)) {
+    int result = 0;
+    if (line.code < 0) {
+      add_error(error, "%s:%u:%u: %s", path, (unsigned)line.number, (unsigned)line.column, line.reason);
+      result = LINE_WRONG;
+    } else if (line.code == NUV_CLFY_LINE_RULE) {
+      result = add_rule(rules, &capacity, path, &line, devs, classes, error);
+    }
     if (result != 0) status = result;
   }
-  if (status != LOAD_STOPPED && ferror(file)) {
-    add_error(error, "%s: cannot read the rule file: %s", path, strerror(errno));
-    status = -1;
-  }
-  free(line);
   return status;
 }
 
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
                                            struct classd_classes *classes, struct classd_load_error *error) {
   struct classd_ruleset *rules;
-  FILE *file = fopen(path, "r");
+  char *data = NULL, why[256];
+  size_t size = 0;
   int status;
   error->length = 0;
   error->text[0] = '\0';
-  if (!file) {
-    add_error(error, "%s: cannot open the rule file: %s", path, strerror(errno));
+  error->warnings_length = 0;
+  error->warnings[0] = '\0';
+  if (rulefile_load(path, &data, &size, why, sizeof why) != 0) {
+    add_error(error, "%s: cannot read the rule file: %s", path, why);
     return NULL;
   }
   rules = calloc(1, sizeof *rules);
   if (!rules) {
-    fclose(file);
+    free(data);
     add_error(error, "%s: out of memory", path);
     return NULL;
   }
-  status = read_rules(file, path, devs, classes, rules, error);
-  fclose(file);
+  status = read_rules(data, size, path, devs, classes, rules, error);
+  free(data);
+  if (status == 0) warn_shadowed(rules, path, error);
   if (status == 0 && optimise && optimise_set(rules) != 0) {
     add_error(error, "%s: out of memory while restructuring the rule set", path);
     status = -1;

@@ -49,15 +49,21 @@ struct classd_ruleset {
 };
 
 /* Why loading failed: one line per error, "FILE:LINE:COLUMN: reason" for
- * each rule the file gets wrong (lines beyond the room are left out). */
+ * each rule the file gets wrong (lines beyond the room are left out).  Also
+ * what a loaded file does that its text does not say: one line per warning,
+ * "FILE:LINE:COLUMN: warning: reason". */
 struct classd_load_error {
   char text[4096];
   size_t length;
+  char warnings[4096];
+  size_t warnings_length;
 };
 
-/* Reads the rule file at `path` (one rule per line, blank lines and lines
- * starting with "#" skipped, an optional "=> N" at the end giving the
- * rule's result 0..65535), builds its rule set with interface names
+/* Reads the rule file at `path` (a regular file of text: one rule per
+ * line, blank lines and lines starting with "#" skipped, each rule ending
+ * with "=> N" giving its result 0..65535; tabs count as spaces), reports in
+ * `error->warnings` what the rules do that their text does not say and the
+ * rules an earlier rule shadows, builds its rule set with interface names
  * resolved through `devs`, and restructures it into a tree when `optimise`.
  * The rules' results get verdict slots in `classes`.  Returns the new set
  * (free with classd_ruleset_free), or null with `error` filled, naming

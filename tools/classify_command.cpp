@@ -25,15 +25,23 @@ int build_rule_set(const ClassifyOptions &o, RuleSet &set, std::map<std::size_t,
     print_file_error(o.rules, error);
     return kExitError;
   }
+  std::vector<LineError> warnings;
+  std::vector<std::pair<const RuleLine *, const nuv_clfy *>> accepted;
   for (const auto &line : lines) {
     LineError why;
-    if (nuv_clfy *rule = parse_rule_line(line, why)) {
+    std::vector<LineError> found = line.warnings;
+    if (nuv_clfy *rule = parse_rule_line(line, why, &found)) {
       set.add(rule, line);
       texts[line.line] = line.text;
+      accepted.emplace_back(&line, rule);
+      warnings.insert(warnings.end(), found.begin(), found.end());
     } else {
       errors.push_back(why);
     }
   }
+  for (auto &w : shadowed_rules(accepted)) warnings.push_back(std::move(w));
+  std::stable_sort(warnings.begin(), warnings.end(), [](const LineError &a, const LineError &b) { return a.line < b.line; });
+  for (const auto &w : warnings) print_line_error(o.rules, w, "warning");
   std::sort(errors.begin(), errors.end(), [](const LineError &a, const LineError &b) { return a.line < b.line; });
   for (const auto &e : errors) print_line_error(o.rules, e);
   if (!errors.empty() && !o.keep_going) {

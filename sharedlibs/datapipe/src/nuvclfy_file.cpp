@@ -22,7 +22,7 @@ constexpr Fault kControl{NUV_CLFY_LINE_E_CONTROL, "control character (only tab i
 constexpr Fault kUtf8{NUV_CLFY_LINE_E_UTF8, "bytes that are not UTF-8"};
 constexpr Fault kBom{NUV_CLFY_LINE_E_BOM, "byte-order mark at the start of the file (save the file without one)"};
 constexpr Fault kResult{NUV_CLFY_LINE_E_RESULT, "the result after \"=>\" must be a number 0..65535"};
-constexpr Fault kRange{NUV_CLFY_LINE_E_RANGE, "the result after \"=>\" is beyond 65535"};
+constexpr Fault kRange{NUV_CLFY_LINE_E_RANGE, "the result after \"=>\" must be a number 0..65535 (it is beyond 65535)"};
 constexpr Fault kNoResult{NUV_CLFY_LINE_E_NO_RESULT, "the rule has no \"=> RESULT\""};
 constexpr Fault kTooLong{NUV_CLFY_LINE_E_TOO_LONG, "the rule is longer than 255 characters"};
 
