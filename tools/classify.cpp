@@ -76,7 +76,7 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
   std::size_t size = 0;
   char why[256];
   if (rulefile_load(path.c_str(), &data, &size, why, sizeof why) != 0) {
-    error = why;
+    error = std::string("cannot read the rules file: ") + why;
     return false;
   }
   nuv_clfy_line line{};

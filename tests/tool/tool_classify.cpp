@@ -58,7 +58,7 @@ TEST(Classify, FirstMatchingRuleWinsAndUnmatchedPacketsSaySo) {
   auto lines = verdicts(classify(rules + " " + capture("tcp-handshake-nano.pcap")));
   EXPECT_EQ(lines, (std::vector<std::string>{"    1  rule at line 1 => 1", "    2  rule at line 2 => 2",
                                              "    3  rule at line 3 => 3"}));
-  std::string none = write_rules("none.rules", "udp.dport 53\n");
+  std::string none = write_rules("none.rules", "udp.dport 53 => 1\n");
   EXPECT_EQ(verdicts(classify(none + " " + capture("tcp-handshake-nano.pcap"))).front(), "    1  no rule");
 }
 

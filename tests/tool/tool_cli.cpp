@@ -66,7 +66,7 @@ TEST(ToolCli, MissingRuleFileGivesStatus2ForEveryCheck) {
   for (const char *command : {"check", "acl check", "masq check", "ip6fw check"}) {
     auto r = run_tool(std::string(command) + " no-such-rules.txt");
     EXPECT_EQ(r.status, 2) << command;
-    EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file\n") << command;
+    EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file: No such file or directory\n") << command;
   }
 }
 
@@ -115,5 +115,5 @@ TEST(ToolCli, MissingRuleFileGivesStatus2ForClassify) {
   auto r = run_tool("classify no-such-rules.txt captures/dns_udp.pcap");
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file\n");
+  EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file: No such file or directory\n");
 }

@@ -19,6 +19,9 @@ using dp::wire::kFamilyIpv4;
 using dp::wire::kFamilyIpv6;
 
 constexpr std::size_t kPieceSize = 256;
+// Room for every condition of one rule; rule lines themselves have at most
+// 255 characters, but a normalised rule may print longer.
+constexpr std::size_t kLineSize = 1024;
 
 // ---- Printing ----
 
@@ -39,20 +42,30 @@ int mask_length(std::uint32_t mask) {
 void print_address(TextWriter &out, const char *keyword, const nuv_clfy_ipaddr &addr, std::uint8_t prefixlen,
                    std::uint8_t family) {
   if (family == kFamilyIpv6) {
-    out.printf(" %s %s/%u", keyword, ip6addr2str(reinterpret_cast<const in6_addr *>(addr.v6)), prefixlen);
+    // An IPv4-mapped address prints as a dotted quad, which would read as IPv4.
+    const char *text = ip6addr2str(reinterpret_cast<const in6_addr *>(addr.v6));
+    out.printf(" %s %s%s/%u", keyword, std::strchr(text, ':') ? "" : "::ffff:", text, prefixlen);
     return;
   }
-  const std::uint32_t address = dp::load_net32(addr.v6);
-  const std::uint32_t mask = dp::load_net32(addr.v6 + 4);
-  out.printf(" %s %s", keyword, ipaddr2str(address));
-  const int length = mask_length(mask);
+  out.printf(" %s %s", keyword, ipaddr2str(dp::load_net32(addr.v6)));
+  const int length = mask_length(dp::load_be32(addr.v6 + 4));
   if (length >= 0) out.printf("/%d", length);
-  else out.printf(" %s", ipaddr2str(mask));
+  else out.printf(" %s", ipaddr2str(dp::load_net32(addr.v6 + 4)));
+}
+
+// One comparison as rule text: an entry that always holds (what "0-65535"
+// becomes) is written so again.
+void print_value(TextWriter &out, const nuv_clfy_value &v) {
+  if (v.op >= NUV_CLFY_OP_EQ && v.op <= NUV_CLFY_OP_RANGE) dp::clfy::print_comparison(out, v.op, v.value1, v.value2);
+  else out.append("0-65535");
 }
 
 void print_list(TextWriter &out, const char *keyword, const nuv_clfy_valuelist &list) {
   out.printf(" %s ", keyword);
-  dp::clfy::print_value_list(out, list);
+  for (std::uint32_t i = 0; i < list.count; ++i) {
+    if (i) out.append(",");
+    print_value(out, list.entries[i]);
+  }
 }
 
 void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp) {
@@ -77,18 +90,19 @@ void print_fixed(TextWriter &out, const nuv_clfy &rule) {
   }
   if (has(rule, NUV_CLFY_F_ETH_PROTO)) out.printf(" eth.proto 0x%04x", dp::net_to_host16(rule.eth_proto));
   if (has(rule, NUV_CLFY_F_ETHSRCTAB) && rule.ethsrctab) out.printf(" ethsrctab %s", rule.ethsrctab->name);
-  if (has(rule, NUV_CLFY_F_ETH_SOURCE)) out.printf(" eth.source %s", ethaddr2str(rule.eth_source));
-  else if (has(rule, NUV_CLFY_F_ETH_SOURCEOUI))
+  // Both bits of an address may be set; the OUI shares the address's bytes.
+  if (has(rule, NUV_CLFY_F_ETH_SOURCEOUI))
     out.printf(" eth.sourceoui %02x:%02x:%02x", rule.eth_source[0], rule.eth_source[1], rule.eth_source[2]);
-  if (has(rule, NUV_CLFY_F_ETH_DEST)) out.printf(" eth.dest %s", ethaddr2str(rule.eth_dest));
-  else if (has(rule, NUV_CLFY_F_ETH_DESTOUI))
+  if (has(rule, NUV_CLFY_F_ETH_SOURCE)) out.printf(" eth.source %s", ethaddr2str(rule.eth_source));
+  if (has(rule, NUV_CLFY_F_ETH_DESTOUI))
     out.printf(" eth.destoui %02x:%02x:%02x", rule.eth_dest[0], rule.eth_dest[1], rule.eth_dest[2]);
+  if (has(rule, NUV_CLFY_F_ETH_DEST)) out.printf(" eth.dest %s", ethaddr2str(rule.eth_dest));
   if (has(rule, NUV_CLFY_F_VLAN_PRIO)) out.printf(" vlan.prio %u", rule.vlan_prio);
   if (has(rule, NUV_CLFY_F_IP_VERSION)) out.printf(" ip.version %u", rule.ip_version);
   if (has(rule, NUV_CLFY_F_IP_TOS)) out.printf(" ip.tos 0x%02x/0x%02x", rule.ip_tos, rule.ip_tos_mask);
   if (has(rule, NUV_CLFY_F_IP_LEN)) {
     out.append(" ip.len ");
-    dp::clfy::print_comparison(out, rule.ip_len.op, rule.ip_len.value1, rule.ip_len.value2);
+    print_value(out, rule.ip_len);
   }
   if (has(rule, NUV_CLFY_F_IP_SADDR))
     print_address(out, "ip.saddr", rule.ip_saddr, rule.ip_saddr_prefixlen, rule.ip_saddr_family);
@@ -101,16 +115,19 @@ void print_fixed(TextWriter &out, const nuv_clfy &rule) {
 
 // Whether the rule can be said on one line: the parser splits a comma list
 // at every later comma of the line, so at most one list may have several
-// entries, and no comma may follow it.
+// entries, and no comma may follow any list (a pattern with a comma).
 bool sayable(const nuv_clfy &rule) {
   const int lists = several(rule, NUV_CLFY_F_VLAN_ID, rule.vlan_ids) + several(rule, NUV_CLFY_F_SPORTS, rule.sports) +
                     several(rule, NUV_CLFY_F_DPORTS, rule.dports);
+  const bool any_list = has(rule, NUV_CLFY_F_VLAN_ID | NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS);
   const bool comma_after = has(rule, NUV_CLFY_F_PACKETMATCH) && rule.packetmatch && std::strchr(rule.packetmatch, ',');
-  return lists <= 1 && !(lists == 1 && comma_after);
+  return lists <= 1 && !(any_list && comma_after);
 }
 
-// The lists (the one with several entries last), tcp.flags and the protocol,
-// which the port and flag keywords would otherwise change, then packetmatch.
+// The lists, tcp.flags and the protocol, then packetmatch.  A list is split
+// at every comma of the rest of its line, so the one list with several
+// entries comes first and no comma follows it.  The port and flag keywords
+// set the protocol, so the protocol comes after them when they do not say it.
 void print_transport(TextWriter &out, const nuv_clfy &rule) {
   const char *ports = rule.ip_proto == dp::clfy::kProtoUdp ? "udp" : "tcp";
   char sport[16], dport[16];
@@ -124,16 +141,19 @@ void print_transport(TextWriter &out, const nuv_clfy &rule) {
                {NUV_CLFY_F_SPORTS, sport, &rule.sports},
                {NUV_CLFY_F_DPORTS, dport, &rule.dports}};
   for (const List &l : lists)
+    if (has(rule, l.bit) && l.list->count > 1) print_list(out, l.keyword, *l.list);
+  for (const List &l : lists)
     if (has(rule, l.bit) && l.list->count <= 1) print_list(out, l.keyword, *l.list);
   if (has(rule, NUV_CLFY_F_TCP_FLAGS))
     out.printf(" tcp.flags 0x%03x/0x%03x", dp::net_to_host16(rule.tcp_flags), dp::net_to_host16(rule.tcp_flags_mask));
-  for (const List &l : lists)
-    if (has(rule, l.bit) && l.list->count > 1) print_list(out, l.keyword, *l.list);
-  // Port and flag keywords of TCP or UDP say the protocol already.
-  const bool said = (rule.ip_proto == dp::clfy::kProtoTcp &&
-                     has(rule, NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS | NUV_CLFY_F_TCP_FLAGS)) ||
-                    (rule.ip_proto == dp::clfy::kProtoUdp && has(rule, NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS));
-  if (has(rule, NUV_CLFY_F_IP_PROTO) && !said) out.printf(" ip.proto P%u", rule.ip_proto);
+  // The protocol the keywords printed so far gave, in their order; when it
+  // is the rule's, the protocol needs no words of its own.
+  const std::uint8_t port_proto = rule.ip_proto == dp::clfy::kProtoUdp ? dp::clfy::kProtoUdp : dp::clfy::kProtoTcp;
+  std::uint8_t said = 0;
+  if (has(rule, NUV_CLFY_F_DHCP) && rule.dhcp) said = dp::clfy::kProtoUdp;
+  if (has(rule, NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS)) said = port_proto;
+  if (has(rule, NUV_CLFY_F_TCP_FLAGS)) said = dp::clfy::kProtoTcp;
+  if (has(rule, NUV_CLFY_F_IP_PROTO) && said != rule.ip_proto) out.printf(" ip.proto P%u", rule.ip_proto);
   if (has(rule, NUV_CLFY_F_PACKETMATCH)) out.printf(" packetmatch %s", rule.packetmatch ? rule.packetmatch : "");
 }
 
@@ -282,18 +302,18 @@ bool covers(const nuv_clfy &e, const nuv_clfy &l) {
 extern "C" {
 
 int nuv_clfy_print_rule(const nuv_clfy *rule, char *buf, size_t size) {
-  TextWriter out(buf, size);
+  if (size) buf[0] = '\0';
   if (!sayable(*rule)) return -1;
+  // Built with a leading blank in a line of its own, then copied when it fits.
+  char line[kLineSize];
+  TextWriter out(line, sizeof line);
   print_fixed(out, *rule);
   print_transport(out, *rule);
   if (out.length() == 0) out.append(" any");
-  if (out.full() || size == 0) {
-    if (size) buf[0] = '\0';
-    return -1;
-  }
-  // Drop the leading space.
-  std::memmove(buf, buf + 1, out.length());
-  return static_cast<int>(out.length() - 1);
+  const std::size_t length = out.length() - 1;
+  if (out.full() || length + 1 > size) return -1;
+  std::memcpy(buf, line + 1, length + 1);
+  return static_cast<int>(length);
 }
 
 int nuv_clfy_covers(const nuv_clfy *earlier, const nuv_clfy *later) { return covers(*earlier, *later) ? 1 : 0; }

@@ -776,11 +776,12 @@ NIKERKIOG_API int nuv_clfy_covers(const struct nuv_clfy *earlier, const struct n
 
 /* Prints `rule`'s conditions as rule text that nuv_clfy_parse reads back as
  * the same rule ("ip.proto P6", addresses with their masks, IPv6 prefixes
- * with their lengths, the one multi-entry list and packetmatch last).
+ * with their lengths, the one multi-entry list first of the lists, packetmatch last).
  * Returns the text's length; -1 when `size` is too small (buf then holds ""
  * when size is at least 1) or when no single line can say the rule (two
- * lists with several entries each, or a list and a class map with several
- * classes).  Tables print by name only. */
+ * lists with several entries each, or a list and a packetmatch pattern with
+ * a comma: the parser splits a list at every later comma of its line).
+ * Tables print by name only. */
 NIKERKIOG_API int nuv_clfy_print_rule(const struct nuv_clfy *rule, char *buf, size_t size);
 
 /* The keyword of parsetab nearest to the word `word` of `length` bytes (at
