@@ -457,9 +457,9 @@ bool reads_as_ipv4(const char *p) {
   return true;
 }
 
-// Warns about a "/length" inside [word, end) beyond `bits`: the address
-// readers take such a length as all of the address.
-void check_prefix_length(Refusal *note, const char *word, const char *end, std::uint32_t bits) {
+// Warns about a "/length" inside [word, end) beyond 32: the IPv4 reader
+// takes such a length as a full mask.
+void check_ipv4_length(Refusal *note, const char *word, const char *end) {
   Lint *lint = lint_of(note);
   if (!lint) return;
   const char *slash = word;
@@ -467,11 +467,21 @@ void check_prefix_length(Refusal *note, const char *word, const char *end, std::
   if (slash >= end || *slash != '/') return;
   char *stop = nullptr;
   std::uint32_t length = 0;
-  if (parse_ulong(slash + 1, &stop, &length) < 0 || length <= bits) return;
-  // IPv4 lengths beyond 32 give a full mask; IPv6 lengths are cut to 8 bits.
-  const unsigned long used = bits == 32 ? 32ul : static_cast<unsigned long>(length & 0xFFu);
-  warn(lint, NUV_CLFY_W_PREFIX, word, "%s: prefix length /%lu is beyond /%lu: /%lu is used", lint->keyword,
-       static_cast<unsigned long>(length), static_cast<unsigned long>(bits), used);
+  if (parse_ulong(slash + 1, &stop, &length) < 0 || length <= 32) return;
+  warn(lint, NUV_CLFY_W_PREFIX, word, "%s: prefix length /%lu is beyond /32: /32 is used", lint->keyword,
+       static_cast<unsigned long>(length));
+}
+
+// As check_ipv4_length for an IPv6 length at `length`, after the reader
+// cut the line at its "/".
+void check_ipv6_length(Refusal *note, const char *word, const char *length) {
+  Lint *lint = lint_of(note);
+  if (!lint) return;
+  char *stop = nullptr;
+  std::uint32_t value = 0;
+  if (parse_ulong(length, &stop, &value) < 0 || value <= 128) return;
+  warn(lint, NUV_CLFY_W_PREFIX, word, "%s: prefix length /%lu is beyond /128: /%lu is used", lint->keyword,
+       static_cast<unsigned long>(value), static_cast<unsigned long>(value & 0xFFu));
 }
 
 // An IPv4 prefix ("10.0.0.0/8", "10.0.0.0 255.0.0.0", "10.0.0.1") or an IPv6
@@ -483,7 +493,7 @@ int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *pref
   if (reads_as_ipv4(p)) {
     std::uint32_t address = 0, mask = 0;
     if (parse_prefix(p, end, &address, &mask) < 0) return refuse_value(note, p, kBadAddress);
-    check_prefix_length(note, p, *end, 32);
+    check_ipv4_length(note, p, *end);
     dp::store_net32(addr, address);
     dp::store_net32(addr + 4, mask);
     *family = 4;
@@ -493,8 +503,9 @@ int parse_address(char *text, char **end, std::uint8_t *addr, std::uint8_t *pref
   // (a note is only read when the handler fails).
   std::uint8_t length = 128;
   refuse_value(note, p, kBadAddress);
+  char *slash = std::strchr(p, '/');
   if (parse_prefix6(p, end, addr, &length) < 0) return NUV_CLFY_E_REFUSED;
-  check_prefix_length(note, p, *end, 128);
+  if (slash) check_ipv6_length(note, p, slash + 1);
   *prefixlen = length;
   *family = 6;
   return 0;
