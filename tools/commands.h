@@ -43,4 +43,7 @@ struct CheckOptions {
 // nikerkiog check RULES..., acl/masq/ip6fw check FILE...
 int run_check(const CheckOptions &options);
 
+// nikerkiog keywords: the classifier's keywords, value syntax and examples.
+int run_keywords(bool json);
+
 }  // namespace tool

@@ -101,6 +101,10 @@ int main(int argc, char **argv) {
   CLI::App *ip6fw_check = add_check_command(*ip6fw, "check", "Check IPv6 forward rule files line by line",
                                             ip6fw_options, "IPv6 forward rule files, one rule each");
 
+  bool keywords_json = false;
+  CLI::App *keywords = app.add_subcommand("keywords", "List the classifier rule keywords with their values and examples");
+  keywords->add_flag("--json", keywords_json, "Write JSON Lines: one object per keyword");
+
   try {
     app.parse(argc, argv);
     split_numbers(explain_items, co.explain);
@@ -119,6 +123,7 @@ int main(int argc, char **argv) {
   }
   if (dhcp->parsed()) return tool::run_dhcp(dhcp_files, dhcp_json);
   if (check->parsed()) return tool::run_check(check_options);
+  if (keywords->parsed()) return tool::run_keywords(keywords_json);
   if (acl_check->parsed()) return tool::run_check(acl_options);
   if (masq_check->parsed()) return tool::run_check(masq_options);
   if (ip6fw_check->parsed()) return tool::run_check(ip6fw_options);
