@@ -121,7 +121,15 @@ bool sayable(const nuv_clfy &rule) {
                     several(rule, NUV_CLFY_F_DPORTS, rule.dports);
   const bool any_list = has(rule, NUV_CLFY_F_VLAN_ID | NUV_CLFY_F_SPORTS | NUV_CLFY_F_DPORTS);
   const bool comma_after = has(rule, NUV_CLFY_F_PACKETMATCH) && rule.packetmatch && std::strchr(rule.packetmatch, ',');
-  return lists <= 1 && !(any_list && comma_after);
+  // An empty name would take the next word as the name, and an interface
+  // name starting with "=" would read as the optional "=".
+  auto interface_ok = [&rule](std::uint32_t bit, const char *name) {
+    return !has(rule, bit) || (name[0] != '\0' && name[0] != '=');
+  };
+  const bool names_ok = interface_ok(NUV_CLFY_F_DEV, rule.dev) && interface_ok(NUV_CLFY_F_BRDEV, rule.brdev) &&
+                        !(has(rule, NUV_CLFY_F_ETHSRCTAB) && rule.ethsrctab && rule.ethsrctab->name[0] == '\0') &&
+                        !(has(rule, NUV_CLFY_F_IPDSTTAB) && rule.ipdsttab && rule.ipdsttab->name[0] == '\0');
+  return lists <= 1 && !(any_list && comma_after) && names_ok;
 }
 
 // The lists, tcp.flags and the protocol, then packetmatch.  A list is split
@@ -236,7 +244,11 @@ bool address_within(std::uint8_t family_l, const nuv_clfy_ipaddr &l, std::uint8_
     const std::uint32_t mask_e = dp::load_net32(e.v6 + 4), mask_l = dp::load_net32(l.v6 + 4);
     return (mask_l & mask_e) == mask_e && (dp::load_net32(l.v6) & mask_e) == (dp::load_net32(e.v6) & mask_e);
   }
-  if (family_e != kFamilyIpv6 || len_e > 128 || len_l > 128 || len_l < len_e) return false;
+  if (family_e != kFamilyIpv6) return false;
+  // The same condition twice holds for the same packets, whatever a length
+  // beyond 128 means to the matcher.
+  if (len_l == len_e && std::memcmp(l.v6, e.v6, sizeof l.v6) == 0) return true;
+  if (len_e > 128 || len_l > 128 || len_l < len_e) return false;
   for (unsigned bit = 0; bit < len_e; ++bit) {
     const unsigned mask = 0x80u >> (bit % 8);
     if ((l.v6[bit / 8] & mask) != (e.v6[bit / 8] & mask)) return false;

@@ -780,7 +780,9 @@ NIKERKIOG_API int nuv_clfy_covers(const struct nuv_clfy *earlier, const struct n
  * Returns the text's length; -1 when `size` is too small (buf then holds ""
  * when size is at least 1) or when no single line can say the rule (two
  * lists with several entries each, or a list and a packetmatch pattern with
- * a comma: the parser splits a list at every later comma of its line).
+ * a comma: the parser splits a list at every later comma of its line; an
+ * empty interface or table name; an interface name starting with "=",
+ * which reads as the optional "=").
  * Tables print by name only. */
 NIKERKIOG_API int nuv_clfy_print_rule(const struct nuv_clfy *rule, char *buf, size_t size);
 
