@@ -321,6 +321,52 @@ static int check_classifier_rule_text(void) {
   return failures;
 }
 
+/* Rule files from C: the line reader, warnings, printed rule text,
+ * covering, the nearest keyword and the keyword help. */
+static int check_rule_files(void) {
+  int failures = 0;
+  static const char file[] = "# rules\nudp.dport\t53 => 0007\ntcp.dport 99999 => 2\n";
+  nuv_clfy_line line;
+  nuv_clfy_warning warnings[NUV_CLFY_MAX_WARNINGS];
+  nuv_clfy_diag diag;
+  nuv_clfy *first = NULL, *second = NULL;
+  uint32_t count = 0;
+  char printed[128];
+  memset(&line, 0, sizeof line);
+  if (nuv_clfy_next_line(file, sizeof file - 1, 0, &line) != 1 || line.code != NUV_CLFY_LINE_EMPTY ||
+      nuv_clfy_next_line(file, sizeof file - 1, NUV_CLFY_LINE_NEED_RESULT, &line) != 1 ||
+      line.code != NUV_CLFY_LINE_RULE || line.result != 7 || strcmp(line.text, "udp.dport 53") != 0) {
+    fprintf(stderr, "nuv_clfy_next_line\n");
+    ++failures;
+  }
+  if (nuv_clfy_parse_with_warnings(line.text, &first, &diag, warnings, &count) != 0 || count != 0) {
+    fprintf(stderr, "nuv_clfy_parse_with_warnings\n");
+    return failures + 1;
+  }
+  if (nuv_clfy_next_line(file, sizeof file - 1, 0, &line) != 1 ||
+      nuv_clfy_parse_with_warnings(line.text, &second, &diag, warnings, &count) != 0 || count != 1 ||
+      warnings[0].kind != NUV_CLFY_W_RANGE) {
+    fprintf(stderr, "nuv_clfy_parse_with_warnings (range)\n");
+    ++failures;
+  }
+  if (nuv_clfy_print_rule(first, printed, sizeof printed) < 0 || strcmp(printed, "udp.dport 53") != 0) {
+    fprintf(stderr, "nuv_clfy_print_rule\n");
+    ++failures;
+  }
+  if (second && (nuv_clfy_covers(first, first) != 1 || nuv_clfy_covers(first, second) != 0)) {
+    fprintf(stderr, "nuv_clfy_covers\n");
+    ++failures;
+  }
+  if (!nuv_clfy_nearest_keyword("udp.dprt", 8) || strcmp(nuv_clfy_nearest_keyword("udp.dprt", 8), "udp.dport") != 0 ||
+      !nuv_clfy_keyword_help_at(0) || strcmp(nuv_clfy_keyword_help_at(0)->keyword, parsetab[0].keyword) != 0) {
+    fprintf(stderr, "nuv_clfy_nearest_keyword / nuv_clfy_keyword_help_at\n");
+    ++failures;
+  }
+  nuv_clfy_free(first);
+  nuv_clfy_free(second);
+  return failures;
+}
+
 int main(void) {
   int failures = 0;
   failures += check_dhcp_store();
@@ -332,6 +378,7 @@ int main(void) {
   failures += check_access_rules();
   failures += check_packet_utilities();
   failures += check_classifier_rule_text();
+  failures += check_rule_files();
   if (failures) fprintf(stderr, "%d C-linkage checks failed\n", failures);
   return failures ? 1 : 0;
 }

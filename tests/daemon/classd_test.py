@@ -415,6 +415,52 @@ def test_rule_file_bad_result(t):
     check(f"{rules}:2:17: the result after \"=>\" must be a number 0..65535" in output, "the error points at the result")
 
 
+def test_rule_file_refusals(t):
+    """Rule files are judged by the classifier's line reader, as the tool judges them."""
+    cases = [
+        (b"udp.dport 53 => 5\n" + bytes(64), ":2:1: NUL byte"),
+        (b"udp.dport 53\n", ":1:13: the rule has no \"=> RESULT\""),
+        (b"\xef\xbb\xbfudp.dport 53 => 1\n", ":1:1: byte-order mark"),
+        (b"udp.dport 53 => 1\nany \xff => 2\n", ":2:5: bytes that are not UTF-8"),
+        (b"ethsrctab dhcp.clients.of.the.lan => 1\n", ":1:11: table name \"dhcp.clients.of.the.lan\" is longer than 15"),
+        (b"tcp.dprt 80 => 1\n", ":1:1: tcp.dprt: unknown keyword (did you mean `tcp.dport`?)"),
+    ]
+    for number, (content, message) in enumerate(cases):
+        rules = os.path.join(t.workdir, f"rules{number}.txt")
+        with open(rules, "wb") as f:
+            f.write(content)
+        status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules])
+        print(output)
+        check(status == 2, f"exit status {status} for {content!r}")
+        check(rules + message in output, f"the error names the fault: {message}")
+        check("bound" not in output, "no queue is bound")
+
+
+def test_rule_file_warnings_and_long_result(t):
+    """A result of 32 digits is read whole; what rules do silently is logged at load."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 5001 => " + "0" * 31 + "1\nudp.dport 5001 ip.daddr 127.0.0.1 => 2\n"
+                      "tcp.dport 99999 => 3\n")
+    queue_traffic(udp=(5001,), tcp=())
+    count_marks([1, 2], udp=(5001,), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules])
+    try:
+        daemon.wait_bound()
+        send_udp(5, 5001)
+    finally:
+        status = daemon.stop()
+    output = daemon.output()
+    print(output)
+    check(status == 0, f"exit status {status}")
+    check(f"{rules}:2:1: warning: never reached: the rule at line 1 matches every packet this one matches" in output,
+          "the shadowed rule is logged")
+    check(f"{rules}:3:11: warning: tcp.dport: 99999 is beyond 65535: 34463 is used" in output,
+          "the cut port is logged")
+    counts = counted()
+    print(f"counted {sorted(counts.items())}")
+    check(counts.get(1, 0) == 5, "the 32-digit result 000...0001 marks the packets 1")
+
+
 def test_unreadable_rule_file(t):
     for path in (os.path.join(t.workdir, "missing.txt"), t.workdir):
         status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", path])
