@@ -618,9 +618,8 @@ CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   return true;
 }
 
-// The same verdict out of line, for the searches that try few rules per
-// packet (sub-lists and siblings of equal value): one copy of the tests
-// serves them all.
+// The same verdict out of line, for the set search: one copy of the tests
+// serves every list it walks.
 CLFY_COLD bool applies_out_of_line(nuv_clfy &rule, PacketFacts &facts) {
   // Reading the network layer has no effect but its cost, paid once a packet.
   if (!(facts.read & kReadNetwork)) read_network(facts);
@@ -636,45 +635,8 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
   return holds(rule, facts, mark, explaining);
 }
 
-namespace {
-
-// The packet's value for a segment's kind, or false when the packet has
-// none (then no sibling of the segment can match).
-CLFY_HOT bool packet_key(PacketFacts &f, const Segment &segment, std::uint32_t &key) {
-  if (!(f.read & kReadNetwork)) read_network(f);
-  switch (segment.kind) {
-    case SegmentKind::kSource4:
-      if (f.family != kFamilyIpv4) return false;
-      key = load_net32(f.ip + 12) & segment.mask;
-      return true;
-    case SegmentKind::kDest4:
-      if (f.family != kFamilyIpv4) return false;
-      key = load_net32(f.ip + 16) & segment.mask;
-      return true;
-    case SegmentKind::kDport:
-      if (!f.family) return false;
-      need_transport(f);
-      if (!(f.readable & kHasDport)) return false;
-      key = f.dport;
-      return true;
-    case SegmentKind::kProto:
-      if (!f.family || f.proto_key == kProtoUnreadable) return false;
-      key = f.proto_key;
-      return true;
-  }
-  return false;
-}
-
-// The applying rule among the siblings of `segment` whose value is the
-// packet's, tried in list order; null when none applies.
-CLFY_COLD nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts) {
-  std::uint32_t key;
-  if (!packet_key(facts, segment, key)) return nullptr;
-  const IndexEntry *end = segment.entries + segment.count;
-  const IndexEntry *e = std::lower_bound(static_cast<const IndexEntry *>(segment.entries), end, key,
-                                         [](const IndexEntry &entry, std::uint32_t k) { return entry.key < k; });
-  for (; e != end && e->key == key; ++e) {
-    nuv_clfy *rule = e->rule;
+nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
+  for (; rule; rule = rule->next) {
     if (!applies_out_of_line(*rule, facts)) continue;
     if (!rule->children) return rule;
     if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
@@ -682,50 +644,18 @@ CLFY_COLD nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts)
   return nullptr;
 }
 
-}  // namespace
-
-nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
-  const ListIndex *index = rule ? list_index(rule) : nullptr;
-  const Segment *segment = index ? index->segments : nullptr;
-  const Segment *segments_end = index ? index->segments + index->segment_count : nullptr;
-  while (rule) {
-    if (segment != segments_end && rule == segment->start) {
-      if (nuv_clfy *found = first_in_segment(*segment, facts)) return found;
-      rule = segment->after;
-      ++segment;
-      continue;
-    }
-    if (applies_out_of_line(*rule, facts)) {
-      if (!rule->children) return rule;
-      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
-    }
-    rule = rule->next;
-  }
-  return nullptr;
+bool rule_applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
+  if (!(facts.read & kReadNetwork)) read_network(facts);
+  return applies<true>(rule, facts, mark);
 }
 
-// How far ahead of the rule being tested the walk of an order fetches.
-constexpr std::uint32_t kFetchAhead = 4;
+void read_network_layer(PacketFacts &facts) {
+  if (!(facts.read & kReadNetwork)) read_network(facts);
+}
 
-nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts) {
-  const SetOrder *order = set_order(&set);
-  if (!order || !order->count || order->rules[0] != set.head) return first_applying(set.head, facts);
-  nuv_clfy *const *rules = order->rules;
-  const std::uint32_t count = order->count;
-  if (!(facts.read & kReadNetwork)) read_network_here(facts);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    nuv_clfy *rule = rules[i];
-    // The conditions of a rule a few places ahead are fetched while this one
-    // is tested.
-    if (i + kFetchAhead < count) __builtin_prefetch(&rules[i + kFetchAhead]->ip_proto);
-    if (applies<true>(*rule, facts, 0)) {
-      if (!rule->children) return rule;
-      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
-    }
-    // The links decide: from the first difference on, they are followed.
-    if (rule->next != rules[i + 1]) return first_applying(rule->next, facts);
-  }
-  return nullptr;
+void read_transport_layer(PacketFacts &facts) {
+  read_network_layer(facts);
+  if (facts.family && !(facts.read & kReadTransport)) read_transport(facts);
 }
 
 }  // namespace dp::clfy

@@ -1,0 +1,589 @@
+// Compiled rule sets: a decision tree per rule list over five header
+// fields, built once from a set and owned by the caller.
+//
+// Every list of the set (the top-level list and each sub-list) gets a
+// binary tree whose nodes split the range of one field at a threshold: the
+// IPv4 source and destination address, the source and destination port and
+// the protocol.  A leaf holds, in list order, the rules whose conditions on
+// those fields can hold for a packet whose values lie in the leaf's region.
+// The search walks to the leaf of the packet's values and tries the leaf's
+// rules in order through the one test sequence.  A rule left out of the leaf
+// fails one of the five fields, which the sequence tests before anything
+// with a side effect (DHCP learning, hit counting), so the verdict, the hits
+// and the DHCP clients learned are those of trying every rule of the list.
+//
+// A field the packet lacks (no IPv4 address, no readable port, no protocol)
+// takes the value 0 on the walk; rules that test that field are turned away
+// at the leaf by their record's `needs` bits.
+//
+// Everything lives in flat arrays addressed by index (rules, their records,
+// nodes, leaf entries, lists), with small integer fields, so the same form
+// can be walked with bounded loops by code that has no pointers.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "dp_bytes.h"
+#include "dp_wire.h"
+#include "nuvclfy.h"
+#include "nuvclfy_match_priv.h"
+#include "nuvclfy_priv.h"
+
+namespace dp::clfy {
+namespace {
+
+// ---- The compiled form ----
+
+enum Field : std::uint8_t { kSource, kDestination, kSourcePort, kDestinationPort, kProtocol, kFields };
+
+inline constexpr std::uint8_t kNeedSource = 1u << kSource;
+inline constexpr std::uint8_t kNeedDestination = 1u << kDestination;
+inline constexpr std::uint8_t kNeedSourcePort = 1u << kSourcePort;
+inline constexpr std::uint8_t kNeedDestinationPort = 1u << kDestinationPort;
+inline constexpr std::uint8_t kNeedProtocol = 1u << kProtocol;
+
+// The largest value of each field.
+constexpr std::uint32_t kFieldMax[kFields] = {0xffffffffu, 0xffffffffu, 0xffffu, 0xffffu, 0xffu};
+
+// What a rule asks of the five fields: for each, the smallest range that
+// holds every value its conditions accept (the whole field when it has no
+// condition on it), and which fields the packet must have at all.
+struct RuleRecord {
+  std::uint32_t lo[kFields];
+  std::uint32_t hi[kFields];
+  std::uint8_t needs;   // kNeed* bits
+  std::uint8_t covers;  // 1: the rule matches every packet inside its ranges that has the fields it needs
+  std::uint16_t reserved;
+  std::uint32_t children;  // 1 + index of its sub-list, 0 for none
+};
+
+// A decision or a leaf.  A decision sends values up to `threshold` of
+// field `field` to node `a`, greater ones to node `b`; a leaf (`field` ==
+// kFields) holds entries a .. a+b-1.
+struct Node {
+  std::uint32_t threshold;
+  std::uint32_t a;
+  std::uint32_t b;
+  std::uint8_t field;
+  std::uint8_t reserved[3];
+};
+
+struct ListRecord {
+  std::uint32_t root;        // node index
+  std::uint32_t first_rule;  // the list's rules are first_rule .. first_rule+rule_count-1, in list order
+  std::uint32_t rule_count;
+};
+
+// The packet's five values and which of them it has.
+struct Keys {
+  std::uint32_t value[kFields];
+  std::uint8_t has;
+};
+
+// Most rules of all levels, and the deepest nesting of sub-lists: the
+// indexes are 32-bit, and the search recurses once per level.
+constexpr std::uint32_t kMaxRules = 1u << 24;
+constexpr std::uint32_t kMaxNesting = 32;
+// A leaf of at most this many rules is not split further.
+constexpr std::uint32_t kLeafRules = 8;
+// Decisions on the way to a leaf, at most.
+constexpr std::uint32_t kMaxDepth = 48;
+
+}  // namespace
+}  // namespace dp::clfy
+
+struct nuv_clfy_compiled {
+  std::uint32_t rule_count;
+  std::uint32_t list_count;
+  std::uint32_t node_count;
+  std::uint32_t entry_count;
+  std::uint32_t depth;
+  std::uint32_t bytes;
+  nuv_clfy **rules;
+  dp::clfy::RuleRecord *records;
+  dp::clfy::ListRecord *lists;
+  dp::clfy::Node *nodes;
+  std::uint32_t *entries;
+};
+
+namespace dp::clfy {
+namespace {
+
+// ---- A growable array from the classifier's allocator ----
+
+template <class T>
+class Grow {
+ public:
+  Grow() = default;
+  Grow(const Grow &) = delete;
+  Grow &operator=(const Grow &) = delete;
+  ~Grow() { CLFY_FREE(data_); }
+
+  bool push(const T &value) {
+    if (size_ == capacity_ && !grow()) return false;
+    data_[size_++] = value;
+    return true;
+  }
+  T &operator[](std::uint32_t i) { return data_[i]; }
+  const T &operator[](std::uint32_t i) const { return data_[i]; }
+  std::uint32_t size() const { return size_; }
+  std::uint32_t bytes() const { return capacity_ * static_cast<std::uint32_t>(sizeof(T)); }
+  T *data() { return data_; }
+  // Hands the array over; this object is empty afterwards.
+  T *release() {
+    T *data = data_;
+    data_ = nullptr;
+    size_ = capacity_ = 0;
+    return data;
+  }
+
+ private:
+  bool grow() {
+    const std::uint32_t capacity = capacity_ ? capacity_ * 2 : 16;
+    if (capacity > (0x7fffffffu / sizeof(T))) return false;
+    T *data = static_cast<T *>(CLFY_ZALLOC(capacity * sizeof(T)));
+    if (!data) return false;
+    if (size_) std::memcpy(data, data_, size_ * sizeof(T));
+    CLFY_FREE(data_);
+    data_ = data;
+    capacity_ = capacity;
+    return true;
+  }
+
+  T *data_ = nullptr;
+  std::uint32_t size_ = 0;
+  std::uint32_t capacity_ = 0;
+};
+
+// A block from the classifier's allocator, freed when the scope ends.
+template <class T>
+class Scratch {
+ public:
+  explicit Scratch(std::uint32_t count)
+      : data_(count ? static_cast<T *>(CLFY_ZALLOC(std::size_t{count} * sizeof(T))) : nullptr), ok_(!count || data_) {}
+  Scratch(const Scratch &) = delete;
+  Scratch &operator=(const Scratch &) = delete;
+  ~Scratch() { CLFY_FREE(data_); }
+  explicit operator bool() const { return ok_; }
+  T *get() const { return data_; }
+
+ private:
+  T *data_;
+  bool ok_;
+};
+
+// ---- What a rule asks of the five fields ----
+
+struct Range {
+  std::uint32_t lo, hi;
+  bool empty() const { return lo > hi; }
+};
+
+constexpr Range kNoValue{1, 0};
+
+// The values one comparison accepts, within 0..65535.
+Range comparison_range(const nuv_clfy_value &v) {
+  switch (v.op) {
+    case NUV_CLFY_OP_EQ: return {v.value1, v.value1};
+    case NUV_CLFY_OP_NE: return {0, 0xffffu};
+    case NUV_CLFY_OP_LT: return v.value1 == 0 ? kNoValue : Range{0, v.value1 - 1u};
+    case NUV_CLFY_OP_LE: return {0, v.value1};
+    case NUV_CLFY_OP_GT: return v.value1 == 0xffffu ? kNoValue : Range{v.value1 + 1u, 0xffffu};
+    case NUV_CLFY_OP_GE: return {v.value1, 0xffffu};
+    case NUV_CLFY_OP_RANGE: return v.value1 <= v.value2 ? Range{v.value1, v.value2} : kNoValue;
+    default: return {0, 0xffffu};  // 0 and unknown codes always hold
+  }
+}
+
+// The smallest range holding every value some entry of `list` accepts;
+// empty for an empty list, which never holds.
+Range list_range(const nuv_clfy_valuelist &list) {
+  Range hull = kNoValue;
+  for (std::uint32_t i = 0; i < list.count; ++i) {
+    const Range r = comparison_range(list.entries[i]);
+    if (r.empty()) continue;
+    hull = hull.empty() ? r : Range{std::min(hull.lo, r.lo), std::max(hull.hi, r.hi)};
+  }
+  return hull;
+}
+
+// Whether the list accepts exactly the values of its range.
+bool list_is_one_range(const nuv_clfy_valuelist &list) {
+  return list.count == 1 && list.entries[0].op != NUV_CLFY_OP_NE;
+}
+
+// The addresses x with (x & mask) == addr: a range, empty when addr has bits
+// outside the mask.  `exact` says whether the range holds nothing else
+// (the mask is a prefix).
+Range address_range(const nuv_clfy_ipaddr &stored, bool &exact) {
+  const std::uint32_t addr = load_net32(stored.v6);
+  const std::uint32_t mask = load_net32(stored.v6 + 4);
+  const std::uint32_t host = ~mask;
+  exact = (host & (host + 1u)) == 0;
+  if (addr & host) return kNoValue;
+  return {addr, addr | host};
+}
+
+constexpr std::uint32_t kRecordedConditions = NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR | NUV_CLFY_F_SPORTS |
+                                              NUV_CLFY_F_DPORTS | NUV_CLFY_F_IP_PROTO;
+
+RuleRecord record_of(const nuv_clfy &rule) {
+  RuleRecord r{};
+  for (unsigned f = 0; f < kFields; ++f) r.hi[f] = kFieldMax[f];
+  const std::uint32_t flags = rule.flags;
+  bool exact = (flags & ~(kRecordedConditions | NUV_CLFY_F_ETH_PROTO)) == 0 && !rule.children;
+  auto restrict_to = [&r](Field field, Range range) {
+    r.lo[field] = range.lo;
+    r.hi[field] = range.hi;
+    r.needs |= static_cast<std::uint8_t>(1u << field);
+  };
+  auto address = [&](Field field, std::uint32_t bit, const nuv_clfy_ipaddr &stored, std::uint8_t family) {
+    if (!(flags & bit)) return;
+    if (family != wire::kFamilyIpv4) {
+      exact = false;  // an IPv6 address is left to the sequence
+      return;
+    }
+    bool prefix = false;
+    restrict_to(field, address_range(stored, prefix));
+    exact = exact && prefix;
+  };
+  address(kSource, NUV_CLFY_F_IP_SADDR, rule.ip_saddr, rule.ip_saddr_family);
+  address(kDestination, NUV_CLFY_F_IP_DADDR, rule.ip_daddr, rule.ip_daddr_family);
+  if (flags & NUV_CLFY_F_SPORTS) {
+    restrict_to(kSourcePort, list_range(rule.sports));
+    exact = exact && list_is_one_range(rule.sports);
+  }
+  if (flags & NUV_CLFY_F_DPORTS) {
+    restrict_to(kDestinationPort, list_range(rule.dports));
+    exact = exact && list_is_one_range(rule.dports);
+  }
+  if (flags & NUV_CLFY_F_IP_PROTO) restrict_to(kProtocol, {rule.ip_proto, rule.ip_proto});
+  // A packet with an IPv4 address has the IPv4 Ethernet type: the Ethernet
+  // type condition of an IPv4 address rule asks nothing more.
+  if (flags & NUV_CLFY_F_ETH_PROTO)
+    exact = exact && rule.eth_proto == host_to_net16(wire::kEtherTypeIpv4) &&
+            (r.needs & (kNeedSource | kNeedDestination));
+  r.covers = exact ? 1 : 0;
+  return r;
+}
+
+bool record_can_match(const RuleRecord &r) {
+  for (unsigned f = 0; f < kFields; ++f)
+    if (r.lo[f] > r.hi[f]) return false;
+  return true;
+}
+
+// ---- Building ----
+
+// A region of the five fields: lo[f] .. hi[f] each.
+struct Box {
+  std::uint32_t lo[kFields];
+  std::uint32_t hi[kFields];
+};
+
+// Whether every packet with values in `box` satisfies the rule.  A field
+// the rule needs must start above 0 in the box, since 0 also stands for a
+// packet without that field.
+bool covers(const RuleRecord &r, const Box &box) {
+  if (!r.covers) return false;
+  for (unsigned f = 0; f < kFields; ++f) {
+    if (!(r.needs & (1u << f))) continue;
+    if (box.lo[f] == 0 || r.lo[f] > box.lo[f] || box.hi[f] > r.hi[f]) return false;
+  }
+  return true;
+}
+
+struct Split {
+  std::uint8_t field = kFields;
+  std::uint32_t threshold = 0;
+  std::uint32_t worst = 0;  // rules on the fuller side
+  std::uint32_t total = 0;  // rules on both sides together
+};
+
+class Builder {
+ public:
+  Builder(Grow<RuleRecord> &records, std::uint32_t entry_budget) : records_(records), entry_budget_(entry_budget) {}
+
+  Grow<Node> nodes;
+  Grow<std::uint32_t> entries;
+  std::uint32_t depth = 0;
+
+  // The tree of rules ids[0..n-1] (ascending) inside `box`; its root's
+  // index in *root.  `sorted_lo`, `sorted_hi`: scratch of n values.
+  bool build(const std::uint32_t *ids, std::uint32_t n, const Box &box, std::uint32_t level, std::uint32_t *sorted_lo,
+             std::uint32_t *sorted_hi, std::uint32_t &root) {
+    // Behind a rule that matches every packet of the region, nothing is
+    // ever tried.
+    for (std::uint32_t i = 0; i < n; ++i)
+      if (covers(records_[ids[i]], box)) {
+        n = i + 1;
+        break;
+      }
+    if (level > depth) depth = level;
+    Split split;
+    if (n > kLeafRules && level < kMaxDepth && entries.size() < entry_budget_)
+      split = best_split(ids, n, box, sorted_lo, sorted_hi);
+    if (split.field == kFields || split.worst >= n) return leaf(ids, n, root);
+    return decision(ids, n, box, level, split, sorted_lo, sorted_hi, root);
+  }
+
+ private:
+  bool leaf(const std::uint32_t *ids, std::uint32_t n, std::uint32_t &root) {
+    Node node{};
+    node.field = kFields;
+    node.a = entries.size();
+    node.b = n;
+    for (std::uint32_t i = 0; i < n; ++i)
+      if (!entries.push(ids[i])) return false;
+    root = nodes.size();
+    return nodes.push(node);
+  }
+
+  bool decision(const std::uint32_t *ids, std::uint32_t n, const Box &box, std::uint32_t level, const Split &split,
+                std::uint32_t *sorted_lo, std::uint32_t *sorted_hi, std::uint32_t &root) {
+    const Field f = static_cast<Field>(split.field);
+    Scratch<std::uint32_t> sides(split.total);
+    if (!sides) return false;
+    std::uint32_t *left = sides.get();
+    std::uint32_t n_left = 0;
+    for (std::uint32_t i = 0; i < n; ++i)
+      if (records_[ids[i]].lo[f] <= split.threshold) left[n_left++] = ids[i];
+    std::uint32_t *right = left + n_left;
+    std::uint32_t n_right = 0;
+    for (std::uint32_t i = 0; i < n; ++i)
+      if (records_[ids[i]].hi[f] > split.threshold) right[n_right++] = ids[i];
+
+    root = nodes.size();
+    Node node{};
+    node.field = f;
+    node.threshold = split.threshold;
+    if (!nodes.push(node)) return false;
+    Box left_box = box, right_box = box;
+    left_box.hi[f] = split.threshold;
+    right_box.lo[f] = split.threshold + 1;
+    std::uint32_t a = 0, b = 0;
+    if (!build(left, n_left, left_box, level + 1, sorted_lo, sorted_hi, a)) return false;
+    if (!build(right, n_right, right_box, level + 1, sorted_lo, sorted_hi, b)) return false;
+    nodes[root].a = a;
+    nodes[root].b = b;
+    return true;
+  }
+
+  // The threshold, over all fields, that leaves the fewest rules on the
+  // fuller side (then the fewest copies).  A rule goes left when its range
+  // starts at or below the threshold, right when it ends above it.
+  Split best_split(const std::uint32_t *ids, std::uint32_t n, const Box &box, std::uint32_t *sorted_lo,
+                   std::uint32_t *sorted_hi) {
+    Split best;
+    for (unsigned f = 0; f < kFields; ++f) {
+      if (box.lo[f] == box.hi[f]) continue;
+      for (std::uint32_t i = 0; i < n; ++i) {
+        const RuleRecord &r = records_[ids[i]];
+        sorted_lo[i] = std::max(r.lo[f], box.lo[f]);
+        sorted_hi[i] = std::min(r.hi[f], box.hi[f]);
+      }
+      std::sort(sorted_lo, sorted_lo + n);
+      std::sort(sorted_hi, sorted_hi + n);
+      auto consider = [&](std::uint32_t t) {
+        if (t < box.lo[f] || t >= box.hi[f]) return;
+        const auto left = static_cast<std::uint32_t>(std::upper_bound(sorted_lo, sorted_lo + n, t) - sorted_lo);
+        const auto right = n - static_cast<std::uint32_t>(std::upper_bound(sorted_hi, sorted_hi + n, t) - sorted_hi);
+        const std::uint32_t worst = std::max(left, right);
+        if (best.field == kFields || worst < best.worst || (worst == best.worst && left + right < best.total))
+          best = Split{static_cast<std::uint8_t>(f), t, worst, left + right};
+      };
+      for (std::uint32_t i = 0; i < n; ++i) {
+        if (i && sorted_hi[i] == sorted_hi[i - 1]) continue;
+        consider(sorted_hi[i]);
+      }
+      for (std::uint32_t i = 0; i < n; ++i) {
+        if ((i && sorted_lo[i] == sorted_lo[i - 1]) || sorted_lo[i] == 0) continue;
+        consider(sorted_lo[i] - 1);
+      }
+    }
+    return best;
+  }
+
+  Grow<RuleRecord> &records_;
+  std::uint32_t entry_budget_;
+};
+
+Box whole_fields() {
+  Box box{};
+  for (unsigned f = 0; f < kFields; ++f) box.hi[f] = kFieldMax[f];
+  return box;
+}
+
+// The lists of the set, breadth first, each with its rules numbered in list
+// order; each rule's record names its sub-list.
+int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleRecord> &records,
+                 Grow<ListRecord> &lists, Grow<nuv_clfy *> &heads, Grow<std::uint32_t> &nesting) {
+  if (!heads.push(set.head) || !nesting.push(0) || !lists.push(ListRecord{})) return NUV_CLFY_COMPILE_E_NO_MEMORY;
+  for (std::uint32_t l = 0; l < heads.size(); ++l) {
+    lists[l].first_rule = rules.size();
+    for (nuv_clfy *rule = heads[l]; rule; rule = rule->next) {
+      if (rules.size() >= kMaxRules) return NUV_CLFY_COMPILE_E_TOO_BIG;
+      RuleRecord record = record_of(*rule);
+      if (rule->children) {
+        if (nesting[l] + 1 >= kMaxNesting) return NUV_CLFY_COMPILE_E_TOO_BIG;
+        record.children = heads.size() + 1;
+        if (!heads.push(rule->children) || !nesting.push(nesting[l] + 1) || !lists.push(ListRecord{}))
+          return NUV_CLFY_COMPILE_E_NO_MEMORY;
+      }
+      if (!rules.push(rule) || !records.push(record)) return NUV_CLFY_COMPILE_E_NO_MEMORY;
+    }
+    lists[l].rule_count = rules.size() - lists[l].first_rule;
+  }
+  return NUV_CLFY_COMPILE_OK;
+}
+
+// The tree of list `l`: its rules that can match at all, in list order.
+bool build_list(Builder &builder, Grow<RuleRecord> &records, ListRecord &list) {
+  const std::uint32_t n = list.rule_count;
+  Scratch<std::uint32_t> scratch(3 * n);
+  if (!scratch) return false;
+  std::uint32_t *ids = scratch.get();
+  std::uint32_t kept = 0;
+  for (std::uint32_t i = 0; i < n; ++i)
+    if (record_can_match(records[list.first_rule + i])) ids[kept++] = list.first_rule + i;
+  return builder.build(ids, kept, whole_fields(), 0, ids + n, ids + 2 * n, list.root);
+}
+
+void free_compiled(nuv_clfy_compiled *c) {
+  if (!c) return;
+  CLFY_FREE(c->rules);
+  CLFY_FREE(c->records);
+  CLFY_FREE(c->lists);
+  CLFY_FREE(c->nodes);
+  CLFY_FREE(c->entries);
+  CLFY_FREE(c);
+}
+
+// ---- Searching ----
+
+// The packet's five values, read as the test sequence reads them.
+void read_keys(PacketFacts &facts, Keys &keys) {
+  read_transport_layer(facts);
+  keys = Keys{};
+  if (facts.family == wire::kFamilyIpv4) {
+    keys.value[kSource] = load_net32(facts.ip + 12);
+    keys.value[kDestination] = load_net32(facts.ip + 16);
+    keys.has |= kNeedSource | kNeedDestination;
+  }
+  if (!facts.family) return;
+  if (facts.readable & kHasSport) {
+    keys.value[kSourcePort] = facts.sport;
+    keys.has |= kNeedSourcePort;
+  }
+  if (facts.readable & kHasDport) {
+    keys.value[kDestinationPort] = facts.dport;
+    keys.has |= kNeedDestinationPort;
+  }
+  if (facts.proto_key != kProtoUnreadable) {
+    keys.value[kProtocol] = facts.proto;
+    keys.has |= kNeedProtocol;
+  }
+}
+
+inline bool record_holds(const RuleRecord &r, const Keys &keys) {
+  if (r.needs & ~keys.has) return false;
+  for (unsigned f = 0; f < kFields; ++f)
+    if (keys.value[f] - r.lo[f] > r.hi[f] - r.lo[f]) return false;
+  return true;
+}
+
+inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const Keys &keys) {
+  const Node *node = &c.nodes[root];
+  while (node->field < kFields) node = &c.nodes[keys.value[node->field] <= node->threshold ? node->a : node->b];
+  return *node;
+}
+
+nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, PacketFacts &facts,
+                        std::uint32_t mark) {
+  const Node &leaf = leaf_of(c, c.lists[list].root, keys);
+  const std::uint32_t *entry = c.entries + leaf.a;
+  const std::uint32_t *end = entry + leaf.b;
+  for (; entry != end; ++entry) {
+    const RuleRecord &record = c.records[*entry];
+    if (!record_holds(record, keys)) continue;
+    nuv_clfy *rule = c.rules[*entry];
+    if (!rule_applies(*rule, facts, mark)) continue;
+    if (!record.children) return rule;
+    if (nuv_clfy *found = first_in_list(c, record.children - 1, keys, facts, mark)) return found;
+  }
+  return nullptr;
+}
+
+nuv_clfy *search(nuv_clfy_compiled &c, std::uint32_t mark, const nuv_clfy_packet &packet) {
+  if (!c.rule_count) return nullptr;
+  PacketFacts facts;
+  read_packet(packet, facts);
+  Keys keys;
+  read_keys(facts, keys);
+  return first_in_list(c, 0, keys, facts, mark);
+}
+
+}  // namespace
+}  // namespace dp::clfy
+
+using namespace dp::clfy;
+
+extern "C" {
+
+int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
+  if (!set || !out) return NUV_CLFY_COMPILE_E_INVALID;
+  auto *c = static_cast<nuv_clfy_compiled *>(CLFY_ZALLOC(sizeof(nuv_clfy_compiled)));
+  if (!c) return NUV_CLFY_COMPILE_E_NO_MEMORY;
+  Grow<nuv_clfy *> rules, heads;
+  Grow<RuleRecord> records;
+  Grow<ListRecord> lists;
+  Grow<std::uint32_t> nesting;
+  int rc = gather_lists(*set, rules, records, lists, heads, nesting);
+  // Copies of rules among the leaves, at most: past this, regions stay
+  // leaves of more rules (slower, never wrong).
+  const std::uint32_t budget = 32u * rules.size() + 65536u;
+  Builder builder(records, budget);
+  for (std::uint32_t l = 0; rc == NUV_CLFY_COMPILE_OK && l < lists.size(); ++l)
+    if (!build_list(builder, records, lists[l])) rc = NUV_CLFY_COMPILE_E_NO_MEMORY;
+  if (rc != NUV_CLFY_COMPILE_OK) {
+    CLFY_FREE(c);
+    return rc;
+  }
+  c->rule_count = rules.size();
+  c->list_count = lists.size();
+  c->node_count = builder.nodes.size();
+  c->entry_count = builder.entries.size();
+  c->depth = builder.depth;
+  c->bytes = static_cast<std::uint32_t>(sizeof *c) + rules.bytes() + records.bytes() + lists.bytes() +
+             builder.nodes.bytes() + builder.entries.bytes();
+  c->rules = rules.release();
+  c->records = records.release();
+  c->lists = lists.release();
+  c->nodes = builder.nodes.release();
+  c->entries = builder.entries.release();
+  *out = c;
+  return NUV_CLFY_COMPILE_OK;
+}
+
+nuv_clfy *nuv_clfy_compiled_get_clfy(nuv_clfy_compiled *compiled, uint32_t mark, const nuv_clfy_packet *packet) {
+  return search(*compiled, mark, *packet);
+}
+
+int nuv_clfy_compiled_execute(nuv_clfy_compiled *compiled, void *arg, const nuv_clfy_packet *packet) {
+  return execute_action(search(*compiled, 0, *packet), arg, *packet);
+}
+
+void nuv_clfy_compiled_free(nuv_clfy_compiled *compiled) { free_compiled(compiled); }
+
+int nuv_clfy_compiled_get_stats(const nuv_clfy_compiled *compiled, nuv_clfy_compiled_stats *stats) {
+  if (!compiled || !stats) return -1;
+  stats->rules = compiled->rule_count;
+  stats->lists = compiled->list_count;
+  stats->nodes = compiled->node_count;
+  stats->leaf_entries = compiled->entry_count;
+  stats->depth = compiled->depth;
+  stats->bytes = compiled->bytes;
+  return 0;
+}
+
+}  // extern "C"
