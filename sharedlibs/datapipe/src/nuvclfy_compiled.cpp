@@ -60,11 +60,12 @@ struct RuleRecord {
 
 // A cut or a leaf.  A cut divides its region of field `field` into
 // mask+1 equal pieces: the piece of a value is (value >> shift) & mask, and
-// piece i goes on at node slots[first + i] (`slots` is an array of node
-// indexes; equal neighbouring pieces share one node).  Every region is
-// aligned to its power-of-two size, so the piece is found by a shift and a
-// mask, without comparisons for the processor to guess.  A leaf (`field`
-// == kFields) holds the entries first .. first+count-1.
+// piece i goes on at node first + i.  Every region is aligned to its
+// power-of-two size, so the piece is found by a shift and a mask, without
+// comparisons for the processor to guess, and each step of the walk waits
+// for one load only.  Equal neighbouring pieces hold copies of one node,
+// which lead on to the same places.  A leaf (`field` == kFields) holds the
+// entries first .. first+count-1.
 struct Node {
   std::uint32_t first;
   std::uint32_t count;
@@ -108,7 +109,6 @@ struct nuv_clfy_compiled {
   dp::clfy::RuleRecord *records;
   dp::clfy::ListRecord *lists;
   dp::clfy::Node *nodes;
-  std::uint32_t *slots;
   std::uint32_t *entries;
 };
 
@@ -318,14 +318,13 @@ class Builder {
   Builder(Grow<RuleRecord> &records, std::uint32_t slot_budget) : records_(records), slot_budget_(slot_budget) {}
 
   Grow<Node> nodes;
-  Grow<std::uint32_t> slots;
   Grow<std::uint32_t> entries;
   std::uint32_t depth = 0;
 
   // The tree of rules ids[0..n-1] (ascending) inside `box`, whose region of
-  // field f is 2^width[f] values wide; its root's index in `root`.
+  // field f is 2^width[f] values wide; its root node in `root`.
   bool build(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width,
-             std::uint32_t level, std::uint32_t &root) {
+             std::uint32_t level, Node &root) {
     // Behind a rule that matches every packet of the region, nothing is
     // ever tried.
     for (std::uint32_t i = 0; i < n; ++i)
@@ -335,22 +334,21 @@ class Builder {
       }
     if (level > depth) depth = level;
     Cut cut;
-    if (n > kLeafRules && level < kMaxDepth && slots.size() + entries.size() < slot_budget_)
+    if (n > kLeafRules && level < kMaxDepth && nodes.size() + entries.size() < slot_budget_)
       cut = best_cut(ids, n, box, width);
     if (cut.field == kFields) return leaf(ids, n, root);
     return cut_node(ids, n, box, width, level, cut, root);
   }
 
  private:
-  bool leaf(const std::uint32_t *ids, std::uint32_t n, std::uint32_t &root) {
-    Node node{};
-    node.field = kFields;
-    node.first = entries.size();
-    node.count = n;
+  bool leaf(const std::uint32_t *ids, std::uint32_t n, Node &root) {
+    root = Node{};
+    root.field = kFields;
+    root.first = entries.size();
+    root.count = n;
     for (std::uint32_t i = 0; i < n; ++i)
       if (!entries.push(ids[i])) return false;
-    root = nodes.size();
-    return nodes.push(node);
+    return true;
   }
 
   // The first and last piece of `cut` that the rule's range reaches.
@@ -411,19 +409,17 @@ class Builder {
   }
 
   bool cut_node(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width,
-                std::uint32_t level, const Cut &cut, std::uint32_t &root) {
+                std::uint32_t level, const Cut &cut, Node &root) {
     const Field f = static_cast<Field>(cut.field);
     const std::uint32_t pieces = 1u << cut.bits;
     const unsigned shift = width[f] - cut.bits;
-    root = nodes.size();
-    Node node{};
-    node.field = f;
-    node.shift = static_cast<std::uint8_t>(shift);
-    node.mask = static_cast<std::uint16_t>(pieces - 1);
-    node.first = slots.size();
-    if (!nodes.push(node)) return false;
+    root = Node{};
+    root.field = f;
+    root.shift = static_cast<std::uint8_t>(shift);
+    root.mask = static_cast<std::uint16_t>(pieces - 1);
+    root.first = nodes.size();
     for (std::uint32_t p = 0; p < pieces; ++p)
-      if (!slots.push(0)) return false;
+      if (!nodes.push(Node{})) return false;
     // Two lists of the rules of a piece: the previous piece's and this one's.
     Scratch<std::uint32_t> lists(2 * n);
     if (!lists) return false;
@@ -442,14 +438,14 @@ class Builder {
       Box piece = box;
       piece.lo[f] = box.lo[f] + (p << shift);
       piece.hi[f] = piece.lo[f] + ((1u << shift) - 1u);
-      std::uint32_t child;
+      Node child;
       if (p > 1 && n_current == n_previous && std::equal(current, current + n_current, previous) &&
           all_span(current, n_current, f, piece.lo[f] - (1u << shift), piece.hi[f])) {
-        child = slots[nodes[root].first + p - 1];
+        child = nodes[root.first + p - 1];
       } else if (!build(current, n_current, piece, child_width, level + 1, child)) {
         return false;
       }
-      slots[nodes[root].first + p] = child;
+      nodes[root.first + p] = child;
       std::swap(previous, current);
       n_previous = n_current;
     }
@@ -498,7 +494,10 @@ bool build_list(Builder &builder, Grow<RuleRecord> &records, ListRecord &list) {
   std::uint32_t kept = 0;
   for (std::uint32_t i = 0; i < n; ++i)
     if (record_can_match(records[list.first_rule + i])) ids[kept++] = list.first_rule + i;
-  return builder.build(ids, kept, whole_fields(), kFieldBits, 0, list.root);
+  Node root;
+  if (!builder.build(ids, kept, whole_fields(), kFieldBits, 0, root)) return false;
+  list.root = builder.nodes.size();
+  return builder.nodes.push(root);
 }
 
 void free_compiled(nuv_clfy_compiled *c) {
@@ -507,31 +506,28 @@ void free_compiled(nuv_clfy_compiled *c) {
   CLFY_FREE(c->records);
   CLFY_FREE(c->lists);
   CLFY_FREE(c->nodes);
-  CLFY_FREE(c->slots);
   CLFY_FREE(c->entries);
   CLFY_FREE(c);
 }
 
 // ---- Searching ----
 
-// The packet's five values, read as the test sequence reads them.
-void read_keys(PacketFacts &facts, Keys &keys) {
-  read_transport_layer(facts);
+// The packet's five values, read as the test sequence reads them (which
+// it then does no more for the rules it tries).
+inline void read_keys(PacketFacts &facts, Keys &keys) {
+  read_network_here(facts);
   keys = Keys{};
+  if (!facts.family) return;
+  read_transport_here(facts);
   if (facts.family == wire::kFamilyIpv4) {
     keys.value[kSource] = load_be32(facts.ip + 12);
     keys.value[kDestination] = load_be32(facts.ip + 16);
-    keys.has |= kNeedSource | kNeedDestination;
+    keys.has = kNeedSource | kNeedDestination;
   }
-  if (!facts.family) return;
-  if (facts.readable & kHasSport) {
-    keys.value[kSourcePort] = facts.sport;
-    keys.has |= kNeedSourcePort;
-  }
-  if (facts.readable & kHasDport) {
-    keys.value[kDestinationPort] = facts.dport;
-    keys.has |= kNeedDestinationPort;
-  }
+  keys.value[kSourcePort] = facts.sport;
+  keys.value[kDestinationPort] = facts.dport;
+  keys.has |= static_cast<std::uint8_t>(((facts.readable & kHasSport) ? kNeedSourcePort : 0) |
+                                        ((facts.readable & kHasDport) ? kNeedDestinationPort : 0));
   if (facts.proto_key != kProtoUnreadable) {
     keys.value[kProtocol] = facts.proto;
     keys.has |= kNeedProtocol;
@@ -549,7 +545,7 @@ inline bool record_holds(const RuleRecord &r, const Keys &keys) {
 inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const Keys &keys) {
   const Node *node = &c.nodes[root];
   while (node->field < kFields)
-    node = &c.nodes[c.slots[node->first + ((keys.value[node->field] >> node->shift) & node->mask)]];
+    node = &c.nodes[node->first + ((keys.value[node->field] >> node->shift) & node->mask)];
   return *node;
 }
 
@@ -615,12 +611,11 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   c->entry_count = builder.entries.size();
   c->depth = builder.depth;
   c->bytes = static_cast<std::uint32_t>(sizeof *c) + rules.bytes() + records.bytes() + lists.bytes() +
-             builder.nodes.bytes() + builder.slots.bytes() + builder.entries.bytes();
+             builder.nodes.bytes() + builder.entries.bytes();
   c->rules = rules.release();
   c->records = records.release();
   c->lists = lists.release();
   c->nodes = builder.nodes.release();
-  c->slots = builder.slots.release();
   c->entries = builder.entries.release();
   *out = c;
   return NUV_CLFY_COMPILE_OK;
