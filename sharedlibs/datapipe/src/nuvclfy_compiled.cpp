@@ -45,10 +45,11 @@ inline constexpr std::uint8_t kNeedProtocol = 1u << kProtocol;
 // The largest value of each field.
 constexpr std::uint32_t kFieldMax[kFields] = {0xffffffffu, 0xffffffffu, 0xffffu, 0xffffu, 0xffu};
 
-// What a rule asks of the five fields: for each, the smallest range that
-// holds every value its conditions accept (the whole field when it has no
-// condition on it), and which fields the packet must have at all.
-struct RuleRecord {
+// What a rule asks of the five fields, as the tree is built: for each, the
+// smallest range that holds every value its conditions accept (the whole
+// field when it has no condition on it), and which fields the packet must
+// have at all.
+struct RuleBounds {
   std::uint32_t lo[kFields];
   std::uint32_t hi[kFields];
   std::uint8_t needs;   // kNeed* bits
@@ -58,6 +59,37 @@ struct RuleRecord {
   std::uint32_t children;  // 1 + index of its sub-list, 0 for none
 };
 
+// The same, packed into 32 bytes for the search: each field at its own
+// width.
+struct RuleRecord {
+  std::uint32_t source_lo, source_hi;
+  std::uint32_t destination_lo, destination_hi;
+  std::uint16_t source_port_lo, source_port_hi;
+  std::uint16_t destination_port_lo, destination_port_hi;
+  std::uint8_t protocol_lo, protocol_hi;
+  std::uint8_t needs;
+  std::uint8_t covers;
+  std::uint32_t children;
+};
+
+RuleRecord packed(const RuleBounds &b) {
+  RuleRecord r{};
+  r.source_lo = b.lo[kSource];
+  r.source_hi = b.hi[kSource];
+  r.destination_lo = b.lo[kDestination];
+  r.destination_hi = b.hi[kDestination];
+  r.source_port_lo = static_cast<std::uint16_t>(b.lo[kSourcePort]);
+  r.source_port_hi = static_cast<std::uint16_t>(b.hi[kSourcePort]);
+  r.destination_port_lo = static_cast<std::uint16_t>(b.lo[kDestinationPort]);
+  r.destination_port_hi = static_cast<std::uint16_t>(b.hi[kDestinationPort]);
+  r.protocol_lo = static_cast<std::uint8_t>(b.lo[kProtocol]);
+  r.protocol_hi = static_cast<std::uint8_t>(b.hi[kProtocol]);
+  r.needs = b.needs;
+  r.covers = b.covers;
+  r.children = b.children;
+  return r;
+}
+
 // A cut or a leaf.  A cut divides its region of field `field` into
 // mask+1 equal pieces: the piece of a value is (value >> shift) & mask, and
 // piece i goes on at node first + i.  Every region is aligned to its
@@ -65,14 +97,16 @@ struct RuleRecord {
 // comparisons for the processor to guess, and each step of the walk waits
 // for one load only.  Equal neighbouring pieces hold copies of one node,
 // which lead on to the same places.  A leaf (`field` == kFields) holds the
-// entries first .. first+count-1.
+// entries from first on, up to kEndOfLeaf.
 struct Node {
   std::uint32_t first;
-  std::uint32_t count;
   std::uint8_t field;
   std::uint8_t shift;
   std::uint16_t mask;
 };
+
+// Ends the entries of a leaf; no rule has this index.
+constexpr std::uint32_t kEndOfLeaf = 0xffffffffu;
 
 struct ListRecord {
   std::uint32_t root;        // node index
@@ -233,8 +267,8 @@ Range address_range(const nuv_clfy_ipaddr &stored, bool &exact) {
 constexpr std::uint32_t kRecordedConditions = NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR | NUV_CLFY_F_SPORTS |
                                               NUV_CLFY_F_DPORTS | NUV_CLFY_F_IP_PROTO;
 
-RuleRecord record_of(const nuv_clfy &rule) {
-  RuleRecord r{};
+RuleBounds record_of(const nuv_clfy &rule) {
+  RuleBounds r{};
   for (unsigned f = 0; f < kFields; ++f) r.hi[f] = kFieldMax[f];
   const std::uint32_t flags = rule.flags;
   bool exact = (flags & ~(kRecordedConditions | NUV_CLFY_F_ETH_PROTO)) == 0 && !rule.children;
@@ -273,7 +307,7 @@ RuleRecord record_of(const nuv_clfy &rule) {
   return r;
 }
 
-bool record_can_match(const RuleRecord &r) {
+bool record_can_match(const RuleBounds &r) {
   for (unsigned f = 0; f < kFields; ++f)
     if (r.lo[f] > r.hi[f]) return false;
   return true;
@@ -290,7 +324,7 @@ struct Box {
 // Whether every packet with values in `box` satisfies the rule.  A field
 // the rule needs must start above 0 in the box, since 0 also stands for a
 // packet without that field.
-bool covers(const RuleRecord &r, const Box &box) {
+bool covers(const RuleBounds &r, const Box &box) {
   if (!r.covers) return false;
   for (unsigned f = 0; f < kFields; ++f) {
     if (!(r.needs & (1u << f))) continue;
@@ -315,7 +349,7 @@ struct Cut {
 
 class Builder {
  public:
-  Builder(Grow<RuleRecord> &records, std::uint32_t slot_budget) : records_(records), slot_budget_(slot_budget) {}
+  Builder(Grow<RuleBounds> &records, std::uint32_t slot_budget) : records_(records), slot_budget_(slot_budget) {}
 
   Grow<Node> nodes;
   Grow<std::uint32_t> entries;
@@ -345,14 +379,13 @@ class Builder {
     root = Node{};
     root.field = kFields;
     root.first = entries.size();
-    root.count = n;
     for (std::uint32_t i = 0; i < n; ++i)
       if (!entries.push(ids[i])) return false;
-    return true;
+    return entries.push(kEndOfLeaf);
   }
 
   // The first and last piece of `cut` that the rule's range reaches.
-  static void pieces_of(const RuleRecord &r, Field f, const Box &box, unsigned shift, std::uint32_t &first,
+  static void pieces_of(const RuleBounds &r, Field f, const Box &box, unsigned shift, std::uint32_t &first,
                         std::uint32_t &last) {
     const std::uint32_t lo = std::max(r.lo[f], box.lo[f]) - box.lo[f];
     const std::uint32_t hi = std::min(r.hi[f], box.hi[f]) - box.lo[f];
@@ -402,7 +435,7 @@ class Builder {
   // field.)
   bool all_span(const std::uint32_t *ids, std::uint32_t n, Field f, std::uint32_t lo, std::uint32_t hi) const {
     for (std::uint32_t i = 0; i < n; ++i) {
-      const RuleRecord &r = records_[ids[i]];
+      const RuleBounds &r = records_[ids[i]];
       if (r.lo[f] > lo || r.hi[f] < hi) return false;
     }
     return true;
@@ -452,7 +485,7 @@ class Builder {
     return true;
   }
 
-  Grow<RuleRecord> &records_;
+  Grow<RuleBounds> &records_;
   std::uint32_t slot_budget_;
 };
 
@@ -464,14 +497,14 @@ Box whole_fields() {
 
 // The lists of the set, breadth first, each with its rules numbered in list
 // order; each rule's record names its sub-list.
-int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleRecord> &records,
+int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleBounds> &records,
                  Grow<ListRecord> &lists, Grow<nuv_clfy *> &heads, Grow<std::uint32_t> &nesting) {
   if (!heads.push(set.head) || !nesting.push(0) || !lists.push(ListRecord{})) return NUV_CLFY_COMPILE_E_NO_MEMORY;
   for (std::uint32_t l = 0; l < heads.size(); ++l) {
     lists[l].first_rule = rules.size();
     for (nuv_clfy *rule = heads[l]; rule; rule = rule->next) {
       if (rules.size() >= kMaxRules) return NUV_CLFY_COMPILE_E_TOO_BIG;
-      RuleRecord record = record_of(*rule);
+      RuleBounds record = record_of(*rule);
       if (rule->children) {
         if (nesting[l] + 1 >= kMaxNesting) return NUV_CLFY_COMPILE_E_TOO_BIG;
         record.children = heads.size() + 1;
@@ -486,7 +519,7 @@ int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleReco
 }
 
 // The tree of list `l`: its rules that can match at all, in list order.
-bool build_list(Builder &builder, Grow<RuleRecord> &records, ListRecord &list) {
+bool build_list(Builder &builder, Grow<RuleBounds> &records, ListRecord &list) {
   const std::uint32_t n = list.rule_count;
   Scratch<std::uint32_t> scratch(n);
   if (!scratch) return false;
@@ -536,10 +569,15 @@ inline void read_keys(PacketFacts &facts, Keys &keys) {
 
 // One test of all five ranges without a branch per field: the processor
 // cannot guess which field turns a rule away.
+inline bool outside(std::uint32_t value, std::uint32_t lo, std::uint32_t hi) { return value - lo > hi - lo; }
+
 inline bool record_holds(const RuleRecord &r, const Keys &keys) {
-  unsigned outside = (r.needs & ~keys.has) != 0;
-  for (unsigned f = 0; f < kFields; ++f) outside |= keys.value[f] - r.lo[f] > r.hi[f] - r.lo[f];
-  return !outside;
+  const unsigned missing = (r.needs & ~keys.has) != 0;
+  return !(missing | outside(keys.value[kSource], r.source_lo, r.source_hi) |
+           outside(keys.value[kDestination], r.destination_lo, r.destination_hi) |
+           outside(keys.value[kSourcePort], r.source_port_lo, r.source_port_hi) |
+           outside(keys.value[kDestinationPort], r.destination_port_lo, r.destination_port_hi) |
+           outside(keys.value[kProtocol], r.protocol_lo, r.protocol_hi));
 }
 
 inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const Keys &keys) {
@@ -552,9 +590,7 @@ inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const
 nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, PacketFacts &facts,
                         std::uint32_t mark) {
   const Node &leaf = leaf_of(c, c.lists[list].root, keys);
-  const std::uint32_t *entry = c.entries + leaf.first;
-  const std::uint32_t *end = entry + leaf.count;
-  for (; entry != end; ++entry) {
+  for (const std::uint32_t *entry = c.entries + leaf.first; *entry != kEndOfLeaf; ++entry) {
     const RuleRecord &record = c.records[*entry];
     if (!record_holds(record, keys)) continue;
     nuv_clfy *rule = c.rules[*entry];
@@ -591,7 +627,7 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   auto *c = static_cast<nuv_clfy_compiled *>(CLFY_ZALLOC(sizeof(nuv_clfy_compiled)));
   if (!c) return NUV_CLFY_COMPILE_E_NO_MEMORY;
   Grow<nuv_clfy *> rules, heads;
-  Grow<RuleRecord> records;
+  Grow<RuleBounds> records;
   Grow<ListRecord> lists;
   Grow<std::uint32_t> nesting;
   int rc = gather_lists(*set, rules, records, lists, heads, nesting);
@@ -610,10 +646,17 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   c->node_count = builder.nodes.size();
   c->entry_count = builder.entries.size();
   c->depth = builder.depth;
-  c->bytes = static_cast<std::uint32_t>(sizeof *c) + rules.bytes() + records.bytes() + lists.bytes() +
+  Grow<RuleRecord> search_records;
+  for (std::uint32_t i = 0; rc == NUV_CLFY_COMPILE_OK && i < records.size(); ++i)
+    if (!search_records.push(packed(records[i]))) rc = NUV_CLFY_COMPILE_E_NO_MEMORY;
+  if (rc != NUV_CLFY_COMPILE_OK) {
+    CLFY_FREE(c);
+    return rc;
+  }
+  c->bytes = static_cast<std::uint32_t>(sizeof *c) + rules.bytes() + search_records.bytes() + lists.bytes() +
              builder.nodes.bytes() + builder.entries.bytes();
   c->rules = rules.release();
-  c->records = records.release();
+  c->records = search_records.release();
   c->lists = lists.release();
   c->nodes = builder.nodes.release();
   c->entries = builder.entries.release();
