@@ -606,13 +606,13 @@ nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Ke
   return nullptr;
 }
 
-nuv_clfy *search(nuv_clfy_compiled &c, std::uint32_t mark, const nuv_clfy_packet &packet) {
-  if (!c.rule_count) return nullptr;
+nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet *packet) {
+  if (!c || !packet || !c->rule_count) return nullptr;
   PacketFacts facts;
-  read_packet(packet, facts);
+  read_packet(*packet, facts);
   Keys keys;
   read_keys(facts, keys);
-  return first_in_list(c, 0, keys, facts, mark);
+  return first_in_list(*c, 0, keys, facts, mark);
 }
 
 }  // namespace
@@ -665,11 +665,12 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
 }
 
 nuv_clfy *nuv_clfy_compiled_get_clfy(nuv_clfy_compiled *compiled, uint32_t mark, const nuv_clfy_packet *packet) {
-  return search(*compiled, mark, *packet);
+  return search(compiled, mark, packet);
 }
 
 int nuv_clfy_compiled_execute(nuv_clfy_compiled *compiled, void *arg, const nuv_clfy_packet *packet) {
-  return execute_action(search(*compiled, 0, *packet), arg, *packet);
+  nuv_clfy *rule = search(compiled, 0, packet);
+  return rule ? execute_action(rule, arg, *packet) : 0;
 }
 
 void nuv_clfy_compiled_free(nuv_clfy_compiled *compiled) { free_compiled(compiled); }
