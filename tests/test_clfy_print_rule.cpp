@@ -138,6 +138,18 @@ TEST(ClfyPrintRule, AlwaysTrueEntriesAreWrittenAsTheFullRange) {
   EXPECT_EQ(printed(parse("ip.len 0-0").get()), "ip.len 0-65535");
 }
 
+TEST(ClfyPrintRule, NamesThatWouldReadAsSomethingElseCannotBeSaid) {
+  char buf[128];
+  // "dev" without a name has an empty name; "dev ===x" is the name "=x"
+  // (the first "==" is the optional one).
+  for (const char *line : {"dev", "dev ===x tcp.dport 80", "brdev", "ip.proto tcp ethsrctab"}) {
+    auto rule = parse(line);
+    ASSERT_TRUE(rule) << line;
+    EXPECT_EQ(nuv_clfy_print_rule(rule.get(), buf, sizeof buf), -1) << line;
+  }
+  nuv_clfy_ethersrctab_freeall();
+}
+
 TEST(ClfyPrintRule, RuleWithoutConditionsIsAny) { EXPECT_EQ(printed(parse("any").get()), "any"); }
 
 TEST(ClfyPrintRule, TooSmallBufferGivesMinusOneAndEmptyText) {

@@ -45,6 +45,18 @@ void print_value_list(TextWriter &out, const nuv_clfy_valuelist &list) {
   }
 }
 
+void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp) {
+  const char *table = dhcp.ethsrctab ? dhcp.ethsrctab->name : "";
+  const char *pattern = dhcp.pattern ? dhcp.pattern : "";
+  if (dhcp.code == 0)
+    out.printf(" dhcpheader %s %s %s", dhcp_hfield2str(dhcp.sub), pattern, table);
+  else if (dhcp.code == 124 || dhcp.code == 125)
+    out.printf(" dhcpoption %d/0x%lx/%d %s %s", dhcp.code, static_cast<unsigned long>(dhcp.enterprise),
+               dhcp.sub, pattern, table);
+  else
+    out.printf(" dhcpoption %d %s %s", dhcp.code, pattern, table);
+}
+
 }  // namespace dp::clfy
 
 namespace {
@@ -124,18 +136,6 @@ const char *port_prefix(std::uint8_t proto) {
   return " ";
 }
 
-void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp) {
-  const char *table = dhcp.ethsrctab ? dhcp.ethsrctab->name : "";
-  const char *pattern = dhcp.pattern ? dhcp.pattern : "";
-  if (dhcp.code == 0)
-    out.printf(" dhcpheader %s %s %s", dhcp_hfield2str(dhcp.sub), pattern, table);
-  else if (dhcp.code == 124 || dhcp.code == 125)
-    out.printf(" dhcpoption %d/0x%lx/%d %s %s", dhcp.code, static_cast<unsigned long>(dhcp.enterprise),
-               dhcp.sub, pattern, table);
-  else
-    out.printf(" dhcpoption %d %s %s", dhcp.code, pattern, table);
-}
-
 void print_transport(TextWriter &out, const nuv_clfy &rule) {
   if (!(rule.flags & NUV_CLFY_GROUP_TRANSPORT)) return;
   char text[kPieceSize];
@@ -145,7 +145,7 @@ void print_transport(TextWriter &out, const nuv_clfy &rule) {
     out.printf("%s.dport %s", port_prefix(rule.ip_proto), list_text(rule.dports, text));
   if (rule.flags & NUV_CLFY_F_TCP_FLAGS)
     out.printf(" tcp.flags 0x%03hx/0x%03hx", dp::net_to_host16(rule.tcp_flags), dp::net_to_host16(rule.tcp_flags_mask));
-  if ((rule.flags & NUV_CLFY_F_DHCP) && rule.dhcp) print_dhcp(out, *rule.dhcp);
+  if ((rule.flags & NUV_CLFY_F_DHCP) && rule.dhcp) dp::clfy::print_dhcp(out, *rule.dhcp);
   if (rule.flags & NUV_CLFY_F_PACKETMATCH) out.printf(" packetmatch %s", rule.packetmatch ? rule.packetmatch : "");
 }
 

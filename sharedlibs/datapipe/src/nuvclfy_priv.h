@@ -121,6 +121,10 @@ void print_comparison(TextWriter &out, std::uint32_t op, std::uint16_t value1, s
 // Appends a value list as rule text prints it ("80,443,>= 8000").
 void print_value_list(TextWriter &out, const nuv_clfy_valuelist &list);
 
+// " dhcpoption CODE[/ENTERPRISE/SUB] PATTERN TABLE" or " dhcpheader FIELD
+// PATTERN TABLE": rule text the parser reads back.
+void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp);
+
 // Interface names keep at most 16 characters and the NUL.
 inline constexpr std::size_t kIfNameLimit = 17;
 // Mask of an ip.tos condition written without one: the ECN bits are ignored.

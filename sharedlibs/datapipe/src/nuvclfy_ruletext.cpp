@@ -68,18 +68,6 @@ void print_list(TextWriter &out, const char *keyword, const nuv_clfy_valuelist &
   }
 }
 
-void print_dhcp(TextWriter &out, const nuv_clfy_dhcp &dhcp) {
-  const char *table = dhcp.ethsrctab ? dhcp.ethsrctab->name : "";
-  const char *pattern = dhcp.pattern ? dhcp.pattern : "";
-  if (dhcp.code == 0)
-    out.printf(" dhcpheader %s %s %s", dhcp_hfield2str(dhcp.sub), pattern, table);
-  else if (dhcp.code == 124 || dhcp.code == 125)
-    out.printf(" dhcpoption %d/%lu/%d %s %s", dhcp.code, static_cast<unsigned long>(dhcp.enterprise), dhcp.sub,
-               pattern, table);
-  else
-    out.printf(" dhcpoption %d %s %s", dhcp.code, pattern, table);
-}
-
 // The conditions before any list: interfaces, link layer, IP header.
 void print_fixed(TextWriter &out, const nuv_clfy &rule) {
   if (has(rule, NUV_CLFY_F_DEV)) out.printf(" dev %s", rule.dev);
@@ -110,7 +98,7 @@ void print_fixed(TextWriter &out, const nuv_clfy &rule) {
     print_address(out, "ip.daddr", rule.ip_daddr, rule.ip_daddr_prefixlen, rule.ip_daddr_family);
   if (has(rule, NUV_CLFY_F_IPDSTTAB) && rule.ipdsttab) out.printf(" ipdsttab %s", rule.ipdsttab->name);
   if (has(rule, NUV_CLFY_F_ICMP_TYPE)) out.printf(" icmp.type %u", rule.icmp_type);
-  if (has(rule, NUV_CLFY_F_DHCP) && rule.dhcp) print_dhcp(out, *rule.dhcp);
+  if (has(rule, NUV_CLFY_F_DHCP) && rule.dhcp) dp::clfy::print_dhcp(out, *rule.dhcp);
 }
 
 // Whether the rule can be said on one line: the parser splits a comma list
