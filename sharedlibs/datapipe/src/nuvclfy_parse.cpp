@@ -752,12 +752,18 @@ struct Failure {
   Lint *lint = nullptr;  // the warning parser's notes, or null
 };
 
-// Notes a keyword the line uses and the protocol it gave the rule.
-void note_use(Lint *lint, long row, const char *at, const nuv_clfy &before, const nuv_clfy &after) {
+// What a rule said about its protocol before a keyword ran.
+struct ProtocolBefore {
+  bool set;
+  std::uint8_t proto;
+};
+
+// Notes a keyword the line uses and the protocol it gave the rule: a
+// keyword gives one when it set or changed the protocol, and ip.proto always.
+void note_use(Lint *lint, long row, const char *at, ProtocolBefore before, const nuv_clfy &after) {
   if (!lint || lint->used >= kMaxKeywordUses) return;
   const bool gave = (after.flags & NUV_CLFY_F_IP_PROTO) &&
-                    (!(before.flags & NUV_CLFY_F_IP_PROTO) || before.ip_proto != after.ip_proto ||
-                     kHandlers[row] == handle_ip_proto);
+                    (!before.set || before.proto != after.ip_proto || kHandlers[row] == handle_ip_proto);
   lint->uses[lint->used++] = KeywordUse{row, at, gave ? after.ip_proto : std::uint8_t{0}};
 }
 
@@ -785,21 +791,13 @@ char *parse_condition(char *p, nuv_clfy *rule, Failure *failure) {
     note = &failure->refusal;
   }
   if (lint) lint->keyword = parsetab[row].keyword;
-  struct Before {
-    std::uint32_t flags;
-    std::uint8_t proto;
-  } before{rule->flags, rule->ip_proto};
+  const ProtocolBefore before{(rule->flags & NUV_CLFY_F_IP_PROTO) != 0, rule->ip_proto};
   const int rc = kHandlers[row](keyword_end, &end, rule, note);
   if (rc < 0) {
     if (failure) failure->code = rc;
     return nullptr;
   }
-  if (lint) {
-    nuv_clfy was{};
-    was.flags = before.flags;
-    was.ip_proto = before.proto;
-    note_use(lint, row, p, was, *rule);
-  }
+  note_use(lint, row, p, before, *rule);
   return end;
 }
 
@@ -870,9 +868,8 @@ const char *protocol_name(std::uint8_t proto) {
   }
 }
 
-// Where the keyword `handler` is used first, or null.
-const KeywordUse *first_use(const Lint &lint, std::uint32_t flag, const nuv_clfy &rule) {
-  (void)rule;
+// Where the keyword that sets the presence bit `flag` is used first, or null.
+const KeywordUse *first_use(const Lint &lint, std::uint32_t flag) {
   for (std::size_t i = 0; i < lint.used; ++i) {
     const Handler h = kHandlers[lint.uses[i].row];
     if ((flag == NUV_CLFY_F_IP_SADDR && h == handle_ip_saddr) || (flag == NUV_CLFY_F_IP_DADDR && h == handle_ip_daddr) ||
@@ -884,12 +881,11 @@ const KeywordUse *first_use(const Lint &lint, std::uint32_t flag, const nuv_clfy
   return nullptr;
 }
 
-// The IP version a rule's addresses, ip.version and Ethernet type demand
-// (0 for none), and whether they disagree.
+// Address families that disagree with each other or with ip.version.
 [[gnu::cold]] void lint_families(Lint &lint, const nuv_clfy &rule) {
   const bool has_s = rule.flags & NUV_CLFY_F_IP_SADDR, has_d = rule.flags & NUV_CLFY_F_IP_DADDR;
   if (has_s && has_d && rule.ip_saddr_family != rule.ip_daddr_family) {
-    const KeywordUse *at = first_use(lint, NUV_CLFY_F_IP_DADDR, rule);
+    const KeywordUse *at = first_use(lint, NUV_CLFY_F_IP_DADDR);
     warn(&lint, NUV_CLFY_W_NEVER, at ? at->at : lint.line,
          "never matches: an IPv%u source and an IPv%u destination address in one rule", rule.ip_saddr_family,
          rule.ip_daddr_family);
@@ -898,7 +894,7 @@ const KeywordUse *first_use(const Lint &lint, std::uint32_t flag, const nuv_clfy
   if (!(rule.flags & NUV_CLFY_F_IP_VERSION)) return;
   const std::uint8_t family = has_s ? rule.ip_saddr_family : has_d ? rule.ip_daddr_family : 0;
   if (family && family != rule.ip_version) {
-    const KeywordUse *at = first_use(lint, NUV_CLFY_F_IP_VERSION, rule);
+    const KeywordUse *at = first_use(lint, NUV_CLFY_F_IP_VERSION);
     warn(&lint, NUV_CLFY_W_NEVER, at ? at->at : lint.line, "never matches: ip.version %u with an IPv%u address",
          rule.ip_version, family);
   }
@@ -915,14 +911,14 @@ constexpr std::uint16_t kEtherTypeIpv6 = 0x86DD;
                          ((rule.flags & NUV_CLFY_F_IP_DADDR) && rule.ip_daddr_family == 6) ||
                          ((rule.flags & NUV_CLFY_F_ETH_PROTO) && dp::net_to_host16(rule.eth_proto) == kEtherTypeIpv6);
   if (ipv6_only) return;
-  const KeywordUse *at = first_use(lint, NUV_CLFY_F_ICMP_TYPE, rule);
+  const KeywordUse *at = first_use(lint, NUV_CLFY_F_ICMP_TYPE);
   warn(&lint, NUV_CLFY_W_ICMP_IPV4, at ? at->at : lint.line,
        "icmp.type is tested on IPv6 packets only: IPv4 packets match whatever their type (add ip.version 6)");
 }
 
 // Words behind a packetmatch pattern are conditions and part of the pattern.
-[[gnu::cold]] void lint_packetmatch(Lint &lint, const nuv_clfy &rule) {
-  const KeywordUse *at = first_use(lint, NUV_CLFY_F_PACKETMATCH, rule);
+[[gnu::cold]] void lint_packetmatch(Lint &lint) {
+  const KeywordUse *at = first_use(lint, NUV_CLFY_F_PACKETMATCH);
   if (!at || at == &lint.uses[lint.used - 1]) return;
   warn(&lint, NUV_CLFY_W_PACKETMATCH, at->at,
        "packetmatch is not last: the words after it are conditions and also part of its pattern");
@@ -932,7 +928,7 @@ constexpr std::uint16_t kEtherTypeIpv6 = 0x86DD;
   lint_protocols(lint, rule);
   lint_families(lint, rule);
   lint_icmp(lint, rule);
-  lint_packetmatch(lint, rule);
+  lint_packetmatch(lint);
 }
 
 // The one rule line parser; `diag` is null for nuv_clfy_parse, `lint` is
