@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <fstream>
 #include <string>
 
@@ -80,6 +83,20 @@ TEST(ToolRuleFile, DirectoryIsRefusedByEveryReader) {
   auto c = run_tool("classify tool captures/dns_udp.pcap");
   EXPECT_EQ(c.status, 2);
   EXPECT_EQ(c.err, "nikerkiog: tool: cannot read the rules file: is a directory\n");
+}
+
+TEST(ToolRuleFile, DeviceAndHugeFileAreRefused) {
+  auto device = run_tool("check /dev/null");
+  EXPECT_EQ(device.status, 2);
+  EXPECT_EQ(device.err, "nikerkiog: /dev/null: cannot read the rules file: is not a regular file\n");
+  // A sparse file: no disk space is used.
+  std::string path = build_path("huge.rules");
+  { std::ofstream(path) << "any => 1\n"; }
+  ASSERT_EQ(::truncate(path.c_str(), 17 * 1024 * 1024), 0);
+  auto huge = run_tool("check " + path);
+  EXPECT_EQ(huge.status, 2);
+  EXPECT_TRUE(has(huge.err, "is larger than 16 MiB")) << huge.err;
+  std::remove(path.c_str());
 }
 
 TEST(ToolRuleFile, TabsBetweenWordsReadAsSpaces) {
