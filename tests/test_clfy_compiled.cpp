@@ -508,6 +508,20 @@ TEST_F(ClfyCompiled, CompilingNeedsASetAndAPlaceForTheResult) {
   nuv_clfy_compiled_free(nullptr);
 }
 
+TEST_F(ClfyCompiled, NullCompiledSetOrPacketFindsNothing) {
+  clfytest::Set set;
+  set.add("udp.dport 53", 5);
+  Compiled compiled(set.set);
+  Packet p;
+  udp_packet(p, 53);
+  int arg = 0;
+  EXPECT_EQ(nuv_clfy_compiled_get_clfy(nullptr, 0, &p.desc), nullptr);
+  EXPECT_EQ(nuv_clfy_compiled_get_clfy(compiled.c, 0, nullptr), nullptr);
+  EXPECT_EQ(nuv_clfy_compiled_execute(nullptr, &arg, &p.desc), 0);
+  EXPECT_EQ(nuv_clfy_compiled_execute(compiled.c, &arg, nullptr), 0);
+  EXPECT_EQ(set.set.head->hits, 0u);
+}
+
 TEST_F(ClfyCompiled, SetRecordMayMoveAfterCompiling) {
   auto *first = new clfytest::Set;
   first->add("udp.dport 53", 5);

@@ -45,28 +45,68 @@ inline constexpr std::uint8_t kNeedProtocol = 1u << kProtocol;
 // The largest value of each field.
 constexpr std::uint32_t kFieldMax[kFields] = {0xffffffffu, 0xffffffffu, 0xffffu, 0xffffu, 0xffu};
 
-// What a rule asks of the five fields: for each, the smallest range that
-// holds every value its conditions accept (the whole field when it has no
-// condition on it), and which fields the packet must have at all.
-struct RuleRecord {
+// What a rule asks of the five fields, as the tree is built: for each, the
+// smallest range that holds every value its conditions accept (the whole
+// field when it has no condition on it), and which fields the packet must
+// have at all.
+struct RuleBounds {
   std::uint32_t lo[kFields];
   std::uint32_t hi[kFields];
   std::uint8_t needs;   // kNeed* bits
-  std::uint8_t covers;  // 1: the rule matches every packet inside its ranges that has the fields it needs
+  std::uint8_t covers;  // 1: the ranges are the whole rule (it has no other condition and no sub-rules), so
+                        // it matches every packet inside them that has the fields it needs
   std::uint16_t reserved;
   std::uint32_t children;  // 1 + index of its sub-list, 0 for none
 };
 
-// A decision or a leaf.  A decision sends values up to `threshold` of
-// field `field` to node `a`, greater ones to node `b`; a leaf (`field` ==
-// kFields) holds entries a .. a+b-1.
-struct Node {
-  std::uint32_t threshold;
-  std::uint32_t a;
-  std::uint32_t b;
-  std::uint8_t field;
-  std::uint8_t reserved[3];
+// The same, packed into 32 bytes for the search: each field at its own
+// width.
+struct RuleRecord {
+  std::uint32_t source_lo, source_hi;
+  std::uint32_t destination_lo, destination_hi;
+  std::uint16_t source_port_lo, source_port_hi;
+  std::uint16_t destination_port_lo, destination_port_hi;
+  std::uint8_t protocol_lo, protocol_hi;
+  std::uint8_t needs;
+  std::uint8_t covers;
+  std::uint32_t children;
 };
+
+RuleRecord packed(const RuleBounds &b) {
+  RuleRecord r{};
+  r.source_lo = b.lo[kSource];
+  r.source_hi = b.hi[kSource];
+  r.destination_lo = b.lo[kDestination];
+  r.destination_hi = b.hi[kDestination];
+  r.source_port_lo = static_cast<std::uint16_t>(b.lo[kSourcePort]);
+  r.source_port_hi = static_cast<std::uint16_t>(b.hi[kSourcePort]);
+  r.destination_port_lo = static_cast<std::uint16_t>(b.lo[kDestinationPort]);
+  r.destination_port_hi = static_cast<std::uint16_t>(b.hi[kDestinationPort]);
+  r.protocol_lo = static_cast<std::uint8_t>(b.lo[kProtocol]);
+  r.protocol_hi = static_cast<std::uint8_t>(b.hi[kProtocol]);
+  r.needs = b.needs;
+  r.covers = b.covers;
+  r.children = b.children;
+  return r;
+}
+
+// A cut or a leaf.  A cut divides its region of field `field` into
+// mask+1 equal pieces: the piece of a value is (value >> shift) & mask, and
+// piece i goes on at node first + i.  Every region is aligned to its
+// power-of-two size, so the piece is found by a shift and a mask, without
+// comparisons for the processor to guess, and each step of the walk waits
+// for one load only.  Equal neighbouring pieces hold copies of one node,
+// which lead on to the same places.  A leaf (`field` == kFields) holds the
+// entries from first on, up to kEndOfLeaf.
+struct Node {
+  std::uint32_t first;
+  std::uint8_t field;
+  std::uint8_t shift;
+  std::uint16_t mask;
+};
+
+// Ends the entries of a leaf; no rule has this index.
+constexpr std::uint32_t kEndOfLeaf = 0xffffffffu;
 
 struct ListRecord {
   std::uint32_t root;        // node index
@@ -87,7 +127,7 @@ constexpr std::uint32_t kMaxNesting = 32;
 // A leaf of at most this many rules is not split further.
 constexpr std::uint32_t kLeafRules = 8;
 // Decisions on the way to a leaf, at most.
-constexpr std::uint32_t kMaxDepth = 48;
+constexpr std::uint32_t kMaxDepth = 16;
 
 }  // namespace
 }  // namespace dp::clfy
@@ -216,8 +256,8 @@ bool list_is_one_range(const nuv_clfy_valuelist &list) {
 // outside the mask.  `exact` says whether the range holds nothing else
 // (the mask is a prefix).
 Range address_range(const nuv_clfy_ipaddr &stored, bool &exact) {
-  const std::uint32_t addr = load_net32(stored.v6);
-  const std::uint32_t mask = load_net32(stored.v6 + 4);
+  const std::uint32_t addr = load_be32(stored.v6);
+  const std::uint32_t mask = load_be32(stored.v6 + 4);
   const std::uint32_t host = ~mask;
   exact = (host & (host + 1u)) == 0;
   if (addr & host) return kNoValue;
@@ -227,8 +267,8 @@ Range address_range(const nuv_clfy_ipaddr &stored, bool &exact) {
 constexpr std::uint32_t kRecordedConditions = NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_IP_DADDR | NUV_CLFY_F_SPORTS |
                                               NUV_CLFY_F_DPORTS | NUV_CLFY_F_IP_PROTO;
 
-RuleRecord record_of(const nuv_clfy &rule) {
-  RuleRecord r{};
+RuleBounds record_of(const nuv_clfy &rule) {
+  RuleBounds r{};
   for (unsigned f = 0; f < kFields; ++f) r.hi[f] = kFieldMax[f];
   const std::uint32_t flags = rule.flags;
   bool exact = (flags & ~(kRecordedConditions | NUV_CLFY_F_ETH_PROTO)) == 0 && !rule.children;
@@ -267,7 +307,7 @@ RuleRecord record_of(const nuv_clfy &rule) {
   return r;
 }
 
-bool record_can_match(const RuleRecord &r) {
+bool record_can_match(const RuleBounds &r) {
   for (unsigned f = 0; f < kFields; ++f)
     if (r.lo[f] > r.hi[f]) return false;
   return true;
@@ -284,7 +324,7 @@ struct Box {
 // Whether every packet with values in `box` satisfies the rule.  A field
 // the rule needs must start above 0 in the box, since 0 also stands for a
 // packet without that field.
-bool covers(const RuleRecord &r, const Box &box) {
+bool covers(const RuleBounds &r, const Box &box) {
   if (!r.covers) return false;
   for (unsigned f = 0; f < kFields; ++f) {
     if (!(r.needs & (1u << f))) continue;
@@ -293,25 +333,32 @@ bool covers(const RuleRecord &r, const Box &box) {
   return true;
 }
 
-struct Split {
+// Width of each field's whole range in bits.
+constexpr std::uint8_t kFieldBits[kFields] = {32, 32, 16, 16, 8};
+// Most bits one cut takes, and how many copies of its rules a cut may make
+// (times the rules of the node, plus its pieces) before it is too costly.
+constexpr std::uint32_t kMaxCutBits = 6;
+constexpr std::uint32_t kSpaceFactor = 4;
+
+struct Cut {
   std::uint8_t field = kFields;
-  std::uint32_t threshold = 0;
-  std::uint32_t worst = 0;  // rules on the fuller side
-  std::uint32_t total = 0;  // rules on both sides together
+  std::uint8_t bits = 0;
+  std::uint32_t worst = 0;  // rules in the fullest piece
+  std::uint32_t total = 0;  // rules in all pieces together
 };
 
 class Builder {
  public:
-  Builder(Grow<RuleRecord> &records, std::uint32_t entry_budget) : records_(records), entry_budget_(entry_budget) {}
+  Builder(Grow<RuleBounds> &records, std::uint32_t slot_budget) : records_(records), slot_budget_(slot_budget) {}
 
   Grow<Node> nodes;
   Grow<std::uint32_t> entries;
   std::uint32_t depth = 0;
 
-  // The tree of rules ids[0..n-1] (ascending) inside `box`; its root's
-  // index in *root.  `sorted_lo`, `sorted_hi`: scratch of n values.
-  bool build(const std::uint32_t *ids, std::uint32_t n, const Box &box, std::uint32_t level, std::uint32_t *sorted_lo,
-             std::uint32_t *sorted_hi, std::uint32_t &root) {
+  // The tree of rules ids[0..n-1] (ascending) inside `box`, whose region of
+  // field f is 2^width[f] values wide; its root node in `root`.
+  bool build(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width,
+             std::uint32_t level, Node &root) {
     // Behind a rule that matches every packet of the region, nothing is
     // ever tried.
     for (std::uint32_t i = 0; i < n; ++i)
@@ -320,92 +367,126 @@ class Builder {
         break;
       }
     if (level > depth) depth = level;
-    Split split;
-    if (n > kLeafRules && level < kMaxDepth && entries.size() < entry_budget_)
-      split = best_split(ids, n, box, sorted_lo, sorted_hi);
-    if (split.field == kFields || split.worst >= n) return leaf(ids, n, root);
-    return decision(ids, n, box, level, split, sorted_lo, sorted_hi, root);
+    Cut cut;
+    if (n > kLeafRules && level < kMaxDepth && nodes.size() + entries.size() < slot_budget_)
+      cut = best_cut(ids, n, box, width);
+    if (cut.field == kFields) return leaf(ids, n, root);
+    return cut_node(ids, n, box, width, level, cut, root);
   }
 
  private:
-  bool leaf(const std::uint32_t *ids, std::uint32_t n, std::uint32_t &root) {
-    Node node{};
-    node.field = kFields;
-    node.a = entries.size();
-    node.b = n;
+  bool leaf(const std::uint32_t *ids, std::uint32_t n, Node &root) {
+    root = Node{};
+    root.field = kFields;
+    root.first = entries.size();
     for (std::uint32_t i = 0; i < n; ++i)
       if (!entries.push(ids[i])) return false;
-    root = nodes.size();
-    return nodes.push(node);
+    return entries.push(kEndOfLeaf);
   }
 
-  bool decision(const std::uint32_t *ids, std::uint32_t n, const Box &box, std::uint32_t level, const Split &split,
-                std::uint32_t *sorted_lo, std::uint32_t *sorted_hi, std::uint32_t &root) {
-    const Field f = static_cast<Field>(split.field);
-    Scratch<std::uint32_t> sides(split.total);
-    if (!sides) return false;
-    std::uint32_t *left = sides.get();
-    std::uint32_t n_left = 0;
-    for (std::uint32_t i = 0; i < n; ++i)
-      if (records_[ids[i]].lo[f] <= split.threshold) left[n_left++] = ids[i];
-    std::uint32_t *right = left + n_left;
-    std::uint32_t n_right = 0;
-    for (std::uint32_t i = 0; i < n; ++i)
-      if (records_[ids[i]].hi[f] > split.threshold) right[n_right++] = ids[i];
-
-    root = nodes.size();
-    Node node{};
-    node.field = f;
-    node.threshold = split.threshold;
-    if (!nodes.push(node)) return false;
-    Box left_box = box, right_box = box;
-    left_box.hi[f] = split.threshold;
-    right_box.lo[f] = split.threshold + 1;
-    std::uint32_t a = 0, b = 0;
-    if (!build(left, n_left, left_box, level + 1, sorted_lo, sorted_hi, a)) return false;
-    if (!build(right, n_right, right_box, level + 1, sorted_lo, sorted_hi, b)) return false;
-    nodes[root].a = a;
-    nodes[root].b = b;
-    return true;
+  // The first and last piece of `cut` that the rule's range reaches.
+  static void pieces_of(const RuleBounds &r, Field f, const Box &box, unsigned shift, std::uint32_t &first,
+                        std::uint32_t &last) {
+    const std::uint32_t lo = std::max(r.lo[f], box.lo[f]) - box.lo[f];
+    const std::uint32_t hi = std::min(r.hi[f], box.hi[f]) - box.lo[f];
+    first = shift >= 32 ? 0 : lo >> shift;
+    last = shift >= 32 ? 0 : hi >> shift;
   }
 
-  // The threshold, over all fields, that leaves the fewest rules on the
-  // fuller side (then the fewest copies).  A rule goes left when its range
-  // starts at or below the threshold, right when it ends above it.
-  Split best_split(const std::uint32_t *ids, std::uint32_t n, const Box &box, std::uint32_t *sorted_lo,
-                   std::uint32_t *sorted_hi) {
-    Split best;
+  // For each field the widest cut within the space factor; of those, the
+  // one that leaves the fewest rules in its fullest piece (then the fewest
+  // copies).
+  Cut best_cut(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width) {
+    Cut best;
+    std::uint32_t count[(1u << kMaxCutBits) + 1];
     for (unsigned f = 0; f < kFields; ++f) {
-      if (box.lo[f] == box.hi[f]) continue;
-      for (std::uint32_t i = 0; i < n; ++i) {
-        const RuleRecord &r = records_[ids[i]];
-        sorted_lo[i] = std::max(r.lo[f], box.lo[f]);
-        sorted_hi[i] = std::min(r.hi[f], box.hi[f]);
+      Cut widest;
+      for (unsigned bits = 1; bits <= kMaxCutBits && bits <= width[f]; ++bits) {
+        const std::uint32_t pieces = 1u << bits;
+        const unsigned shift = width[f] - bits;
+        std::memset(count, 0, sizeof(std::uint32_t) * (pieces + 1));
+        std::uint32_t total = 0;
+        for (std::uint32_t i = 0; i < n; ++i) {
+          std::uint32_t first, last;
+          pieces_of(records_[ids[i]], static_cast<Field>(f), box, shift, first, last);
+          ++count[first];
+          --count[last + 1];
+          total += last - first + 1;
+        }
+        if (total > kSpaceFactor * n + pieces) break;
+        // A cut that leaves every rule in every piece gains nothing.
+        if (total == n * pieces) continue;
+        std::uint32_t worst = 0, running = 0;
+        for (std::uint32_t p = 0; p < pieces; ++p) worst = std::max(worst, running += count[p]);
+        widest = Cut{static_cast<std::uint8_t>(f), static_cast<std::uint8_t>(bits), worst, total};
       }
-      std::sort(sorted_lo, sorted_lo + n);
-      std::sort(sorted_hi, sorted_hi + n);
-      auto consider = [&](std::uint32_t t) {
-        if (t < box.lo[f] || t >= box.hi[f]) return;
-        const auto left = static_cast<std::uint32_t>(std::upper_bound(sorted_lo, sorted_lo + n, t) - sorted_lo);
-        const auto right = n - static_cast<std::uint32_t>(std::upper_bound(sorted_hi, sorted_hi + n, t) - sorted_hi);
-        const std::uint32_t worst = std::max(left, right);
-        if (best.field == kFields || worst < best.worst || (worst == best.worst && left + right < best.total))
-          best = Split{static_cast<std::uint8_t>(f), t, worst, left + right};
-      };
-      for (std::uint32_t i = 0; i < n; ++i) {
-        if (i && sorted_hi[i] == sorted_hi[i - 1]) continue;
-        consider(sorted_hi[i]);
-      }
-      for (std::uint32_t i = 0; i < n; ++i) {
-        if ((i && sorted_lo[i] == sorted_lo[i - 1]) || sorted_lo[i] == 0) continue;
-        consider(sorted_lo[i] - 1);
-      }
+      if (widest.field == kFields) continue;
+      if (best.field == kFields || widest.worst < best.worst ||
+          (widest.worst == best.worst && widest.total < best.total))
+        best = widest;
     }
     return best;
   }
 
-  Grow<RuleRecord> &records_;
-  std::uint32_t entry_budget_;
+  // Whether every rule of ids[0..n-1] takes every value lo..hi of field f.
+  // Then the subtree of one piece serves its neighbour too: no rule tells
+  // the two apart, so neither do the rules that cover a region.  (Piece 0
+  // is never shared: its value 0 also stands for a packet without the
+  // field.)
+  bool all_span(const std::uint32_t *ids, std::uint32_t n, Field f, std::uint32_t lo, std::uint32_t hi) const {
+    for (std::uint32_t i = 0; i < n; ++i) {
+      const RuleBounds &r = records_[ids[i]];
+      if (r.lo[f] > lo || r.hi[f] < hi) return false;
+    }
+    return true;
+  }
+
+  bool cut_node(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width,
+                std::uint32_t level, const Cut &cut, Node &root) {
+    const Field f = static_cast<Field>(cut.field);
+    const std::uint32_t pieces = 1u << cut.bits;
+    const unsigned shift = width[f] - cut.bits;
+    root = Node{};
+    root.field = f;
+    root.shift = static_cast<std::uint8_t>(shift);
+    root.mask = static_cast<std::uint16_t>(pieces - 1);
+    root.first = nodes.size();
+    for (std::uint32_t p = 0; p < pieces; ++p)
+      if (!nodes.push(Node{})) return false;
+    // Two lists of the rules of a piece: the previous piece's and this one's.
+    Scratch<std::uint32_t> lists(2 * n);
+    if (!lists) return false;
+    std::uint32_t *previous = lists.get(), *current = lists.get() + n;
+    std::uint32_t n_previous = 0;
+    std::uint8_t child_width[kFields];
+    std::memcpy(child_width, width, sizeof child_width);
+    child_width[f] = static_cast<std::uint8_t>(shift);
+    for (std::uint32_t p = 0; p < pieces; ++p) {
+      std::uint32_t n_current = 0;
+      for (std::uint32_t i = 0; i < n; ++i) {
+        std::uint32_t first, last;
+        pieces_of(records_[ids[i]], f, box, shift, first, last);
+        if (first <= p && p <= last) current[n_current++] = ids[i];
+      }
+      Box piece = box;
+      piece.lo[f] = box.lo[f] + (p << shift);
+      piece.hi[f] = piece.lo[f] + ((1u << shift) - 1u);
+      Node child;
+      if (p > 1 && n_current == n_previous && std::equal(current, current + n_current, previous) &&
+          all_span(current, n_current, f, piece.lo[f] - (1u << shift), piece.hi[f])) {
+        child = nodes[root.first + p - 1];
+      } else if (!build(current, n_current, piece, child_width, level + 1, child)) {
+        return false;
+      }
+      nodes[root.first + p] = child;
+      std::swap(previous, current);
+      n_previous = n_current;
+    }
+    return true;
+  }
+
+  Grow<RuleBounds> &records_;
+  std::uint32_t slot_budget_;
 };
 
 Box whole_fields() {
@@ -416,14 +497,14 @@ Box whole_fields() {
 
 // The lists of the set, breadth first, each with its rules numbered in list
 // order; each rule's record names its sub-list.
-int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleRecord> &records,
+int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleBounds> &records,
                  Grow<ListRecord> &lists, Grow<nuv_clfy *> &heads, Grow<std::uint32_t> &nesting) {
   if (!heads.push(set.head) || !nesting.push(0) || !lists.push(ListRecord{})) return NUV_CLFY_COMPILE_E_NO_MEMORY;
   for (std::uint32_t l = 0; l < heads.size(); ++l) {
     lists[l].first_rule = rules.size();
     for (nuv_clfy *rule = heads[l]; rule; rule = rule->next) {
       if (rules.size() >= kMaxRules) return NUV_CLFY_COMPILE_E_TOO_BIG;
-      RuleRecord record = record_of(*rule);
+      RuleBounds record = record_of(*rule);
       if (rule->children) {
         if (nesting[l] + 1 >= kMaxNesting) return NUV_CLFY_COMPILE_E_TOO_BIG;
         record.children = heads.size() + 1;
@@ -438,15 +519,18 @@ int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleReco
 }
 
 // The tree of list `l`: its rules that can match at all, in list order.
-bool build_list(Builder &builder, Grow<RuleRecord> &records, ListRecord &list) {
+bool build_list(Builder &builder, Grow<RuleBounds> &records, ListRecord &list) {
   const std::uint32_t n = list.rule_count;
-  Scratch<std::uint32_t> scratch(3 * n);
+  Scratch<std::uint32_t> scratch(n);
   if (!scratch) return false;
   std::uint32_t *ids = scratch.get();
   std::uint32_t kept = 0;
   for (std::uint32_t i = 0; i < n; ++i)
     if (record_can_match(records[list.first_rule + i])) ids[kept++] = list.first_rule + i;
-  return builder.build(ids, kept, whole_fields(), 0, ids + n, ids + 2 * n, list.root);
+  Node root;
+  if (!builder.build(ids, kept, whole_fields(), kFieldBits, 0, root)) return false;
+  list.root = builder.nodes.size();
+  return builder.nodes.push(root);
 }
 
 void free_compiled(nuv_clfy_compiled *c) {
@@ -461,52 +545,60 @@ void free_compiled(nuv_clfy_compiled *c) {
 
 // ---- Searching ----
 
-// The packet's five values, read as the test sequence reads them.
-void read_keys(PacketFacts &facts, Keys &keys) {
-  read_transport_layer(facts);
+// The packet's five values, read as the test sequence reads them (which
+// it then does no more for the rules it tries).
+inline void read_keys(PacketFacts &facts, Keys &keys) {
+  read_network_here(facts);
   keys = Keys{};
-  if (facts.family == wire::kFamilyIpv4) {
-    keys.value[kSource] = load_net32(facts.ip + 12);
-    keys.value[kDestination] = load_net32(facts.ip + 16);
-    keys.has |= kNeedSource | kNeedDestination;
-  }
   if (!facts.family) return;
-  if (facts.readable & kHasSport) {
-    keys.value[kSourcePort] = facts.sport;
-    keys.has |= kNeedSourcePort;
+  read_transport_here(facts);
+  if (facts.family == wire::kFamilyIpv4) {
+    keys.value[kSource] = load_be32(facts.ip + 12);
+    keys.value[kDestination] = load_be32(facts.ip + 16);
+    keys.has = kNeedSource | kNeedDestination;
   }
-  if (facts.readable & kHasDport) {
-    keys.value[kDestinationPort] = facts.dport;
-    keys.has |= kNeedDestinationPort;
-  }
+  keys.value[kSourcePort] = facts.sport;
+  keys.value[kDestinationPort] = facts.dport;
+  keys.has |= static_cast<std::uint8_t>(((facts.readable & kHasSport) ? kNeedSourcePort : 0) |
+                                        ((facts.readable & kHasDport) ? kNeedDestinationPort : 0));
   if (facts.proto_key != kProtoUnreadable) {
     keys.value[kProtocol] = facts.proto;
     keys.has |= kNeedProtocol;
   }
 }
 
+// One test of all five ranges without a branch per field: the processor
+// cannot guess which field turns a rule away.
+inline bool outside(std::uint32_t value, std::uint32_t lo, std::uint32_t hi) { return value - lo > hi - lo; }
+
 inline bool record_holds(const RuleRecord &r, const Keys &keys) {
-  if (r.needs & ~keys.has) return false;
-  for (unsigned f = 0; f < kFields; ++f)
-    if (keys.value[f] - r.lo[f] > r.hi[f] - r.lo[f]) return false;
-  return true;
+  const unsigned missing = (r.needs & ~keys.has) != 0;
+  return !(missing | outside(keys.value[kSource], r.source_lo, r.source_hi) |
+           outside(keys.value[kDestination], r.destination_lo, r.destination_hi) |
+           outside(keys.value[kSourcePort], r.source_port_lo, r.source_port_hi) |
+           outside(keys.value[kDestinationPort], r.destination_port_lo, r.destination_port_hi) |
+           outside(keys.value[kProtocol], r.protocol_lo, r.protocol_hi));
 }
 
 inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const Keys &keys) {
   const Node *node = &c.nodes[root];
-  while (node->field < kFields) node = &c.nodes[keys.value[node->field] <= node->threshold ? node->a : node->b];
+  while (node->field < kFields)
+    node = &c.nodes[node->first + ((keys.value[node->field] >> node->shift) & node->mask)];
   return *node;
 }
 
 nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, PacketFacts &facts,
                         std::uint32_t mark) {
   const Node &leaf = leaf_of(c, c.lists[list].root, keys);
-  const std::uint32_t *entry = c.entries + leaf.a;
-  const std::uint32_t *end = entry + leaf.b;
-  for (; entry != end; ++entry) {
+  for (const std::uint32_t *entry = c.entries + leaf.first; *entry != kEndOfLeaf; ++entry) {
     const RuleRecord &record = c.records[*entry];
     if (!record_holds(record, keys)) continue;
     nuv_clfy *rule = c.rules[*entry];
+    if (record.covers) {
+      // The ranges are the whole rule: the record's test is the verdict.
+      if (rule->flags) ++rule->hits;
+      return rule;
+    }
     if (!rule_applies(*rule, facts, mark)) continue;
     if (!record.children) return rule;
     if (nuv_clfy *found = first_in_list(c, record.children - 1, keys, facts, mark)) return found;
@@ -514,13 +606,13 @@ nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Ke
   return nullptr;
 }
 
-nuv_clfy *search(nuv_clfy_compiled &c, std::uint32_t mark, const nuv_clfy_packet &packet) {
-  if (!c.rule_count) return nullptr;
+nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet *packet) {
+  if (!c || !packet || !c->rule_count) return nullptr;
   PacketFacts facts;
-  read_packet(packet, facts);
+  read_packet(*packet, facts);
   Keys keys;
   read_keys(facts, keys);
-  return first_in_list(c, 0, keys, facts, mark);
+  return first_in_list(*c, 0, keys, facts, mark);
 }
 
 }  // namespace
@@ -535,7 +627,7 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   auto *c = static_cast<nuv_clfy_compiled *>(CLFY_ZALLOC(sizeof(nuv_clfy_compiled)));
   if (!c) return NUV_CLFY_COMPILE_E_NO_MEMORY;
   Grow<nuv_clfy *> rules, heads;
-  Grow<RuleRecord> records;
+  Grow<RuleBounds> records;
   Grow<ListRecord> lists;
   Grow<std::uint32_t> nesting;
   int rc = gather_lists(*set, rules, records, lists, heads, nesting);
@@ -554,10 +646,17 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   c->node_count = builder.nodes.size();
   c->entry_count = builder.entries.size();
   c->depth = builder.depth;
-  c->bytes = static_cast<std::uint32_t>(sizeof *c) + rules.bytes() + records.bytes() + lists.bytes() +
+  Grow<RuleRecord> search_records;
+  for (std::uint32_t i = 0; rc == NUV_CLFY_COMPILE_OK && i < records.size(); ++i)
+    if (!search_records.push(packed(records[i]))) rc = NUV_CLFY_COMPILE_E_NO_MEMORY;
+  if (rc != NUV_CLFY_COMPILE_OK) {
+    CLFY_FREE(c);
+    return rc;
+  }
+  c->bytes = static_cast<std::uint32_t>(sizeof *c) + rules.bytes() + search_records.bytes() + lists.bytes() +
              builder.nodes.bytes() + builder.entries.bytes();
   c->rules = rules.release();
-  c->records = records.release();
+  c->records = search_records.release();
   c->lists = lists.release();
   c->nodes = builder.nodes.release();
   c->entries = builder.entries.release();
@@ -566,11 +665,12 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
 }
 
 nuv_clfy *nuv_clfy_compiled_get_clfy(nuv_clfy_compiled *compiled, uint32_t mark, const nuv_clfy_packet *packet) {
-  return search(*compiled, mark, *packet);
+  return search(compiled, mark, packet);
 }
 
 int nuv_clfy_compiled_execute(nuv_clfy_compiled *compiled, void *arg, const nuv_clfy_packet *packet) {
-  return execute_action(search(*compiled, 0, *packet), arg, *packet);
+  nuv_clfy *rule = search(compiled, 0, packet);
+  return rule ? execute_action(rule, arg, *packet) : 0;
 }
 
 void nuv_clfy_compiled_free(nuv_clfy_compiled *compiled) { free_compiled(compiled); }

@@ -33,9 +33,6 @@ using dp::load_be16;
 
 using namespace dp::wire;
 
-// The ports of a packet with a hop-by-hop header are read behind it,
-// taking it to be of the smallest size.
-constexpr std::uint32_t kHopByHopLength = 8;
 
 // The hot path of a test is inlined into the per-packet loops; conditions
 // that are rare or costly stay out of line so that the loops stay small.
@@ -156,12 +153,6 @@ CLFY_RARE bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &pac
 }
 
 // ---- Transport layer, shared by both IP versions ----
-
-// Bytes readable from the transport header on (0 when it starts beyond the
-// packet).
-CLFY_HOT std::uint32_t transport_room(PacketFacts &f) {
-  return f.transport <= f.available ? f.available - f.transport : 0;
-}
 
 CLFY_HOT bool transport_has(PacketFacts &f, std::uint32_t bytes) {
   return f.transport <= f.available && f.available - f.transport >= bytes;
@@ -468,54 +459,8 @@ CLFY_HOT bool rule_holds(const nuv_clfy &rule, PacketFacts &f, std::uint32_t mar
   return p.miss(Cond::kNothingTestable);
 }
 
-CLFY_HOT void read_transport_here(PacketFacts &f) {
-  f.read |= kReadTransport;
-  f.readable = 0;
-  const std::uint32_t room = transport_room(f);
-  const std::uint8_t *t = f.ip + f.transport;
-  if (room >= 2) {
-    f.readable |= kHasSport;
-    f.sport = load_be16(t);
-  }
-  if (room >= 4) {
-    f.readable |= kHasDport;
-    f.dport = load_be16(t + 2);
-  }
-  if (room >= 14) {
-    f.readable |= kHasTcpWord;
-    f.tcp_word = load_be16(t + 12);
-  }
-}
-
 // The same, out of line for the callers off the hot paths.
 CLFY_COLD void read_transport(PacketFacts &f) { read_transport_here(f); }
-
-// The network layer, read when the first rule with an IP condition is
-// tried: the version to follow and where the transport header starts.
-CLFY_HOT void read_network_here(PacketFacts &f) {
-  const nuv_clfy_packet &packet = *f.desc;
-  const std::uint8_t *ip = packet.ip_header;
-  f.read |= kReadNetwork;
-  f.family = 0;
-  f.ip = ip;
-  f.available = packet.ip_len;
-  if (!ip) return;
-  if (packet.eth_proto == net_to_host16(kEtherTypeIpv4)) {
-    if (f.available < kIpv4HeaderLength) return;
-    f.family = kFamilyIpv4;
-    f.proto = ip[9];
-    f.proto_key = f.proto;
-    f.transport = (ip[0] & 0x0fu) * 4u;
-  } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
-    if (f.available < kIpv6HeaderLength) return;
-    const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
-    const bool behind = f.available > kIpv6HeaderLength;
-    f.family = kFamilyIpv6;
-    f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
-    f.proto_key = hop_by_hop && !behind ? kProtoUnreadable : f.proto;
-    f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
-  }
-}
 
 // The same, out of line for the callers off the hot paths.
 CLFY_COLD void read_network(PacketFacts &f) { read_network_here(f); }

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 
 namespace dp::clfy {
@@ -47,6 +49,68 @@ inline constexpr std::uint8_t kHasTcpWord = 4;
 inline void read_packet(const nuv_clfy_packet &packet, PacketFacts &facts) {
   facts.desc = &packet;
   facts.read = 0;
+}
+
+// ---- Reading the packet (in line: every search starts with it) ----
+
+// The ports of a packet with a hop-by-hop header are read behind it,
+// taking it to be of the smallest size.
+inline constexpr std::uint32_t kHopByHopLength = 8;
+
+// Bytes readable from the transport header on (0 when it starts beyond the
+// packet).
+inline std::uint32_t transport_room(PacketFacts &f) {
+  return f.transport <= f.available ? f.available - f.transport : 0;
+}
+
+// The transport words that lie inside the packet.
+inline void read_transport_here(PacketFacts &f) {
+  f.read |= kReadTransport;
+  f.readable = 0;
+  // A port the packet lacks reads as 0, so that every word has a value.
+  f.sport = f.dport = 0;
+  const std::uint32_t room = transport_room(f);
+  const std::uint8_t *t = f.ip + f.transport;
+  if (room >= 2) {
+    f.readable |= kHasSport;
+    f.sport = dp::load_be16(t);
+  }
+  if (room >= 4) {
+    f.readable |= kHasDport;
+    f.dport = dp::load_be16(t + 2);
+  }
+  if (room >= 14) {
+    f.readable |= kHasTcpWord;
+    f.tcp_word = dp::load_be16(t + 12);
+  }
+}
+
+// The network layer, read when the first rule with an IP condition is
+// tried: the version to follow and where the transport header starts.
+inline void read_network_here(PacketFacts &f) {
+  using namespace dp::wire;
+  const nuv_clfy_packet &packet = *f.desc;
+  const std::uint8_t *ip = packet.ip_header;
+  f.read |= kReadNetwork;
+  f.family = 0;
+  f.ip = ip;
+  f.available = packet.ip_len;
+  if (!ip) return;
+  if (packet.eth_proto == net_to_host16(kEtherTypeIpv4)) {
+    if (f.available < kIpv4HeaderLength) return;
+    f.family = kFamilyIpv4;
+    f.proto = ip[9];
+    f.proto_key = f.proto;
+    f.transport = (ip[0] & 0x0fu) * 4u;
+  } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
+    if (f.available < kIpv6HeaderLength) return;
+    const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
+    const bool behind = f.available > kIpv6HeaderLength;
+    f.family = kFamilyIpv6;
+    f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
+    f.proto_key = hop_by_hop && !behind ? kProtoUnreadable : f.proto;
+    f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
+  }
 }
 
 // The conditions as the sequence names them, in the order it tests them.

@@ -676,13 +676,14 @@ NIKERKIOG_API int nuv_clfy_set_compile(const struct nuv_clfy_set *set, struct nu
  * counted and DHCP clients learned.  `mark` is the packet's traffic class,
  * which localmark conditions test; the set search always passes 0, so pass
  * 0 for its answers.  Allocates nothing except while evaluating a DHCP
- * condition. */
+ * condition.  A null `compiled` or `packet` finds nothing. */
 NIKERKIOG_API struct nuv_clfy *nuv_clfy_compiled_get_clfy(struct nuv_clfy_compiled *compiled, uint32_t mark,
                                                           const nuv_clfy_packet *packet);
 
 /* As nuv_clfy_set_execute on the set the structure was built from (mark 0):
  * finds the applying rule and, when it has an owner and a registered action
- * with an execute callback, returns that callback's result; otherwise 0. */
+ * with an execute callback, returns that callback's result; otherwise 0
+ * (also for a null `compiled` or `packet`). */
 NIKERKIOG_API int nuv_clfy_compiled_execute(struct nuv_clfy_compiled *compiled, void *arg,
                                             const nuv_clfy_packet *packet);
 
