@@ -247,9 +247,10 @@ def draw_rule(rng, profile, pool):
             proto = TCP if kind == "tcp" else UDP
             sports = draw_ports(rng, weighted(rng, profile.sports))
             dports = draw_ports(rng, weighted(rng, profile.dports))
-            # The rule text allows one comma list per line, after the others.
-            if sports and len(sports) > 1:
-                sports = sports[:1]
+            # A comma list of ports splits every port condition of the line
+            # at its commas, so it is the line's only port condition.
+            if dports and len(dports) > 1:
+                sports = None
             if sports:
                 words.append("%s.sport %s" % (kind, port_condition_text(sports)))
             if dports:
