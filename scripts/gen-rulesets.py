@@ -263,8 +263,10 @@ def draw_rule(rng, profile, pool):
         elif kind == "other":
             proto = rng.choice(OTHER_PROTOCOLS)
             words.append("ip.proto P%d" % proto)
-        if not words:
-            continue  # a rule for every packet ends the search for all; real sets keep it last, if at all
+        if not words or (not src.length and not dst.length and kind in ("tcp", "udp") and not sports and not dports):
+            # A rule for every packet, or for every TCP or UDP packet, ends the
+            # search for all of them: real sets hold it once, last, if at all.
+            continue
         return Rule(" ".join(words), src, dst, proto, sports, dports)
 
 
