@@ -590,3 +590,43 @@ TEST_F(ClfyCompiled, FreedSetCompiledAgainAfterAChangeSeesTheChange) {
   Compiled after(set.set);
   EXPECT_EQ(nuv_clfy_compiled_get_clfy(after.c, 0, &p.desc), second);
 }
+
+namespace {
+
+// A chain of `levels` rules "udp.dport 53", each the only sub-rule of the
+// one before; the innermost has result 99.
+void nested_chain(clfytest::Set &set, int levels) {
+  nuv_clfy *parent = set.add("udp.dport 53", 1);
+  for (int level = 1; level < levels; ++level) {
+    nuv_clfy *child = nullptr;
+    ASSERT_EQ(nuv_clfy_parse("udp.dport 53", &child), 0);
+    child->owner = &set.set;
+    child->result = level + 1 == levels ? 99 : static_cast<std::uint16_t>(level + 1);
+    parent->children = child;
+    parent = child;
+  }
+}
+
+}  // namespace
+
+TEST_F(ClfyCompiled, SubListsNestedThirtyTwoDeepAreSearched) {
+  clfytest::Set set;
+  nested_chain(set, 32);
+  Compiled compiled(set.set);
+  ASSERT_NE(compiled.c, nullptr);
+  Packet p;
+  udp_packet(p, 53);
+  const nuv_clfy *rule = nuv_clfy_compiled_get_clfy(compiled.c, 0, &p.desc);
+  ASSERT_NE(rule, nullptr);
+  EXPECT_EQ(rule->result, 99);
+  EXPECT_EQ(set.set.head->hits, 1u);
+}
+
+TEST_F(ClfyCompiled, DeeperNestingIsRefusedAsTooBig) {
+  clfytest::Set set;
+  nested_chain(set, 33);
+  testsupport::NoLeakGuard guard;
+  nuv_clfy_compiled *c = nullptr;
+  EXPECT_EQ(nuv_clfy_set_compile(&set.set, &c), NUV_CLFY_COMPILE_E_TOO_BIG);
+  EXPECT_EQ(c, nullptr);
+}
