@@ -662,7 +662,7 @@ enum nuv_clfy_compile_result {
   NUV_CLFY_COMPILE_E_NO_MEMORY = -2, /* the allocator refused; nothing stays allocated */
   NUV_CLFY_COMPILE_E_TOO_BIG = -3    /* more than 2^24 rules, or lists nested more than 32 deep (the
                                         top-level list is the first); a list linked into a ring ends
-                                        here too */
+                                        with this code or the previous one, never in an endless loop */
 };
 
 /* Builds the search structure of `set` as it stands now (its top-level list
