@@ -123,7 +123,7 @@ struct Keys {
 };
 
 // Most rules of all levels, and the deepest nesting of sub-lists: the
-// indexes are 32-bit, and the search recurses once per level.
+// indexes are 32-bit, and the search keeps one place per level.
 constexpr std::uint32_t kMaxRules = 1u << 24;
 constexpr std::uint32_t kMaxNesting = 32;
 // A leaf of at most this many rules is not split further.
@@ -589,13 +589,28 @@ inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const
   return *node;
 }
 
-nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, PacketFacts &facts,
-                        std::uint32_t mark) {
-  const Node &leaf = leaf_of(c, c.lists[list].root, keys);
-  for (const std::uint32_t *entry = c.entries + leaf.first; *entry != kEndOfLeaf; ++entry) {
-    const RuleRecord &record = c.records[*entry];
+// The first entry of the leaf of list `list` that the packet reaches.
+inline const std::uint32_t *leaf_entries(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys) {
+  return c.entries + leaf_of(c, c.lists[list].root, keys).first;
+}
+
+// The applying rule: the leaf's rules in order; a matching rule with
+// sub-rules sends the search into its sub-list's leaf, and back behind it
+// when none of them applies.  The way back is kept in a stack as deep as
+// the nesting (which compiling bounds), not in calls.
+nuv_clfy *first_applying(const nuv_clfy_compiled &c, const Keys &keys, PacketFacts &facts, std::uint32_t mark) {
+  const std::uint32_t *resume[kMaxNesting];
+  std::uint32_t depth = 0;
+  const std::uint32_t *entry = leaf_entries(c, 0, keys);
+  for (;;) {
+    while (*entry == kEndOfLeaf) {
+      if (depth == 0) return nullptr;
+      entry = resume[--depth];
+    }
+    const std::uint32_t index = *entry++;
+    const RuleRecord &record = c.records[index];
     if (!record_holds(record, keys)) continue;
-    nuv_clfy *rule = c.rules[*entry];
+    nuv_clfy *rule = c.rules[index];
     if (record.covers) {
       // The ranges are the whole rule: the record's test is the verdict.
       if (rule->flags) ++rule->hits;
@@ -603,9 +618,9 @@ nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Ke
     }
     if (!rule_applies(*rule, facts, mark)) continue;
     if (!record.children) return rule;
-    if (nuv_clfy *found = first_in_list(c, record.children - 1, keys, facts, mark)) return found;
+    resume[depth++] = entry;
+    entry = leaf_entries(c, record.children - 1, keys);
   }
-  return nullptr;
 }
 
 nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet *packet) {
@@ -614,7 +629,7 @@ nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet
   read_packet(*packet, facts);
   Keys keys;
   read_keys(facts, keys);
-  return first_in_list(*c, 0, keys, facts, mark);
+  return first_applying(*c, keys, facts, mark);
 }
 
 }  // namespace
