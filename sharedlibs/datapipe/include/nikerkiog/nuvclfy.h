@@ -837,7 +837,8 @@ typedef struct nuv_clfy_warning {
 #define NUV_CLFY_MAX_WARNINGS 8
 
 /* Parses `text` exactly like nuv_clfy_parse_with_diag (same result, rule,
- * ownership and diag) and, when the line is accepted, stores in `warnings`
+ * ownership and diag; `diag` may be null) and, when the line is accepted,
+ * stores in `warnings`
  * (room for NUV_CLFY_MAX_WARNINGS) what the rule does that its text does not
  * say, and their count in *count (0 on refusal): numbers cut to their field
  * with the value used, prefix lengths beyond the address, icmp.type where
