@@ -821,7 +821,8 @@ enum nuv_clfy_warning_kind {
   NUV_CLFY_W_NEVER = 5,        /* conditions that can never hold together */
   NUV_CLFY_W_TABLE_NAME = 6,   /* a table name longer than 15 characters (an error) */
   NUV_CLFY_W_PACKETMATCH = 7,  /* packetmatch not last on its line */
-  NUV_CLFY_W_SHADOWED = 8      /* an earlier rule matches every packet this one matches */
+  NUV_CLFY_W_SHADOWED = 8      /* an earlier rule matches every packet this one matches
+                                  (for callers of nuv_clfy_covers; the parser never gives it) */
 };
 
 /* Something the parser accepted but a reader of the rule would not guess. */
@@ -830,7 +831,7 @@ typedef struct nuv_clfy_warning {
   int32_t is_error;  /* 1 when the rule cannot work as written (table names) */
   uint32_t offset;   /* byte offset in the line of the word concerned */
   uint32_t length;   /* bytes of that word */
-  char text[160];    /* e.g. "tcp.dport 99999 is beyond 65535: 34463 is used" */
+  char text[160];    /* e.g. "tcp.dport: 99999 is beyond 65535: 34463 is used" */
 } nuv_clfy_warning;
 
 /* Most warnings nuv_clfy_parse_with_warnings reports for one line. */
