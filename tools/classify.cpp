@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 
@@ -53,7 +54,7 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
                      std::string &error) {
   std::ifstream in(path);
   if (!in) {
-    error = "cannot read the rules file";
+    error = std::strerror(errno);
     return false;
   }
   std::size_t number = 0;
@@ -81,7 +82,7 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
     rules.push_back(rule);
   }
   if (in.bad()) {
-    error = "read error";
+    error = std::strerror(errno ? errno : EIO);
     return false;
   }
   return true;

@@ -243,7 +243,7 @@ class ClassifyRun {
       out += R"(,"rule_line":null)";
     }
     if (unsure) {
-      nlohmann::json beyond{{"captured", frame.bytes.size()}, {"length", frame.wire_length}, {"keyword", unsure->keyword}};
+      nlohmann::json beyond{{"captured", frame.bytes.size()}, {"wire_length", frame.wire_length}, {"keyword", unsure->keyword}};
       if (unsure->group.empty()) beyond["line"] = unsure->line;
       out += R"(,"beyond_snap":)" + beyond.dump();
     }

@@ -86,3 +86,6 @@ write_pcap("snapped-64.pcap", [
 ], snaplen=64)
 
 write_pcap("dhcp-lengths.pcap", [dhcp_options_message()])
+
+# Given to classify in the place of a rule file.
+write_pcap("refused.pcap", [eth(IP(src="192.0.2.10", dst="192.0.2.53") / UDP(sport=40004, dport=53) / Raw(b"q"))])
