@@ -184,24 +184,7 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
   memcpy(rule->action_data, &index, sizeof index);
   rule->result = split->result;
   resolve_interfaces(rule, devs);
-  nuv_clfy_add_tail(&rules->set, rule);
-  return 0;
-}
-
-static int own_rule(nuv_clfy *rule, int depth, void *set) {
-  (void)depth;
-  rule->owner = set;
-  return 0;
-}
-
-/* Replaces the set's list by its restructured tree. */
-static int optimise_set(struct classd_ruleset *rules) {
-  nuv_clfy_set tree;
-  memset(&tree, 0, sizeof tree);
-  if (nuv_clfy_set_optim(&rules->set, &tree) != 0) return -1;
-  nuv_clfy_del_and_free_all(&rules->set);
-  rules->set.head = tree.head;
-  nuv_clfy_set_walk(&rules->set, own_rule, &rules->set);
+  rules->last = nuv_clfy_add_tail_after(&rules->set, rules->last, rule);
   return 0;
 }
 
@@ -248,8 +231,12 @@ struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd
   }
   status = read_rules(file, path, devs, classes, rules, error);
   fclose(file);
-  if (status == 0 && optimise && optimise_set(rules) != 0) {
+  if (status == 0 && optimise && nuv_clfy_set_optim_in_place(&rules->set) != 0) {
     add_error(error, "%s: out of memory while restructuring the rule set", path);
+    status = -1;
+  }
+  if (status == 0 && nuv_clfy_set_compile(&rules->set, &rules->compiled) != NUV_CLFY_COMPILE_OK) {
+    add_error(error, "%s: out of memory while compiling the rule set", path);
     status = -1;
   }
   if (status != 0) {
@@ -262,6 +249,7 @@ struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd
 void classd_ruleset_free(struct classd_ruleset *rules) {
   size_t i;
   if (!rules) return;
+  nuv_clfy_compiled_free(rules->compiled);
   nuv_clfy_del_and_free_all(&rules->set);
   for (i = 0; i < rules->count; ++i) free(rules->rules[i].text);
   free(rules->rules);
@@ -269,7 +257,7 @@ void classd_ruleset_free(struct classd_ruleset *rules) {
 }
 
 struct classd_rule *classd_ruleset_classify(struct classd_ruleset *rules, const nuv_clfy_packet *packet) {
-  nuv_clfy *rule = nuv_clfy_get_clfy_from_set(&rules->set, 0, packet);
+  nuv_clfy *rule = nuv_clfy_compiled_get_clfy(rules->compiled, 0, packet);
   uint32_t index;
   if (!rule) return NULL;
   memcpy(&index, rule->action_data, sizeof index);

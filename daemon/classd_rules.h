@@ -39,11 +39,14 @@ struct classd_rule {
   char *text;        /* the rule text as written, without "=> N" */
 };
 
-/* A loaded rule file: the set packets are matched against and its rules in
- * file order.  Each classifier rule of the set carries the index of its
- * entry in `rules` in its action data. */
+/* A loaded rule file: the set packets are matched against, its compiled
+ * form (which the search uses), and its rules in file order.  Each
+ * classifier rule of the set carries the index of its entry in `rules` in
+ * its action data. */
 struct classd_ruleset {
   nuv_clfy_set set;
+  nuv_clfy *last;              /* the set's last top-level rule while loading */
+  nuv_clfy_compiled *compiled; /* made once the set is complete */
   struct classd_rule *rules;
   size_t count;
 };

@@ -68,6 +68,19 @@ inline int tree_verdict(nuv_clfy_set *set, const Packet &p) {
   return rule ? rule->result : 0;
 }
 
+// A compiled set of `set`, freed at the end of the scope.
+struct OwnedCompiled {
+  nuv_clfy_compiled *compiled = nullptr;
+  explicit OwnedCompiled(const nuv_clfy_set &set) { FUZZ_CHECK(nuv_clfy_set_compile(&set, &compiled) == 0); }
+  ~OwnedCompiled() { nuv_clfy_compiled_free(compiled); }
+  OwnedCompiled(const OwnedCompiled &) = delete;
+  OwnedCompiled &operator=(const OwnedCompiled &) = delete;
+  int verdict(const Packet &p) const {
+    const nuv_clfy *rule = nuv_clfy_compiled_get_clfy(compiled, 0, &p.desc);
+    return rule ? rule->result : 0;
+  }
+};
+
 }  // namespace fuzz
 
 #endif

@@ -3,8 +3,8 @@
 // executed on the input taken as a packet whose ip_len is exactly the
 // number of bytes there are.  Every rule's verdict is the same whether
 // asked with nuv_clfy_explain or nuv_clfy_matches, and the set's first
-// match is the same rule by rule, through the set search and after
-// nuv_clfy_set_optim.
+// match is the same rule by rule, through the set search, through the
+// compiled set and after nuv_clfy_set_optim.
 // Input: device, bridge device, mark, VLAN tag, Ethernet addresses, then
 // the IP packet.
 #include "clfy_fuzz.h"
@@ -69,13 +69,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }
     fill_tables();
     FUZZ_CHECK(nuv_clfy_set_optim(&linear.set, &grouped.set) == 0);
-    const int want = fuzz::first_match(linear.set.head, packet);
-    // The list is long enough to be searched through its order.
-    FUZZ_CHECK(fuzz::tree_verdict(&linear.set, packet) == want);
-    // That search may have learned a DHCP client into a table that an
-    // earlier rule tests: the grouped set is compared with the list as it
-    // stands now.
+    fuzz::OwnedCompiled compiled_linear(linear.set), compiled_grouped(grouped.set);
+    // Each search may learn a DHCP client into a table that an earlier rule
+    // tests: every search is compared with the list as it stands just
+    // before it.
+    FUZZ_CHECK(fuzz::tree_verdict(&linear.set, packet) == fuzz::first_match(linear.set.head, packet));
+    FUZZ_CHECK(compiled_linear.verdict(packet) == fuzz::first_match(linear.set.head, packet));
     FUZZ_CHECK(fuzz::tree_verdict(&grouped.set, packet) == fuzz::first_match(linear.set.head, packet));
+    FUZZ_CHECK(compiled_grouped.verdict(packet) == fuzz::first_match(linear.set.head, packet));
     for (nuv_clfy *rule = linear.set.head; rule; rule = rule->next) {
       nuv_clfy_explanation why;
       const int explained = nuv_clfy_explain(rule, &packet.desc, packet.mark, &why);

@@ -122,7 +122,16 @@ void print_line_error(const std::string &file, const LineError &e, const char *s
 RuleSet::RuleSet(std::string device, std::string bridge)
     : action_(tool_action()), device_(std::move(device)), bridge_(std::move(bridge)) {}
 
-RuleSet::~RuleSet() { nuv_clfy_del_and_free_all(&set_); }
+RuleSet::~RuleSet() {
+  forget_compiled();
+  nuv_clfy_del_and_free_all(&set_);
+}
+
+void RuleSet::forget_compiled() {
+  nuv_clfy_compiled_free(compiled_);
+  compiled_ = nullptr;
+  compile_failed_ = false;
+}
 
 std::int32_t RuleSet::interface_index(const char *name) {
   if (name == device_) return kDeviceIndex;
@@ -142,23 +151,20 @@ void RuleSet::bind(nuv_clfy *rule, const RuleLine &line) {
 
 void RuleSet::add(nuv_clfy *rule, const RuleLine &line) {
   bind(rule, line);
-  nuv_clfy_add_tail(&set_, rule);
+  forget_compiled();
+  last_ = nuv_clfy_add_tail_after(&set_, last_, rule);
 }
 
 bool RuleSet::optimise() {
-  nuv_clfy_set optimised{};
-  if (nuv_clfy_set_optim(&set_, &optimised) != 0) return false;
-  nuv_clfy_del_and_free_all(&set_);
-  set_.head = optimised.head;
-  // Rules point at the set that owns them.
-  nuv_clfy_set_walk(&set_, [](nuv_clfy *rule, int, void *set) {
-    rule->owner = static_cast<nuv_clfy_set *>(set);
-    return 0;
-  }, &set_);
+  forget_compiled();
+  if (nuv_clfy_set_optim_in_place(&set_) != 0) return false;
+  last_ = nullptr;
   return true;
 }
 
 std::size_t RuleSet::classify(const nuv_clfy_packet &packet) {
+  if (!compiled_ && !compile_failed_) compile_failed_ = nuv_clfy_set_compile(&set_, &compiled_) != NUV_CLFY_COMPILE_OK;
+  if (compiled_) return static_cast<std::size_t>(nuv_clfy_compiled_execute(compiled_, nullptr, &packet));
   return static_cast<std::size_t>(nuv_clfy_set_execute(&set_, nullptr, &packet));
 }
 

@@ -65,6 +65,8 @@ class RuleSet {
   bool optimise();
 
   // The line of the rule that applies to the packet, or 0 when none does.
+  // The set is searched through its compiled form, made on the first
+  // packet after a change (the plain set search serves if compiling fails).
   std::size_t classify(const nuv_clfy_packet &packet);
   // The result of the rule given by its line.
   std::uint16_t result_of(std::size_t line) const;
@@ -91,7 +93,13 @@ class RuleSet {
   void bind(nuv_clfy *rule, const RuleLine &line);
   std::int32_t interface_index(const char *name);
 
+  // Drops the compiled form after a change to the set.
+  void forget_compiled();
+
   nuv_clfy_set set_{};
+  nuv_clfy *last_ = nullptr;               // the last top-level rule added
+  nuv_clfy_compiled *compiled_ = nullptr;  // the set's compiled form, or null
+  bool compile_failed_ = false;
   int action_ = 0;
   std::string device_, bridge_;
   std::map<std::size_t, std::uint16_t> results_;

@@ -33,9 +33,6 @@ using dp::load_be16;
 
 using namespace dp::wire;
 
-// The ports of a packet with a hop-by-hop header are read behind it,
-// taking it to be of the smallest size.
-constexpr std::uint32_t kHopByHopLength = 8;
 
 // The hot path of a test is inlined into the per-packet loops; conditions
 // that are rare or costly stay out of line so that the loops stay small.
@@ -156,12 +153,6 @@ CLFY_RARE bool link_layer_holds(const nuv_clfy &rule, const nuv_clfy_packet &pac
 }
 
 // ---- Transport layer, shared by both IP versions ----
-
-// Bytes readable from the transport header on (0 when it starts beyond the
-// packet).
-CLFY_HOT std::uint32_t transport_room(PacketFacts &f) {
-  return f.transport <= f.available ? f.available - f.transport : 0;
-}
 
 CLFY_HOT bool transport_has(PacketFacts &f, std::uint32_t bytes) {
   return f.transport <= f.available && f.available - f.transport >= bytes;
@@ -468,54 +459,8 @@ CLFY_HOT bool rule_holds(const nuv_clfy &rule, PacketFacts &f, std::uint32_t mar
   return p.miss(Cond::kNothingTestable);
 }
 
-CLFY_HOT void read_transport_here(PacketFacts &f) {
-  f.read |= kReadTransport;
-  f.readable = 0;
-  const std::uint32_t room = transport_room(f);
-  const std::uint8_t *t = f.ip + f.transport;
-  if (room >= 2) {
-    f.readable |= kHasSport;
-    f.sport = load_be16(t);
-  }
-  if (room >= 4) {
-    f.readable |= kHasDport;
-    f.dport = load_be16(t + 2);
-  }
-  if (room >= 14) {
-    f.readable |= kHasTcpWord;
-    f.tcp_word = load_be16(t + 12);
-  }
-}
-
 // The same, out of line for the callers off the hot paths.
 CLFY_COLD void read_transport(PacketFacts &f) { read_transport_here(f); }
-
-// The network layer, read when the first rule with an IP condition is
-// tried: the version to follow and where the transport header starts.
-CLFY_HOT void read_network_here(PacketFacts &f) {
-  const nuv_clfy_packet &packet = *f.desc;
-  const std::uint8_t *ip = packet.ip_header;
-  f.read |= kReadNetwork;
-  f.family = 0;
-  f.ip = ip;
-  f.available = packet.ip_len;
-  if (!ip) return;
-  if (packet.eth_proto == net_to_host16(kEtherTypeIpv4)) {
-    if (f.available < kIpv4HeaderLength) return;
-    f.family = kFamilyIpv4;
-    f.proto = ip[9];
-    f.proto_key = f.proto;
-    f.transport = (ip[0] & 0x0fu) * 4u;
-  } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
-    if (f.available < kIpv6HeaderLength) return;
-    const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
-    const bool behind = f.available > kIpv6HeaderLength;
-    f.family = kFamilyIpv6;
-    f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
-    f.proto_key = hop_by_hop && !behind ? kProtoUnreadable : f.proto;
-    f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
-  }
-}
 
 // The same, out of line for the callers off the hot paths.
 CLFY_COLD void read_network(PacketFacts &f) { read_network_here(f); }
@@ -618,9 +563,8 @@ CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   return true;
 }
 
-// The same verdict out of line, for the searches that try few rules per
-// packet (sub-lists and siblings of equal value): one copy of the tests
-// serves them all.
+// The same verdict out of line, for the set search: one copy of the tests
+// serves every list it walks.
 CLFY_COLD bool applies_out_of_line(nuv_clfy &rule, PacketFacts &facts) {
   // Reading the network layer has no effect but its cost, paid once a packet.
   if (!(facts.read & kReadNetwork)) read_network(facts);
@@ -636,45 +580,8 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
   return holds(rule, facts, mark, explaining);
 }
 
-namespace {
-
-// The packet's value for a segment's kind, or false when the packet has
-// none (then no sibling of the segment can match).
-CLFY_HOT bool packet_key(PacketFacts &f, const Segment &segment, std::uint32_t &key) {
-  if (!(f.read & kReadNetwork)) read_network(f);
-  switch (segment.kind) {
-    case SegmentKind::kSource4:
-      if (f.family != kFamilyIpv4) return false;
-      key = load_net32(f.ip + 12) & segment.mask;
-      return true;
-    case SegmentKind::kDest4:
-      if (f.family != kFamilyIpv4) return false;
-      key = load_net32(f.ip + 16) & segment.mask;
-      return true;
-    case SegmentKind::kDport:
-      if (!f.family) return false;
-      need_transport(f);
-      if (!(f.readable & kHasDport)) return false;
-      key = f.dport;
-      return true;
-    case SegmentKind::kProto:
-      if (!f.family || f.proto_key == kProtoUnreadable) return false;
-      key = f.proto_key;
-      return true;
-  }
-  return false;
-}
-
-// The applying rule among the siblings of `segment` whose value is the
-// packet's, tried in list order; null when none applies.
-CLFY_COLD nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts) {
-  std::uint32_t key;
-  if (!packet_key(facts, segment, key)) return nullptr;
-  const IndexEntry *end = segment.entries + segment.count;
-  const IndexEntry *e = std::lower_bound(static_cast<const IndexEntry *>(segment.entries), end, key,
-                                         [](const IndexEntry &entry, std::uint32_t k) { return entry.key < k; });
-  for (; e != end && e->key == key; ++e) {
-    nuv_clfy *rule = e->rule;
+nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
+  for (; rule; rule = rule->next) {
     if (!applies_out_of_line(*rule, facts)) continue;
     if (!rule->children) return rule;
     if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
@@ -682,50 +589,18 @@ CLFY_COLD nuv_clfy *first_in_segment(const Segment &segment, PacketFacts &facts)
   return nullptr;
 }
 
-}  // namespace
-
-nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
-  const ListIndex *index = rule ? list_index(rule) : nullptr;
-  const Segment *segment = index ? index->segments : nullptr;
-  const Segment *segments_end = index ? index->segments + index->segment_count : nullptr;
-  while (rule) {
-    if (segment != segments_end && rule == segment->start) {
-      if (nuv_clfy *found = first_in_segment(*segment, facts)) return found;
-      rule = segment->after;
-      ++segment;
-      continue;
-    }
-    if (applies_out_of_line(*rule, facts)) {
-      if (!rule->children) return rule;
-      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
-    }
-    rule = rule->next;
-  }
-  return nullptr;
+bool rule_applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
+  if (!(facts.read & kReadNetwork)) read_network(facts);
+  return applies<true>(rule, facts, mark);
 }
 
-// How far ahead of the rule being tested the walk of an order fetches.
-constexpr std::uint32_t kFetchAhead = 4;
+void read_network_layer(PacketFacts &facts) {
+  if (!(facts.read & kReadNetwork)) read_network(facts);
+}
 
-nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts) {
-  const SetOrder *order = set_order(&set);
-  if (!order || !order->count || order->rules[0] != set.head) return first_applying(set.head, facts);
-  nuv_clfy *const *rules = order->rules;
-  const std::uint32_t count = order->count;
-  if (!(facts.read & kReadNetwork)) read_network_here(facts);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    nuv_clfy *rule = rules[i];
-    // The conditions of a rule a few places ahead are fetched while this one
-    // is tested.
-    if (i + kFetchAhead < count) __builtin_prefetch(&rules[i + kFetchAhead]->ip_proto);
-    if (applies<true>(*rule, facts, 0)) {
-      if (!rule->children) return rule;
-      if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
-    }
-    // The links decide: from the first difference on, they are followed.
-    if (rule->next != rules[i + 1]) return first_applying(rule->next, facts);
-  }
-  return nullptr;
+void read_transport_layer(PacketFacts &facts) {
+  read_network_layer(facts);
+  if (facts.family && !(facts.read & kReadTransport)) read_transport(facts);
 }
 
 }  // namespace dp::clfy

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "dp_bytes.h"
+#include "dp_wire.h"
 #include "nuvclfy.h"
 
 namespace dp::clfy {
@@ -47,6 +49,68 @@ inline constexpr std::uint8_t kHasTcpWord = 4;
 inline void read_packet(const nuv_clfy_packet &packet, PacketFacts &facts) {
   facts.desc = &packet;
   facts.read = 0;
+}
+
+// ---- Reading the packet (in line: every search starts with it) ----
+
+// The ports of a packet with a hop-by-hop header are read behind it,
+// taking it to be of the smallest size.
+inline constexpr std::uint32_t kHopByHopLength = 8;
+
+// Bytes readable from the transport header on (0 when it starts beyond the
+// packet).
+inline std::uint32_t transport_room(PacketFacts &f) {
+  return f.transport <= f.available ? f.available - f.transport : 0;
+}
+
+// The transport words that lie inside the packet.
+inline void read_transport_here(PacketFacts &f) {
+  f.read |= kReadTransport;
+  f.readable = 0;
+  // A port the packet lacks reads as 0, so that every word has a value.
+  f.sport = f.dport = 0;
+  const std::uint32_t room = transport_room(f);
+  const std::uint8_t *t = f.ip + f.transport;
+  if (room >= 2) {
+    f.readable |= kHasSport;
+    f.sport = dp::load_be16(t);
+  }
+  if (room >= 4) {
+    f.readable |= kHasDport;
+    f.dport = dp::load_be16(t + 2);
+  }
+  if (room >= 14) {
+    f.readable |= kHasTcpWord;
+    f.tcp_word = dp::load_be16(t + 12);
+  }
+}
+
+// The network layer, read when the first rule with an IP condition is
+// tried: the version to follow and where the transport header starts.
+inline void read_network_here(PacketFacts &f) {
+  using namespace dp::wire;
+  const nuv_clfy_packet &packet = *f.desc;
+  const std::uint8_t *ip = packet.ip_header;
+  f.read |= kReadNetwork;
+  f.family = 0;
+  f.ip = ip;
+  f.available = packet.ip_len;
+  if (!ip) return;
+  if (packet.eth_proto == net_to_host16(kEtherTypeIpv4)) {
+    if (f.available < kIpv4HeaderLength) return;
+    f.family = kFamilyIpv4;
+    f.proto = ip[9];
+    f.proto_key = f.proto;
+    f.transport = (ip[0] & 0x0fu) * 4u;
+  } else if (packet.eth_proto == net_to_host16(kEtherTypeIpv6)) {
+    if (f.available < kIpv6HeaderLength) return;
+    const bool hop_by_hop = ip[kIpv6NextHeaderOffset] == kProtoHopByHop;
+    const bool behind = f.available > kIpv6HeaderLength;
+    f.family = kFamilyIpv6;
+    f.proto = hop_by_hop ? (behind ? ip[kIpv6HeaderLength] : 0) : ip[kIpv6NextHeaderOffset];
+    f.proto_key = hop_by_hop && !behind ? kProtoUnreadable : f.proto;
+    f.transport = kIpv6HeaderLength + (hop_by_hop ? kHopByHopLength : 0);
+  }
 }
 
 // The conditions as the sequence names them, in the order it tests them.
@@ -119,96 +183,14 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
 // never the result itself); null when none applies.
 nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts);
 
-// The chain of a private table keyed by a record's address that `key`
-// falls in, among `chains` (a power of two).  Records are at least 16-byte
-// aligned, so the lowest bits say nothing.
-inline std::size_t chain_of(const void *key, std::size_t chains) {
-  const auto bits = reinterpret_cast<std::uintptr_t>(key);
-  return ((bits >> 4) ^ (bits >> 12)) & (chains - 1);
-}
+// Whether `rule` applies to the packet, decided by the one test sequence
+// (counting the hit and learning DHCP clients as nuv_clfy_matches does).
+bool rule_applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark);
 
-// ---- Value lookup among siblings of an optimised tree ----
-
-// The exact value a run of siblings is looked up by.
-enum class SegmentKind : std::uint8_t { kSource4, kDest4, kDport, kProto };
-
-struct IndexEntry {
-  std::uint32_t key;       // the sibling's value (addresses: network-order bytes in memory order)
-  std::uint32_t position;  // place in the segment, for first-match order among equal values
-  nuv_clfy *rule;
-};
-
-// A run of consecutive siblings from `start` up to (not including) `after`.
-struct Segment {
-  nuv_clfy *start;
-  nuv_clfy *after;
-  SegmentKind kind;
-  std::uint32_t mask;  // the addresses' common mask
-  IndexEntry *entries; // sorted by key, then position
-  std::uint32_t count;
-};
-
-// The segments of one list, in list order.
-struct ListIndex {
-  ListIndex *chain;
-  const nuv_clfy *head;
-  std::uint32_t head_id;
-  std::uint32_t segment_count;
-  Segment *segments;
-  IndexEntry *entries;
-};
-
-// Builds the indexes of the list at `head` and of every sub-list below it
-// (replacing older ones).  A list without a long run gets none; so does
-// one whose index cannot be allocated.
-void index_tree(nuv_clfy *head);
-
-// Drops the index of the list whose first rule is `head`, if any.
-void forget_list_index(const nuv_clfy *head);
-
-// The index of the list whose first rule is `head`, or null.
-const ListIndex *list_index(const nuv_clfy *head);
-
-// ---- The order of a set's rules ----
-
-// The rules of a set's top-level list in list order, kept beside the set so
-// that the search can walk an array instead of chasing links from rule to
-// rule: the processor then fetches the rules ahead of the test.  The array
-// is only a guide: the search checks each rule's `next` against the
-// following entry and follows the links from the first difference on, so a
-// list the caller relinks by hand is still searched as it is.
-struct SetOrder {
-  SetOrder *chain;
-  const nuv_clfy_set *set;
-  std::uint32_t count;
-  std::uint32_t capacity;
-  nuv_clfy **rules;  // `count` rules and a null, in `capacity` + 1 slots behind the record
-};
-
-// Makes the order of `set` match its list again (after a set function
-// linked or removed rules).  Short lists get none, and so does a list whose
-// order cannot be allocated: the search then follows the links.
-void refresh_set_order(const nuv_clfy_set *set);
-
-// The same after rules were linked behind `tail`, the list's last rule
-// before (null when the list was empty): when the order still ends at
-// `tail`, the new rules are only appended to it.
-void order_after_append(const nuv_clfy_set *set, const nuv_clfy *tail);
-
-// Drops the order of `rule`'s set when it starts with `rule` (which is
-// being freed): a set torn down rule by rule leaves no order behind, while
-// freeing any other rule, a copy or a sub-rule keeps the set's order.
-void forget_order_headed_by(const nuv_clfy *rule);
-
-// Drops the order of `set`, if any.
-void forget_set_order(const nuv_clfy_set *set);
-
-// The order of `set`, or null.
-const SetOrder *set_order(const nuv_clfy_set *set);
-
-// The first rule of the set's list that applies, as first_applying, walking
-// the set's order when it has one.
-nuv_clfy *first_applying_in_set(const nuv_clfy_set &set, PacketFacts &facts);
+// Fill in the network layer (family, protocol, transport offset) and, for
+// an IP packet, the transport words, if not done yet.
+void read_network_layer(PacketFacts &facts);
+void read_transport_layer(PacketFacts &facts);
 
 }  // namespace dp::clfy
 

@@ -312,10 +312,20 @@ extern "C" int nuv_clfy_set_optim(nuv_clfy_set *src, nuv_clfy_set *dst) {
   free_clones(clones, n);
   CLFY_FREE(clones);
   if (result < 0) return -1;
-  dp::clfy::forget_set_order(dst);
   dst->head = tree;
   nuv_clfy_set_walk(dst, set_owner, dst);
-  // Long runs of siblings that differ in one exact value are looked up.
-  dp::clfy::index_tree(dst->head);
+  return 0;
+}
+
+extern "C" int nuv_clfy_set_optim_in_place(nuv_clfy_set *set) {
+  if (!set) return -1;
+  nuv_clfy_set tree{};
+  if (nuv_clfy_set_optim(set, &tree) != 0) return -1;
+  // The copies carry the action data on, so the old rules must not have
+  // their actions release it: they are freed as rules of no set.
+  nuv_clfy_set_walk(set, set_owner, nullptr);
+  nuv_clfy_del_and_free_all(set);
+  set->head = tree.head;
+  nuv_clfy_set_walk(set, set_owner, set);
   return 0;
 }

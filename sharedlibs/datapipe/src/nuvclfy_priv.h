@@ -56,6 +56,11 @@ void release_rule(nuv_clfy *rule);
 // null.
 void free_rule_list(nuv_clfy **head);
 
+// The result of the action of `rule` (the applying rule of a search, or
+// null) for the packet: its execute callback's result when the rule has an
+// owner and a registered action with such a callback, otherwise 0.
+int execute_action(nuv_clfy *rule, void *arg, const nuv_clfy_packet &packet);
+
 // The registered action at the 1-based `index`, or null when `index` names
 // no registered action.
 const nuv_clfy_action *action_at(std::int32_t index);

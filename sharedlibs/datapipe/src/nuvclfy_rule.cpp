@@ -51,7 +51,6 @@ std::uint32_t next_rule_id() { return ++last_rule_id; }
 
 void release_rule(nuv_clfy *rule) {
   if (!rule) return;
-  forget_list_index(rule);
   free_owned_parts(rule);
   CLFY_FREE(rule);
 }
@@ -124,7 +123,6 @@ void nuv_clfy_free(nuv_clfy *rule) {
   if (rule->owner) {
     const nuv_clfy_action *action = action_at(rule->action);
     if (action && action->release) action->release(rule);
-    dp::clfy::forget_order_headed_by(rule);
   }
   release_rule(rule);
 }
@@ -186,34 +184,32 @@ int nuv_clfy_add_packetmatch(nuv_clfy *rule, const char *pattern) {
 
 nuv_clfy_set *nuv_clfy_add_head(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule) return set;
-  if (set->head) dp::clfy::forget_list_index(set->head);
   rule->owner = set;
   rule->next = set->head;
   set->head = rule;
-  dp::clfy::refresh_set_order(set);
   return set;
 }
 
-void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) {
-  if (!set || !rule) return;
-  if (set->head) dp::clfy::forget_list_index(set->head);
+void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule) { nuv_clfy_add_tail_after(set, nullptr, rule); }
+
+nuv_clfy *nuv_clfy_add_tail_after(nuv_clfy_set *set, nuv_clfy *last, nuv_clfy *rule) {
+  if (!set || !rule) return nullptr;
   rule->owner = set;
-  nuv_clfy *tail = nullptr;
-  nuv_clfy **link = &set->head;
-  for (; *link; link = &(*link)->next) tail = *link;
+  // The walk starts where the caller says the list ends; a stale `last`
+  // only makes it longer.
+  nuv_clfy **link = last ? &last->next : &set->head;
+  while (*link) link = &(*link)->next;
   *link = rule;
-  dp::clfy::order_after_append(set, tail);
+  return rule;
 }
 
 int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
   if (!set || !rule || !set->head) return -1;
-  dp::clfy::forget_list_index(set->head);
   for (nuv_clfy **link = &set->head; *link; link = &(*link)->next) {
     nuv_clfy *found = *link;
     if (found->id != rule->id) continue;
     *link = found->next;
     free_subtree(found);
-    dp::clfy::refresh_set_order(set);
     return 0;
   }
   return -1;
@@ -221,7 +217,6 @@ int nuv_clfy_del_and_free(nuv_clfy_set *set, nuv_clfy *rule) {
 
 void nuv_clfy_del_and_free_all(nuv_clfy_set *set) {
   if (!set) return;
-  dp::clfy::forget_set_order(set);
   while (nuv_clfy *rule = set->head) {
     set->head = rule->next;
     free_subtree(rule);

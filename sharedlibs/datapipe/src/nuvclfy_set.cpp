@@ -8,11 +8,12 @@ namespace {
 
 int g_debug_flag;
 
-// The packet's fields are read once for the whole search.
+// The packet's fields are read once for the whole search, which follows
+// the set's links as they are now.
 nuv_clfy *search(nuv_clfy_set *set, const nuv_clfy_packet &packet) {
   dp::clfy::PacketFacts facts;
   dp::clfy::read_packet(packet, facts);
-  return dp::clfy::first_applying_in_set(*set, facts);
+  return dp::clfy::first_applying(set->head, facts);
 }
 
 int walk(nuv_clfy *rule, int depth, nuv_clfy_walk_callback callback, void *arg) {
@@ -30,6 +31,13 @@ int show_rule(nuv_clfy *rule, int depth, void *) {
 
 }  // namespace
 
+int dp::clfy::execute_action(nuv_clfy *rule, void *arg, const nuv_clfy_packet &packet) {
+  if (!rule || !rule->owner) return 0;
+  const nuv_clfy_action *action = action_at(rule->action);
+  if (!action || !action->execute) return 0;
+  return action->execute(rule, arg, packet.eth_header, packet.eth_proto, packet.ip_header);
+}
+
 extern "C" {
 
 nuv_clfy *nuv_clfy_get_clfy_from_set(nuv_clfy_set *set, uint8_t, const nuv_clfy_packet *packet) {
@@ -37,11 +45,7 @@ nuv_clfy *nuv_clfy_get_clfy_from_set(nuv_clfy_set *set, uint8_t, const nuv_clfy_
 }
 
 int nuv_clfy_set_execute(nuv_clfy_set *set, void *arg, const nuv_clfy_packet *packet) {
-  nuv_clfy *rule = search(set, *packet);
-  if (!rule || !rule->owner) return 0;
-  const nuv_clfy_action *action = dp::clfy::action_at(rule->action);
-  if (!action || !action->execute) return 0;
-  return action->execute(rule, arg, packet->eth_header, packet->eth_proto, packet->ip_header);
+  return dp::clfy::execute_action(search(set, *packet), arg, *packet);
 }
 
 int nuv_clfy_set_walk(nuv_clfy_set *set, nuv_clfy_walk_callback callback, void *arg) {

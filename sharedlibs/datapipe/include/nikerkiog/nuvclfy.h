@@ -234,16 +234,11 @@ typedef struct nuv_clfy {
 } nuv_clfy;
 
 /* A rule set: the caller owns the record and its first four words; the
- * classifier keeps the top-level rule list in `head`.
- *
- * A set whose list has eight rules or more also has a private array of them,
- * kept by the classifier beside the record (one pointer per rule, from the
- * classifier's allocator, grown by doubling) so that the search can fetch
- * rules ahead of testing them.  The set functions keep it up to date and
- * free it with the set's rules.  The links stay what counts: a list relinked
- * by hand is searched as it is, and when the array cannot be allocated the
- * set is searched by its links alone.  Adding a rule at the head rewrites
- * the array (a cost that grows with the list). */
+ * classifier keeps the top-level rule list in `head`.  The set functions
+ * keep nothing about a set anywhere else: whatever a caller does with the
+ * record or the rules' links, a search follows the links as they are.  For
+ * a search structure built once and used for many packets, compile the set
+ * (nuv_clfy_set_compile below). */
 typedef struct nuv_clfy_set {
   uint32_t caller_words[4];
   nuv_clfy *head;
@@ -317,6 +312,15 @@ NIKERKIOG_API nuv_clfy_set *nuv_clfy_add_head(nuv_clfy_set *set, nuv_clfy *rule)
 /* Links `rule` behind the set's last rule (or as the only one) and makes the
  * set its owner.  The rule's own `next` is kept: pass an unlinked rule. */
 NIKERKIOG_API void nuv_clfy_add_tail(nuv_clfy_set *set, nuv_clfy *rule);
+
+/* As nuv_clfy_add_tail, for building long lists: `last` is the rule the
+ * caller linked last (null for an empty set), so nothing is walked and a
+ * list of n rules is built in n steps.  When `last` is null the list is
+ * walked from its head; when `last` is no longer the end of the list, the
+ * list is walked from `last` on, so a stale `last` costs time, never a rule.
+ * Returns `rule`, the new last rule to pass next time (null when `set` or
+ * `rule` is null). */
+NIKERKIOG_API nuv_clfy *nuv_clfy_add_tail_after(nuv_clfy_set *set, nuv_clfy *last, nuv_clfy *rule);
 
 /* Removes from the set's top-level list the rule whose id equals rule->id
  * (`rule` itself only supplies the id) and frees it with all its sub-rules.
@@ -631,6 +635,75 @@ NIKERKIOG_API int nuv_clfy_set_show(struct nuv_clfy_set *set);
  * (the flag starts at 0). */
 NIKERKIOG_API int nuv_clfy_set_debugflag(int value);
 
+/* ---- Compiled rule sets ---- */
+
+/* A compiled rule set: a search structure built from a set as it stands,
+ * owned by the caller.  It gives the same answer as the set search
+ * (nuv_clfy_get_clfy_from_set) on the set it was built from, with the same
+ * hit counts, action call and DHCP learning, at a cost that grows slowly
+ * with the number of rules.
+ *
+ * Contract: the compiled set refers to the set's rules (for their further
+ * conditions, hits, actions and results), so while it is used those rules
+ * must stay alive and unchanged: no rule freed, relinked or given other
+ * conditions.  After any such change, compile again and free the old one.
+ * It keeps no pointer to the set record itself, which may move.  Named
+ * tables are looked up live, so adding to them, DHCP learning and table
+ * edits need no new compile.  Nothing is cached anywhere else: freeing the
+ * compiled set releases everything it holds, and other sets are unaffected.
+ *
+ * The structure is flat: arrays of fixed-size records addressed by index. */
+typedef struct nuv_clfy_compiled nuv_clfy_compiled;
+
+/* Result codes of nuv_clfy_set_compile. */
+enum nuv_clfy_compile_result {
+  NUV_CLFY_COMPILE_OK = 0,
+  NUV_CLFY_COMPILE_E_INVALID = -1,   /* `set` or `out` is null */
+  NUV_CLFY_COMPILE_E_NO_MEMORY = -2, /* the allocator refused; nothing stays allocated */
+  NUV_CLFY_COMPILE_E_TOO_BIG = -3    /* more rules or nesting than the structure's indexes hold */
+};
+
+/* Builds the search structure of `set` as it stands now (its top-level list
+ * and every sub-list).  An empty set compiles to a structure that finds no
+ * rule.  On success stores it in *out (owned by the caller, free with
+ * nuv_clfy_compiled_free) and returns NUV_CLFY_COMPILE_OK; otherwise *out is
+ * untouched and a negative code above is returned.  Allocates through the
+ * classifier's allocator; time grows as n log n for typical sets. */
+NIKERKIOG_API int nuv_clfy_set_compile(const struct nuv_clfy_set *set, struct nuv_clfy_compiled **out);
+
+/* The rule of the compiled set that applies to `packet`, or null: exactly
+ * the rule nuv_clfy_get_clfy_from_set finds in the set, with the same hits
+ * counted and DHCP clients learned.  `mark` is the packet's traffic class,
+ * which localmark conditions test; the set search always passes 0, so pass
+ * 0 for its answers.  Allocates nothing except while evaluating a DHCP
+ * condition.  A null `compiled` or `packet` finds nothing. */
+NIKERKIOG_API struct nuv_clfy *nuv_clfy_compiled_get_clfy(struct nuv_clfy_compiled *compiled, uint32_t mark,
+                                                          const nuv_clfy_packet *packet);
+
+/* As nuv_clfy_set_execute on the set the structure was built from (mark 0):
+ * finds the applying rule and, when it has an owner and a registered action
+ * with an execute callback, returns that callback's result; otherwise 0
+ * (also for a null `compiled` or `packet`). */
+NIKERKIOG_API int nuv_clfy_compiled_execute(struct nuv_clfy_compiled *compiled, void *arg,
+                                            const nuv_clfy_packet *packet);
+
+/* Frees the compiled set (not the rules it refers to).  Null is ignored. */
+NIKERKIOG_API void nuv_clfy_compiled_free(struct nuv_clfy_compiled *compiled);
+
+/* What a compiled set is made of, for tools and benchmarks. */
+typedef struct nuv_clfy_compiled_stats {
+  uint32_t rules;        /* rules of the set, every level */
+  uint32_t lists;        /* the top-level list and each sub-list */
+  uint32_t nodes;        /* decision nodes and leaves */
+  uint32_t leaf_entries; /* rule references held by the leaves */
+  uint32_t depth;        /* most decisions on the way to a leaf */
+  uint32_t bytes;        /* memory held, in bytes */
+} nuv_clfy_compiled_stats;
+
+/* Fills `stats` for `compiled`.  Returns 0, or -1 when either is null. */
+NIKERKIOG_API int nuv_clfy_compiled_get_stats(const struct nuv_clfy_compiled *compiled,
+                                              nuv_clfy_compiled_stats *stats);
+
 /* ---- Comparison and cloning ---- */
 
 /* Compares the conditions of `a` and `b` selected by the presence bits in
@@ -671,6 +744,13 @@ NIKERKIOG_API void nuv_clfy_optim(struct nuv_clfy *rule);
  * or -1 when memory ran out (nothing of the new tree stays allocated and
  * `dst` is untouched). */
 NIKERKIOG_API int nuv_clfy_set_optim(struct nuv_clfy_set *src, struct nuv_clfy_set *dst);
+
+/* Replaces the list of `set` by its optimised tree (as nuv_clfy_set_optim
+ * builds it), makes `set` the owner of every rule of the tree and frees the
+ * old rules.  The copies in the tree carry the rules' action data on, so the
+ * old rules are freed without their actions' release callbacks.  Returns 0 (also
+ * for an empty set), or -1 when memory ran out; the set is then unchanged. */
+NIKERKIOG_API int nuv_clfy_set_optim_in_place(struct nuv_clfy_set *set);
 
 NIKERKIOG_END_DECLS
 

@@ -1,9 +1,9 @@
-// Long rule lists are searched through an array of their rules kept beside
-// the set.  The links stay what decides: a list changed by hand is searched
-// as it is now, whatever the array says, and the array never outlives the
-// set's rules.
+// The set search follows the links as they are now: a list changed by hand,
+// a set record moved, a rule given another condition are searched as they
+// stand, and nothing about a set is kept anywhere else.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -45,7 +45,7 @@ nuv_clfy *parsed(const std::string &text, std::uint16_t result) {
 
 }  // namespace
 
-TEST(ClfySetOrder, LongListFindsTheFirstMatchingRuleAndCountsItsHit) {
+TEST(ClfySetLinks, LongListFindsTheFirstMatchingRuleAndCountsItsHit) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 40);
   set.add("udp.dport 7", 700);  // shadowed by the rule for port 7
@@ -56,7 +56,7 @@ TEST(ClfySetOrder, LongListFindsTheFirstMatchingRuleAndCountsItsHit) {
   EXPECT_EQ(set.set.head->next->next->next->next->next->next->next->hits, 0u);  // the rule for port 8
 }
 
-TEST(ClfySetOrder, RuleUnlinkedByHandIsNoLongerFound) {
+TEST(ClfySetLinks, RuleUnlinkedByHandIsNoLongerFound) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 20);
   rules[3]->next = rules[5];  // port 5 leaves the list
@@ -68,7 +68,7 @@ TEST(ClfySetOrder, RuleUnlinkedByHandIsNoLongerFound) {
   EXPECT_EQ(picked(set, 6), 6);
 }
 
-TEST(ClfySetOrder, RuleInsertedByHandIsFoundInItsPlace) {
+TEST(ClfySetLinks, RuleInsertedByHandIsFoundInItsPlace) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 20);
   nuv_clfy *inserted = parsed("udp.dport 12", 1200);
@@ -80,7 +80,7 @@ TEST(ClfySetOrder, RuleInsertedByHandIsFoundInItsPlace) {
   EXPECT_EQ(picked(set, 20), 20);
 }
 
-TEST(ClfySetOrder, ListCutShortByHandEndsTheSearch) {
+TEST(ClfySetLinks, ListCutShortByHandEndsTheSearch) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 20);
   rules[9]->next = nullptr;
@@ -90,7 +90,7 @@ TEST(ClfySetOrder, ListCutShortByHandEndsTheSearch) {
   EXPECT_EQ(picked(set, 15), 15);
 }
 
-TEST(ClfySetOrder, RuleAppendedByHandIsFound) {
+TEST(ClfySetLinks, RuleAppendedByHandIsFound) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 20);
   nuv_clfy *appended = parsed("udp.dport 99", 99);
@@ -99,7 +99,7 @@ TEST(ClfySetOrder, RuleAppendedByHandIsFound) {
   EXPECT_EQ(picked(set, 99), 99);
 }
 
-TEST(ClfySetOrder, RulesBroughtAlongByAnAppendedRuleAreFound) {
+TEST(ClfySetLinks, RulesBroughtAlongByAnAppendedRuleAreFound) {
   // nuv_clfy_add_tail keeps the appended rule's own `next`: the rules
   // behind it join the list too, here more than the array has room for.
   clfytest::Set set;
@@ -119,7 +119,7 @@ TEST(ClfySetOrder, RulesBroughtAlongByAnAppendedRuleAreFound) {
   EXPECT_EQ(picked(set, 130), 130);
 }
 
-TEST(ClfySetOrder, RulesAddedAtTheHeadComeFirst) {
+TEST(ClfySetLinks, RulesAddedAtTheHeadComeFirst) {
   clfytest::Set set;
   port_rules(set, 20);
   nuv_clfy_add_head(&set.set, parsed("udp.dport 9", 900));
@@ -127,7 +127,7 @@ TEST(ClfySetOrder, RulesAddedAtTheHeadComeFirst) {
   EXPECT_EQ(picked(set, 10), 10);
 }
 
-TEST(ClfySetOrder, RuleDeletedThroughTheSetIsNoLongerFound) {
+TEST(ClfySetLinks, RuleDeletedThroughTheSetIsNoLongerFound) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 20);
   ASSERT_EQ(nuv_clfy_del_and_free(&set.set, rules[11]), 0);
@@ -137,7 +137,7 @@ TEST(ClfySetOrder, RuleDeletedThroughTheSetIsNoLongerFound) {
   EXPECT_EQ(picked(set, 12), 1200);
 }
 
-TEST(ClfySetOrder, ShrinkingBelowEightRulesKeepsTheSearchRight) {
+TEST(ClfySetLinks, ShrinkingBelowEightRulesKeepsTheSearchRight) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 9);
   ASSERT_EQ(nuv_clfy_del_and_free(&set.set, rules[0]), 0);
@@ -147,7 +147,7 @@ TEST(ClfySetOrder, ShrinkingBelowEightRulesKeepsTheSearchRight) {
   EXPECT_EQ(picked(set, 9), 0);
 }
 
-TEST(ClfySetOrder, SetOfManyRulesLeavesNothingBehindWhenFreed) {
+TEST(ClfySetLinks, SetOfManyRulesLeavesNothingBehindWhenFreed) {
   testsupport::NoLeakGuard guard;
   clfytest::Set set;
   port_rules(set, 300);
@@ -156,7 +156,7 @@ TEST(ClfySetOrder, SetOfManyRulesLeavesNothingBehindWhenFreed) {
   EXPECT_EQ(picked(set, 299), 0);
 }
 
-TEST(ClfySetOrder, SetEmptiedRuleByRuleLeavesNothingBehind) {
+TEST(ClfySetLinks, SetEmptiedRuleByRuleLeavesNothingBehind) {
   testsupport::NoLeakGuard guard;
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 30);
@@ -164,7 +164,7 @@ TEST(ClfySetOrder, SetEmptiedRuleByRuleLeavesNothingBehind) {
   EXPECT_EQ(set.set.head, nullptr);
 }
 
-TEST(ClfySetOrder, SetTornDownRuleByRuleLeavesNothingBehind) {
+TEST(ClfySetLinks, SetTornDownRuleByRuleLeavesNothingBehind) {
   testsupport::NoLeakGuard guard;
   clfytest::Set set;
   port_rules(set, 20);
@@ -177,7 +177,7 @@ TEST(ClfySetOrder, SetTornDownRuleByRuleLeavesNothingBehind) {
   }
 }
 
-TEST(ClfySetOrder, FreeingARuleOtherThanTheFirstKeepsTheSearchRight) {
+TEST(ClfySetLinks, FreeingARuleOtherThanTheFirstKeepsTheSearchRight) {
   clfytest::Set set;
   std::vector<nuv_clfy *> rules = port_rules(set, 20);
   rules[0]->next = rules[2];  // port 2 leaves the list, then goes
@@ -188,18 +188,78 @@ TEST(ClfySetOrder, FreeingARuleOtherThanTheFirstKeepsTheSearchRight) {
   EXPECT_EQ(picked(set, 2), 200);
 }
 
-TEST(ClfySetOrder, ArrayThatCannotGrowLeavesTheSearchFollowingTheLinks) {
-  // The array grows at 8, 16 and 32 rules; make each growth fail in turn.
-  for (int failing_rule : {8, 17, 33}) {
-    testsupport::NoLeakGuard guard;
-    clfytest::Set set;
-    for (int port = 1; port <= 40; ++port) {
-      nuv_clfy *rule = parsed("udp.dport " + std::to_string(port), static_cast<std::uint16_t>(port));
-      if (port == failing_rule) nuvcsock_fail_nth_allocation(1);
-      nuv_clfy_add_tail(&set.set, rule);
-      nuvcsock_fail_nth_allocation(0);
-    }
-    for (std::uint16_t port : {1, 8, 17, 33, 40}) EXPECT_EQ(picked(set, port), port) << "failing rule " << failing_rule;
-    EXPECT_EQ(picked(set, 41), 0);
+TEST(ClfySetLinks, OptimisedChildUnlinkedAndFreedByHandIsNoLongerFound) {
+  testsupport::NoLeakGuard guard;
+  clfytest::Set linear;
+  port_rules(linear, 12);
+  clfytest::Set tree;
+  ASSERT_EQ(nuv_clfy_set_optim(&linear.set, &tree.set), 0);
+  nuv_clfy *parent = tree.set.head;
+  ASSERT_NE(parent, nullptr);
+  ASSERT_NE(parent->children, nullptr);
+  // The fifth child (port 5) leaves the tree and is freed.
+  nuv_clfy *fourth = parent->children->next->next->next;
+  nuv_clfy *fifth = fourth->next;
+  ASSERT_EQ(fifth->result, 5);
+  fourth->next = fifth->next;
+  nuv_clfy_free(fifth);
+  EXPECT_EQ(picked(tree, 5), 0);
+  EXPECT_EQ(picked(tree, 6), 6);
+  EXPECT_EQ(picked(tree, 12), 12);
+}
+
+TEST(ClfySetLinks, ConditionAddedToAnOptimisedChildIsSearched) {
+  clfytest::Set linear;
+  port_rules(linear, 12);
+  clfytest::Set tree;
+  ASSERT_EQ(nuv_clfy_set_optim(&linear.set, &tree.set), 0);
+  nuv_clfy *third = tree.set.head->children->next->next;
+  ASSERT_EQ(third->result, 3);
+  nuv_clfy_add_ip_dport(third, NUV_CLFY_OP_EQ, clfytest::net16(99), 0);
+  EXPECT_EQ(picked(tree, 99), 3);
+  EXPECT_EQ(picked(tree, 3), 3);
+}
+
+TEST(ClfySetLinks, SetRecordsMovedAndFreedThroughTheirNewPlaceLeaveNothingBehind) {
+  testsupport::NoLeakGuard guard;
+  for (int round = 0; round < 1000; ++round) {
+    nuv_clfy_set first{};
+    for (int port = 1; port <= 12; ++port)
+      nuv_clfy_add_tail(&first, parsed("udp.dport " + std::to_string(port), static_cast<std::uint16_t>(port)));
+    nuv_clfy_set moved;
+    std::memcpy(&moved, &first, sizeof moved);
+    std::memset(&first, 0, sizeof first);
+    nuv_clfy_del_and_free_all(&moved);
+    ASSERT_EQ(moved.head, nullptr);
   }
+}
+
+TEST(ClfySetLinks, LongListIsBuiltInOneStepPerRuleWithTheLastRuleKnown) {
+  clfytest::Set set;
+  nuv_clfy *last = nullptr;
+  for (int port = 1; port <= 20; ++port)
+    last = nuv_clfy_add_tail_after(&set.set, last, parsed("udp.dport " + std::to_string(port), static_cast<std::uint16_t>(port)));
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->result, 20);
+  EXPECT_EQ(last->next, nullptr);
+  EXPECT_EQ(last->owner, &set.set);
+  EXPECT_EQ(picked(set, 1), 1);
+  EXPECT_EQ(picked(set, 20), 20);
+}
+
+TEST(ClfySetLinks, StaleLastRuleStillAppendsAtTheEnd) {
+  clfytest::Set set;
+  nuv_clfy *first = nuv_clfy_add_tail_after(&set.set, nullptr, parsed("udp.dport 1", 1));
+  nuv_clfy_add_tail_after(&set.set, first, parsed("udp.dport 2", 2));
+  // `first` is no longer the last rule: the rule still goes to the end.
+  nuv_clfy *third = nuv_clfy_add_tail_after(&set.set, first, parsed("udp.dport 3", 3));
+  EXPECT_EQ(set.set.head->next->next, third);
+  EXPECT_EQ(third->next, nullptr);
+}
+
+TEST(ClfySetLinks, AppendingWithoutSetOrRuleChangesNothing) {
+  clfytest::Set set;
+  EXPECT_EQ(nuv_clfy_add_tail_after(nullptr, nullptr, nullptr), nullptr);
+  EXPECT_EQ(nuv_clfy_add_tail_after(&set.set, nullptr, nullptr), nullptr);
+  EXPECT_EQ(set.set.head, nullptr);
 }
