@@ -589,3 +589,82 @@ TEST_F(SetOptim, EveryBlockOfTheTreeIsTaggedWithTheClassifierPath) {
       &files);
   for (const std::string &file : files) EXPECT_EQ(file, "sharedlibs/datapipe/nuvclfy");
 }
+
+namespace {
+
+int g_in_place_releases = 0;
+int copies = 0;
+void count_in_place_release(nuv_clfy *) { ++g_in_place_releases; }
+
+int in_place_action() {
+  static const int index = nuv_clfy_register_action("inplace", nullptr, count_in_place_release);
+  return index;
+}
+
+bool owned_by(nuv_clfy *rule, int, void *set) { return rule->owner != set; }
+
+}  // namespace
+
+TEST_F(SetOptim, InPlaceReplacesTheListByTheTreeOwnedByTheSet) {
+  src.add("dev eth0 ip.saddr 10.0.0.0/8 tcp.dport 80", 1);
+  src.add("dev eth0 ip.saddr 10.0.0.0/8 tcp.dport 81", 2);
+  src.add("dev eth1 udp.dport 53", 3);
+  ASSERT_EQ(nuv_clfy_set_optim(&src.set, &dst.set), 0);
+  const auto expected = listing(&dst.set);
+  ASSERT_EQ(nuv_clfy_set_optim_in_place(&src.set), 0);
+  EXPECT_EQ(listing(&src.set), expected);
+  EXPECT_EQ(nuv_clfy_set_walk(&src.set, [](nuv_clfy *r, int d, void *s) { return owned_by(r, d, s) ? 1 : 0; },
+                              &src.set),
+            0);
+}
+
+TEST_F(SetOptim, InPlaceFreesTheOldRulesWithoutReleasingTheirActionData) {
+  const int action = in_place_action();
+  ASSERT_GT(action, 0);
+  testsupport::NoLeakGuard guard;
+  {
+    clfytest::Set set;
+    set.add("ip.saddr 10.0.0.0/8 tcp.dport 80", 1)->action = action;
+    set.add("ip.saddr 10.0.0.0/8 tcp.dport 81", 2)->action = action;
+    g_in_place_releases = 0;
+    ASSERT_EQ(nuv_clfy_set_optim_in_place(&set.set), 0);
+    // The copies carry the action data on: nothing is released yet.
+    EXPECT_EQ(g_in_place_releases, 0);
+    copies = 0;
+    nuv_clfy_set_walk(&set.set, [](nuv_clfy *rule, int, void *action) {
+      copies += rule->action == *static_cast<int *>(action);
+      return 0;
+    }, const_cast<int *>(&action));
+    EXPECT_GE(copies, 2);
+  }
+  // Freeing the set releases each copy that carries the action once.
+  EXPECT_EQ(g_in_place_releases, copies);
+}
+
+TEST_F(SetOptim, InPlaceOnAnEmptySetOrNoSet) {
+  EXPECT_EQ(nuv_clfy_set_optim_in_place(&src.set), 0);
+  EXPECT_EQ(src.set.head, nullptr);
+  EXPECT_EQ(nuv_clfy_set_optim_in_place(nullptr), -1);
+}
+
+TEST_F(SetOptim, InPlaceAllocationFailureLeavesTheSetAsItWas) {
+  src.add("dev eth0 ip.saddr 10.0.0.0/8 tcp.dport 80", 1);
+  src.add("dev eth0 ip.saddr 10.0.0.0/8 tcp.dport 81,82", 2);
+  src.add("dev eth1 udp.dport 53", 3);
+  const auto before = listing(&src.set);
+  nuv_clfy *head = src.set.head;
+  int failed = 0;
+  for (long n = 1;; ++n) {
+    const testsupport::LiveBlocks live = testsupport::live_blocks();
+    nuvcsock_fail_nth_allocation(n);
+    const int rc = nuv_clfy_set_optim_in_place(&src.set);
+    nuvcsock_fail_nth_allocation(0);
+    if (rc == 0) break;  // the set holds the tree now
+    ++failed;
+    ASSERT_EQ(rc, -1);
+    ASSERT_EQ(src.set.head, head) << n;
+    ASSERT_EQ(listing(&src.set), before) << n;
+    ASSERT_EQ(testsupport::live_blocks(), live) << "allocation " << n << ": something stayed allocated";
+  }
+  EXPECT_GT(failed, 5);
+}

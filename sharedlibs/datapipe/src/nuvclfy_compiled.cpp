@@ -1,16 +1,19 @@
 // Compiled rule sets: a decision tree per rule list over five header
 // fields, built once from a set and owned by the caller.
 //
-// Every list of the set (the top-level list and each sub-list) gets a
-// binary tree whose nodes split the range of one field at a threshold: the
-// IPv4 source and destination address, the source and destination port and
-// the protocol.  A leaf holds, in list order, the rules whose conditions on
-// those fields can hold for a packet whose values lie in the leaf's region.
-// The search walks to the leaf of the packet's values and tries the leaf's
-// rules in order through the one test sequence.  A rule left out of the leaf
-// fails one of the five fields, which the sequence tests before anything
-// with a side effect (DHCP learning, hit counting), so the verdict, the hits
-// and the DHCP clients learned are those of trying every rule of the list.
+// Every list of the set (the top-level list and each sub-list) gets a tree
+// whose nodes cut the region of one field into equal pieces: the IPv4
+// source and destination address, the source and destination port and the
+// protocol.  A leaf holds, in list order, the rules whose conditions on
+// those fields can hold for a packet whose values lie in the leaf's region,
+// up to the first rule that holds for every packet there.  The search walks
+// to the leaf of the packet's values and tries the leaf's rules in order: a
+// rule whose five ranges are all it asks is decided by them, any other
+// through the one test sequence.  A rule left out of the leaf fails one of
+// the five fields, which the sequence tests before anything with a side
+// effect (DHCP learning, hit counting), or comes behind a rule that takes
+// the packet; so the verdict, the hits and the DHCP clients learned are
+// those of trying every rule of the list.
 //
 // A field the packet lacks (no IPv4 address, no readable port, no protocol)
 // takes the value 0 on the walk; rules that test that field are turned away
@@ -55,7 +58,6 @@ struct RuleBounds {
   std::uint8_t needs;   // kNeed* bits
   std::uint8_t covers;  // 1: the ranges are the whole rule (it has no other condition and no sub-rules), so
                         // it matches every packet inside them that has the fields it needs
-  std::uint16_t reserved;
   std::uint32_t children;  // 1 + index of its sub-list, 0 for none
 };
 
@@ -121,7 +123,7 @@ struct Keys {
 };
 
 // Most rules of all levels, and the deepest nesting of sub-lists: the
-// indexes are 32-bit, and the search recurses once per level.
+// indexes are 32-bit, and the search keeps one place per level.
 constexpr std::uint32_t kMaxRules = 1u << 24;
 constexpr std::uint32_t kMaxNesting = 32;
 // A leaf of at most this many rules is not split further.
@@ -349,7 +351,7 @@ struct Cut {
 
 class Builder {
  public:
-  Builder(Grow<RuleBounds> &records, std::uint32_t slot_budget) : records_(records), slot_budget_(slot_budget) {}
+  Builder(Grow<RuleBounds> &records, std::uint32_t entry_budget) : records_(records), entry_budget_(entry_budget) {}
 
   Grow<Node> nodes;
   Grow<std::uint32_t> entries;
@@ -368,7 +370,7 @@ class Builder {
       }
     if (level > depth) depth = level;
     Cut cut;
-    if (n > kLeafRules && level < kMaxDepth && nodes.size() + entries.size() < slot_budget_)
+    if (n > kLeafRules && level < kMaxDepth && nodes.size() + entries.size() < entry_budget_)
       cut = best_cut(ids, n, box, width);
     if (cut.field == kFields) return leaf(ids, n, root);
     return cut_node(ids, n, box, width, level, cut, root);
@@ -486,7 +488,7 @@ class Builder {
   }
 
   Grow<RuleBounds> &records_;
-  std::uint32_t slot_budget_;
+  std::uint32_t entry_budget_;
 };
 
 Box whole_fields() {
@@ -587,13 +589,28 @@ inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const
   return *node;
 }
 
-nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, PacketFacts &facts,
-                        std::uint32_t mark) {
-  const Node &leaf = leaf_of(c, c.lists[list].root, keys);
-  for (const std::uint32_t *entry = c.entries + leaf.first; *entry != kEndOfLeaf; ++entry) {
-    const RuleRecord &record = c.records[*entry];
+// The first entry of the leaf of list `list` that the packet reaches.
+inline const std::uint32_t *leaf_entries(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys) {
+  return c.entries + leaf_of(c, c.lists[list].root, keys).first;
+}
+
+// The applying rule: the leaf's rules in order; a matching rule with
+// sub-rules sends the search into its sub-list's leaf, and back behind it
+// when none of them applies.  The way back is kept in a stack as deep as
+// the nesting (which compiling bounds), not in calls.
+nuv_clfy *first_applying(const nuv_clfy_compiled &c, const Keys &keys, PacketFacts &facts, std::uint32_t mark) {
+  const std::uint32_t *resume[kMaxNesting];
+  std::uint32_t depth = 0;
+  const std::uint32_t *entry = leaf_entries(c, 0, keys);
+  for (;;) {
+    while (*entry == kEndOfLeaf) {
+      if (depth == 0) return nullptr;
+      entry = resume[--depth];
+    }
+    const std::uint32_t index = *entry++;
+    const RuleRecord &record = c.records[index];
     if (!record_holds(record, keys)) continue;
-    nuv_clfy *rule = c.rules[*entry];
+    nuv_clfy *rule = c.rules[index];
     if (record.covers) {
       // The ranges are the whole rule: the record's test is the verdict.
       if (rule->flags) ++rule->hits;
@@ -601,9 +618,9 @@ nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Ke
     }
     if (!rule_applies(*rule, facts, mark)) continue;
     if (!record.children) return rule;
-    if (nuv_clfy *found = first_in_list(c, record.children - 1, keys, facts, mark)) return found;
+    resume[depth++] = entry;
+    entry = leaf_entries(c, record.children - 1, keys);
   }
-  return nullptr;
 }
 
 nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet *packet) {
@@ -612,7 +629,7 @@ nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet
   read_packet(*packet, facts);
   Keys keys;
   read_keys(facts, keys);
-  return first_in_list(*c, 0, keys, facts, mark);
+  return first_applying(*c, keys, facts, mark);
 }
 
 }  // namespace
@@ -631,9 +648,9 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   Grow<ListRecord> lists;
   Grow<std::uint32_t> nesting;
   int rc = gather_lists(*set, rules, records, lists, heads, nesting);
-  // Copies of rules among the leaves, at most: past this, regions stay
-  // leaves of more rules (slower, never wrong).
-  const std::uint32_t budget = 32u * rules.size() + 65536u;
+  // Nodes and leaf entries, at most: past this, regions stay leaves of more
+  // rules (slower, never wrong).
+  const std::uint32_t budget = 64u * rules.size() + 65536u;
   Builder builder(records, budget);
   for (std::uint32_t l = 0; rc == NUV_CLFY_COMPILE_OK && l < lists.size(); ++l)
     if (!build_list(builder, records, lists[l])) rc = NUV_CLFY_COMPILE_E_NO_MEMORY;
