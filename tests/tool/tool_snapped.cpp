@@ -45,3 +45,22 @@ TEST(ToolSnapped, SnappedPacketsThatNoRuleNeedsMoreOfExitWith0) {
   EXPECT_EQ(r.out.find("snapped"), std::string::npos) << r.out;
   EXPECT_EQ(tooltest::lines_of(r.out)[0], "    1  rule at line 1 => 20");
 }
+
+// The same with a capture cut by editcap, the tool users snap captures with:
+// the relay's DHCP messages still reach the port rule, and the host-name
+// rule before it could not be decided.
+TEST(ToolSnapped, CaptureSnappedByEditcapIsClassifiedOnItsHeaders) {
+  if (!testsupport::have_program("editcap")) GTEST_SKIP() << "editcap (wireshark-common) is not installed";
+  std::string snapped = tooltest::build_path("dhcp-mud-64.pcap");
+  int status = -1;
+  testsupport::run_command("editcap -s 64 '" + testsupport::data_path("captures/dhcp-mud.pcap") + "' '" + snapped +
+                               "' 2>&1",
+                           &status);
+  ASSERT_EQ(status, 0);
+  auto r = run_tool("classify tool/snapped-editcap.rules " + snapped);
+  EXPECT_EQ(r.status, 1) << r.err;
+  auto lines = tooltest::lines_of(r.out);
+  ASSERT_GE(lines.size(), 2u) << r.out;
+  EXPECT_EQ(lines[0], "    1  rule at line 3 => 6  (snapped at 64 of 436 bytes: line 2 dhcpoption needs bytes beyond them)");
+  EXPECT_EQ(lines[1], "    2  rule at line 3 => 6  (snapped at 64 of 352 bytes: line 2 dhcpoption needs bytes beyond them)");
+}
