@@ -201,7 +201,7 @@ class Checker {
     std::size_t size = 0;
     char why[256];
     if (rulefile_load(file.c_str(), &data, &size, why, sizeof why) != 0) {
-      print_file_error(file, std::string("cannot read the rules file: ") + why);
+      print_file_error(file, why);
       return false;
     }
     std::unique_ptr<char, void (*)(void *)> owned(data, std::free);
