@@ -54,6 +54,7 @@ struct options {
   const char *stats_path;
   long stats_interval;
   long queue_maxlen;
+  long socket_buffer;
   int optimise;
   int fail_open;
   int null_mode;
@@ -103,6 +104,7 @@ static void usage(FILE *out) {
         "  --optimise             restructure the rule set into a tree (same verdicts)\n"
         "  --fail-open            let packets pass when the queue is full\n"
         "  --queue-maxlen N       packets the kernel holds for the daemon at most\n"
+        "  --socket-buffer BYTES  receive buffer of the queue socket (default 8 MiB)\n"
         "  --stats FILE           write statistics as JSON to FILE on SIGUSR1 and every interval\n"
         "  --stats-interval SECS  seconds between statistics writes (default 10; 0: only on SIGUSR1)\n"
         "  --null                 accept every packet unchanged without classifying (reference)\n"
@@ -111,7 +113,7 @@ static void usage(FILE *out) {
         out);
 }
 
-enum { OPT_DEV = 256, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
+enum { OPT_DEV = 256, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
 
 static const struct option kOptions[] = {
     {"queue", required_argument, NULL, 'q'},
@@ -122,6 +124,7 @@ static const struct option kOptions[] = {
     {"stats", required_argument, NULL, 's'},
     {"stats-interval", required_argument, NULL, OPT_STATS_INTERVAL},
     {"queue-maxlen", required_argument, NULL, OPT_QUEUE_MAXLEN},
+    {"socket-buffer", required_argument, NULL, OPT_SOCKET_BUFFER},
     {"null", no_argument, NULL, OPT_NULL},
     {"syslog", no_argument, NULL, OPT_SYSLOG},
     {"help", no_argument, NULL, OPT_HELP},
@@ -143,6 +146,8 @@ static const struct number_option kNumberOptions[] = {
     {'q', 0, 65535, offsetof(struct options, queue), "--queue: a number 0..65535"},
     {OPT_STATS_INTERVAL, 0, 86400, offsetof(struct options, stats_interval), "--stats-interval: seconds 0..86400"},
     {OPT_QUEUE_MAXLEN, 1, 1 << 24, offsetof(struct options, queue_maxlen), "--queue-maxlen: a number 1..16777216"},
+    {OPT_SOCKET_BUFFER, 4096, 1 << 30, offsetof(struct options, socket_buffer),
+     "--socket-buffer: bytes 4096..1073741824"},
     {OPT_SELFTEST, 1, 1000000, offsetof(struct options, selftest_reloads), "--selftest-reloads: a number 1..1000000"}};
 
 /* Options that switch something on, and options naming a file. */
@@ -274,6 +279,7 @@ static void write_stats(struct daemon *d) {
     stats.verdict_messages = counters->verdict_messages;
     stats.errors = counters->malformed + counters->send_errors;
     stats.overruns = counters->overruns;
+    stats.missed = counters->missed;
   }
   classd_queue_kernel_drops(stats.queue, &stats.queue_dropped, &stats.user_dropped);
   stats.live_blocks = nuvcsock_slab_live_blocks();
@@ -360,6 +366,7 @@ static int run(struct daemon *d) {
   config.number = (uint16_t)d->options.queue;
   config.maxlen = (uint32_t)d->options.queue_maxlen;
   config.fail_open = d->options.fail_open;
+  config.socket_buffer = (size_t)d->options.socket_buffer;
   status = classd_queue_open(&config, decide, d, &d->queue, why, sizeof why);
   if (status != CLASSD_QUEUE_OK) {
     say(LOG_ERR, "%s", why);

@@ -56,8 +56,8 @@ static void put_stats(FILE *out, const struct classd_stats *s) {
   put_classes(out, s->classes);
   fprintf(out, "},\n  \"errors\": %" PRIu64 ",\n", s->errors);
   fprintf(out, "  \"queue_drops\": {\"queue_full\": %" PRIu64 ", \"undelivered\": %" PRIu64
-               ", \"socket_overruns\": %" PRIu64 "},\n",
-          s->queue_dropped, s->user_dropped, s->overruns);
+               ", \"socket_overruns\": %" PRIu64 ", \"missed\": %" PRIu64 "},\n",
+          s->queue_dropped, s->user_dropped, s->overruns, s->missed);
   fprintf(out, "  \"live_blocks\": %ld,\n  \"rules\": ", s->live_blocks);
   put_rules(out, s->rules);
   fputs("\n}\n", out);

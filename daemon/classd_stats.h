@@ -20,7 +20,8 @@ struct classd_stats {
   uint64_t errors;          /* packets without data and verdicts the kernel did not take */
   uint64_t queue_dropped;   /* the kernel dropped them: queue full */
   uint64_t user_dropped;    /* the kernel could not deliver them to us */
-  uint64_t overruns;        /* our socket buffer overflowed */
+  uint64_t overruns;        /* times our socket buffer overflowed */
+  uint64_t missed;          /* packets lost to us that way (dropped, or passed when failing open) */
   long live_blocks;         /* the classifier's live allocations */
   const struct classd_classes *classes;
   const struct classd_ruleset *rules; /* null when no set is loaded */

@@ -95,6 +95,26 @@ def counted(ipt="iptables"):
     return counts
 
 
+def count_port_marks(ports, marks, ipt="iptables", chain="POSTROUTING"):
+    """One counting rule per UDP port and mark after the queue."""
+    for port in ports:
+        for mark in marks:
+            run(ipt, "-t", "mangle", "-A", chain, "-p", "udp", "--dport", str(port), "-m", "mark", "--mark",
+                str(mark))
+
+
+def counted_by_port(ipt="iptables", chain="POSTROUTING"):
+    """Packets counted per (UDP port, mark) by the counting rules."""
+    listing = subprocess.run([ipt, "-t", "mangle", "-L", chain, "-v", "-x", "-n"], check=True,
+                             capture_output=True, text=True).stdout
+    counts = {}
+    for line in listing.splitlines():
+        found = re.search(r"udp dpt:(\d+) mark match 0x([0-9a-f]+)", line)
+        if found and int(line.split()[0]):
+            counts[(int(found.group(1)), int(found.group(2), 16))] = int(line.split()[0])
+    return counts
+
+
 # ---- the daemon -----------------------------------------------------------------
 
 class Daemon:
@@ -158,6 +178,7 @@ def read_stats(path):
 def wait_stats(daemon, path, predicate):
     """Asks for statistics until `predicate` holds for them."""
     deadline = time.monotonic() + WAIT
+    stats = None
     while time.monotonic() < deadline:
         daemon.signal(signal.SIGUSR1)
         time.sleep(0.01)
@@ -165,7 +186,7 @@ def wait_stats(daemon, path, predicate):
             stats = read_stats(path)
             if predicate(stats):
                 return stats
-    raise Failure("statistics never showed the expected state: " + daemon.output())
+    raise Failure(f"statistics never showed the expected state: {stats}\n" + daemon.output())
 
 
 # ---- traffic --------------------------------------------------------------------
@@ -575,7 +596,8 @@ def test_stats_file(t):
     check(stats["verdicts"] == {"unchanged": 6, "classes": {"1": 3, "2": 9}}, "verdicts per class")
     check([(r["line"], r["rule"], r["result"], r["hits"]) for r in stats["rules"]] ==
           [(2, "udp.dport 5001", 1, 3), (3, "udp.dport 5002", 2, 4), (4, "udp.dport 5003", 2, 5)], "hits per rule")
-    check(stats["errors"] == 0 and stats["queue_drops"] == {"queue_full": 0, "undelivered": 0, "socket_overruns": 0},
+    check(stats["errors"] == 0 and stats["queue_drops"] == {"queue_full": 0, "undelivered": 0, "socket_overruns": 0,
+                                                             "missed": 0},
           "no errors, no drops")
     check(not os.path.exists(stats_path + ".tmp"), "no temporary file stays behind")
 
@@ -641,6 +663,75 @@ def test_clean_stop(t):
     counts = counted()
     print(f"counted {sorted(counts.items())}")
     check(counts.get(1, 0) == 40, "the packets in hand were answered before stopping")
+
+
+OVERRUN_RULES = "udp.dport 5001 => 1\nudp.dport 5002 => 2\nudp.dport 5003 => 3\nudp.dport 5004 => 4\n"
+
+
+def send_udp_burst(count, ports, pause=0.0):
+    """Datagrams to the ports in turn, `pause` seconds apart; returns how
+    many the kernel took."""
+    taken = 0
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        for i in range(count):
+            try:
+                s.sendto(bytes([i % 256]) * 8, ("127.0.0.1", ports[i % len(ports)]))
+                taken += 1
+            except OSError:
+                pass
+            time.sleep(pause)
+    return taken
+
+
+def overrun(t, fail_open):
+    """A socket buffer of a few messages and a burst while the daemon sleeps:
+    most packet messages are lost on the way to the daemon."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    write_file(rules, OVERRUN_RULES)
+    queue_traffic(udp=UDP_PORTS, tcp=())
+    count_port_marks(UDP_PORTS, range(0, 5))
+    burst = 2000
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                          "--stats-interval", "0", "--socket-buffer", "4096", "--queue-maxlen",
+                                          str(burst * 2)] + (["--fail-open"] if fail_open else []))
+    try:
+        daemon.wait_bound()
+        daemon.signal(signal.SIGSTOP)
+        taken = send_udp_burst(burst, UDP_PORTS)
+        daemon.signal(signal.SIGCONT)
+        wait_stats(daemon, stats_path, lambda s: s["packets"] > 0)
+        # The gap in the packet ids shows once the next packet arrives; these
+        # come slowly enough for the small buffer.
+        taken += send_udp_burst(40, UDP_PORTS, pause=0.005)
+        stats = wait_stats(daemon, stats_path, lambda s: s["packets"] + s["queue_drops"]["missed"] == burst + 40)
+    finally:
+        status = daemon.stop()
+    counts = counted_by_port()
+    missed = stats["queue_drops"]["missed"]
+    print(f"burst {burst}, taken by the kernel {taken}, answered {stats['packets']}, missed {missed}, "
+          f"overruns {stats['queue_drops']['socket_overruns']}, undelivered {stats['queue_drops']['undelivered']}, "
+          f"counted {sorted(counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(missed > 0 and stats["queue_drops"]["socket_overruns"] > 0, "the burst overran the socket buffer")
+    wrong = {key: count for key, count in counts.items() if key[1] not in (0, key[0] - 5000)}
+    check(not wrong, f"packets carry another packet's mark: {wrong}")
+    marked = sum(count for key, count in counts.items() if key[1] != 0)
+    unmarked = sum(count for key, count in counts.items() if key[1] == 0)
+    check(marked == stats["packets"], "every packet the daemon answered carries its own mark")
+    if fail_open:
+        check(taken == burst + 40 and unmarked == missed, "packets lost to the daemon pass unmarked")
+    else:
+        check(unmarked == 0, "packets lost to the daemon are dropped")
+        check(stats["queue_drops"]["undelivered"] == missed, "the kernel counts the same packets as undelivered")
+
+
+def test_overrun_never_marks_another_packet(t):
+    overrun(t, fail_open=False)
+
+
+def test_overrun_failing_open_passes_unmarked(t):
+    overrun(t, fail_open=True)
 
 
 class Context:
