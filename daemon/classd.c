@@ -55,6 +55,7 @@ struct options {
   long stats_interval;
   long queue_maxlen;
   long socket_buffer;
+  uint32_t mark_mask;
   int optimise;
   int fail_open;
   int null_mode;
@@ -102,6 +103,8 @@ static void usage(FILE *out) {
         "  --dev NAME=INDEX       interface index for NAME in dev/brdev conditions (repeatable);\n"
         "                         other names are looked up among the interfaces\n"
         "  --optimise             restructure the rule set into a tree (same verdicts)\n"
+        "  --mark-mask M          the mark bits the daemon sets (default 0xffffffff); the others\n"
+        "                         keep the packet's value: mark = (old & ~M) | (result & M)\n"
         "  --fail-open            let packets pass when the queue is full\n"
         "  --queue-maxlen N       packets the kernel holds for the daemon at most\n"
         "  --socket-buffer BYTES  receive buffer of the queue socket (default 8 MiB)\n"
@@ -113,7 +116,7 @@ static void usage(FILE *out) {
         out);
 }
 
-enum { OPT_DEV = 256, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
+enum { OPT_DEV = 256, OPT_MARK_MASK, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
 
 static const struct option kOptions[] = {
     {"queue", required_argument, NULL, 'q'},
@@ -121,6 +124,7 @@ static const struct option kOptions[] = {
     {"dev", required_argument, NULL, OPT_DEV},
     {"optimise", no_argument, NULL, 'O'},
     {"fail-open", no_argument, NULL, 'f'},
+    {"mark-mask", required_argument, NULL, OPT_MARK_MASK},
     {"stats", required_argument, NULL, 's'},
     {"stats-interval", required_argument, NULL, OPT_STATS_INTERVAL},
     {"queue-maxlen", required_argument, NULL, OPT_QUEUE_MAXLEN},
@@ -179,6 +183,20 @@ static int take_number(const struct number_option *option, const char *text, str
   return 0;
 }
 
+/* A mark mask: a nonzero 32-bit number, in hexadecimal with "0x". */
+static int take_mark_mask(const char *text, struct options *o) {
+  char *end;
+  unsigned long long value;
+  errno = 0;
+  value = strtoull(text, &end, 0);
+  if (text[0] < '0' || text[0] > '9' || *end != '\0' || errno != 0 || value == 0 || value > UINT32_MAX) {
+    say(LOG_ERR, "--mark-mask: a nonzero 32-bit number such as 0xff00");
+    return -1;
+  }
+  o->mark_mask = (uint32_t)value;
+  return 0;
+}
+
 /* Reads one option; 0, 1 for --help, or -1 (after saying why). */
 static int take_option(struct daemon *d, int c, const char *arg) {
   struct options *o = &d->options;
@@ -198,6 +216,7 @@ static int take_option(struct daemon *d, int c, const char *arg) {
       return 0;
     }
   }
+  if (c == OPT_MARK_MASK) return take_mark_mask(arg, o);
   if (c == OPT_DEV && classd_devnames_add(&d->devs, arg) == 0) return 0;
   if (c == OPT_DEV) say(LOG_ERR, "--dev %s: give NAME=INDEX", arg);
   if (c == OPT_HELP) usage(stdout);
@@ -210,6 +229,7 @@ static int parse_options(struct daemon *d, int argc, char **argv) {
   int c, status;
   d->options.queue = -1;
   d->options.stats_interval = CLASSD_STATS_INTERVAL;
+  d->options.mark_mask = UINT32_MAX;
   while ((c = getopt_long(argc, argv, "", kOptions, NULL)) != -1)
     if ((status = take_option(d, c, optarg)) != 0) return status;
   if (optind < argc) {
@@ -227,10 +247,12 @@ static int parse_options(struct daemon *d, int argc, char **argv) {
 /* Loads the rule file; the new set replaces the one in use only when it
  * was read and built without any error. */
 static int load_rules(struct daemon *d, int reload) {
+  struct classd_load_checks checks;
   struct classd_load_error error;
   struct classd_ruleset *fresh;
+  checks.mark_mask = d->options.mark_mask;
   if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(d->fail_allocation);
-  fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &d->classes, &error);
+  fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &checks, &d->classes, &error);
   if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
   if (!fresh) {
     if (reload) d->reload_failures++;
@@ -238,6 +260,7 @@ static int load_rules(struct daemon *d, int reload) {
     say_lines(LOG_ERR, error.text);
     return -1;
   }
+  if (error.length) say_lines(LOG_WARNING, error.text);
   classd_ruleset_free(d->rules);
   d->rules = fresh;
   d->generation++;
@@ -251,13 +274,13 @@ static int load_rules(struct daemon *d, int reload) {
 static void decide(void *ctx, const nuv_clfy_packet *packet, uint32_t mark, struct classd_verdict *verdict) {
   struct daemon *d = ctx;
   struct classd_rule *rule = d->options.null_mode ? NULL : classd_ruleset_classify(d->rules, packet);
-  (void)mark;
   if (!rule) {
     d->unchanged++;
     return;
   }
+  /* Other subsystems own the bits outside the mask: they keep their value. */
   verdict->set_mark = 1;
-  verdict->mark = rule->result;
+  verdict->mark = (mark & ~d->options.mark_mask) | (rule->result & d->options.mark_mask);
   d->classes.verdicts[rule->slot]++;
 }
 
@@ -269,6 +292,7 @@ static void write_stats(struct daemon *d) {
   memset(&stats, 0, sizeof stats);
   stats.rules_path = d->options.rules_path;
   stats.queue = (uint16_t)d->options.queue;
+  stats.mark_mask = d->options.mark_mask;
   stats.generation = d->generation;
   stats.reloads = d->reloads;
   stats.reload_failures = d->reload_failures;

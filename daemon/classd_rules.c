@@ -150,10 +150,45 @@ static int append_rule(struct classd_ruleset *rules, size_t *capacity, const str
   return 0;
 }
 
+/* The 1-based column of the result after the rule's "=>", or 0 when the
+ * line gives none. */
+static size_t result_column(const char *line, const struct rule_line *split) {
+  const char *arrow = strstr(line + split->last, "=>");
+  size_t column;
+  if (!arrow) return 0;
+  column = (size_t)(arrow - line) + 2;
+  while (is_blank(line[column])) ++column;
+  return column + 1;
+}
+
+/* Where a rule stands in its file. */
+struct rule_site {
+  const char *path;
+  unsigned line;
+  size_t column;        /* of the rule text */
+  size_t result_column; /* of the result; 0 when there is none */
+};
+
+/* Checks of a parsed rule beyond its syntax: its result must fit the mark
+ * bits the daemon owns.  LINE_WRONG when the rule is refused. */
+static int check_rule(const struct rule_site *site, const nuv_clfy *rule, uint16_t result,
+                      const struct classd_load_checks *checks, struct classd_load_error *error) {
+  (void)rule;
+  if ((result & ~checks->mark_mask) != 0) {
+    add_error(error, "%s:%u:%zu: the result %u has bits outside the mark mask 0x%x", site->path, site->line,
+              site->result_column ? site->result_column : site->column, (unsigned)result,
+              (unsigned)checks->mark_mask);
+    return LINE_WRONG;
+  }
+  return 0;
+}
+
 /* Parses the rule of one line and links it behind the set's rules. */
 static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *path, unsigned number,
                     const char *line, const struct rule_line *split, const struct classd_devnames *devs,
-                    struct classd_classes *classes, struct classd_load_error *error) {
+                    const struct classd_load_checks *checks, struct classd_classes *classes,
+                    struct classd_load_error *error) {
+  const struct rule_site site = {path, number, split->first + 1, result_column(line, split)};
   struct classd_rule entry;
   nuv_clfy *rule = NULL;
   uint32_t offset, index = (uint32_t)rules->count;
@@ -175,6 +210,11 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
     add_error(error, "%s:%u:%zu: %s", path, number, split->first + offset + 1, reason);
     return LINE_WRONG;
   }
+  if (check_rule(&site, rule, split->result, checks, error) != 0) {
+    free(entry.text);
+    nuv_clfy_free(rule);
+    return LINE_WRONG;
+  }
   if (append_rule(rules, capacity, &entry) != 0) {
     free(entry.text);
     nuv_clfy_free(rule);
@@ -189,7 +229,7 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
 }
 
 static int read_rules(FILE *file, const char *path, const struct classd_devnames *devs,
-                      struct classd_classes *classes, struct classd_ruleset *rules,
+                      const struct classd_load_checks *checks, struct classd_classes *classes, struct classd_ruleset *rules,
                       struct classd_load_error *error) {
   char *line = NULL;
   size_t size = 0, capacity = 0;
@@ -201,7 +241,7 @@ static int read_rules(FILE *file, const char *path, const struct classd_devnames
     ++number;
     result = read_line(path, number, line, &split, &found, error);
     if (result == 0 && found)
-      result = add_rule(rules, &capacity, path, number, line, &split, devs, classes, error);
+      result = add_rule(rules, &capacity, path, number, line, &split, devs, checks, classes, error);
     if (result != 0) status = result;
   }
   if (status != LOAD_STOPPED && ferror(file)) {
@@ -213,7 +253,8 @@ static int read_rules(FILE *file, const char *path, const struct classd_devnames
 }
 
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
-                                           struct classd_classes *classes, struct classd_load_error *error) {
+                                           const struct classd_load_checks *checks, struct classd_classes *classes,
+                                           struct classd_load_error *error) {
   struct classd_ruleset *rules;
   FILE *file = fopen(path, "r");
   int status;
@@ -229,7 +270,7 @@ struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd
     add_error(error, "%s: out of memory", path);
     return NULL;
   }
-  status = read_rules(file, path, devs, classes, rules, error);
+  status = read_rules(file, path, devs, checks, classes, rules, error);
   fclose(file);
   if (status == 0 && optimise && nuv_clfy_set_optim_in_place(&rules->set) != 0) {
     add_error(error, "%s: out of memory while restructuring the rule set", path);

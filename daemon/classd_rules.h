@@ -58,16 +58,23 @@ struct classd_load_error {
   size_t length;
 };
 
+/* What a loaded rule is checked for beyond its syntax. */
+struct classd_load_checks {
+  uint32_t mark_mask; /* the mark bits the daemon owns; a result with other bits is refused */
+};
+
 /* Reads the rule file at `path` (one rule per line, blank lines and lines
  * starting with "#" skipped, an optional "=> N" at the end giving the
  * rule's result 0..65535), builds its rule set with interface names
  * resolved through `devs`, and restructures it into a tree when `optimise`.
- * The rules' results get verdict slots in `classes`.  Returns the new set
- * (free with classd_ruleset_free), or null with `error` filled, naming
- * every rule of the file that is wrong; nothing stays allocated then
- * (result slots already added stay). */
+ * Each rule is checked as `checks` asks.  The rules' results get verdict
+ * slots in `classes`.  Returns the new set (free with classd_ruleset_free),
+ * or null with `error` filled, naming every rule of the file that is wrong;
+ * nothing stays allocated then (result slots already added stay).  Either
+ * way `error` may also hold warnings, one line each. */
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
-                                           struct classd_classes *classes, struct classd_load_error *error);
+                                           const struct classd_load_checks *checks, struct classd_classes *classes,
+                                           struct classd_load_error *error);
 
 /* Frees a rule set and its rules.  Null is ignored. */
 void classd_ruleset_free(struct classd_ruleset *rules);

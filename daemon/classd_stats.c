@@ -48,6 +48,7 @@ static void put_stats(FILE *out, const struct classd_stats *s) {
   fputs("{\n  \"rules_file\": ", out);
   put_string(out, s->rules_path ? s->rules_path : "");
   fprintf(out, ",\n  \"queue\": %u,\n", (unsigned)s->queue);
+  fprintf(out, "  \"mark_mask\": %" PRIu32 ",\n", s->mark_mask);
   fprintf(out, "  \"generation\": %" PRIu64 ",\n", s->generation);
   fprintf(out, "  \"reloads\": {\"done\": %" PRIu64 ", \"failed\": %" PRIu64 "},\n", s->reloads, s->reload_failures);
   fprintf(out, "  \"packets\": %" PRIu64 ",\n", s->packets);

@@ -11,6 +11,7 @@
 struct classd_stats {
   const char *rules_path;
   uint16_t queue;
+  uint32_t mark_mask;       /* the mark bits the daemon sets */
   uint64_t generation;      /* rule sets loaded so far, the first included */
   uint64_t reloads;         /* reloads that replaced the set */
   uint64_t reload_failures; /* reloads that kept the old set */

@@ -734,6 +734,46 @@ def test_overrun_failing_open_passes_unmarked(t):
     overrun(t, fail_open=True)
 
 
+def test_mark_mask_keeps_other_bits(t):
+    """Marks set before the queue by another subsystem keep their bits outside the mask."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 5001 => 1\nudp.dport 5002 => 2\nudp.dport 5003 => 0\n")
+    # Bits 16..19 belong to routing, bits 0..7 to the daemon; 5002's packets
+    # arrive with daemon bits set too, which the result replaces.
+    run("iptables", "-t", "mangle", "-A", "OUTPUT", "-p", "udp", "--dport", "5001", "-j", "MARK", "--set-mark",
+        "0x50000")
+    run("iptables", "-t", "mangle", "-A", "OUTPUT", "-p", "udp", "--dport", "5002:5004", "-j", "MARK",
+        "--set-mark", "0x300ff")
+    queue_traffic(udp=(5001, 5002, 5003, 5004), tcp=())
+    count_port_marks((5001, 5002, 5003, 5004), (0x50001, 0x30002, 0x30000, 0x300ff, 0x1, 0x2, 0x0))
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--mark-mask", "0xff"])
+    try:
+        daemon.wait_bound()
+        for port in (5001, 5002, 5003, 5004):
+            send_udp(5, port)
+    finally:
+        status = daemon.stop()
+    counts = counted_by_port()
+    print(f"counted {sorted((port, hex(mark), count) for (port, mark), count in counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(counts == {(5001, 0x50001): 5, (5002, 0x30002): 5, (5003, 0x30000): 5, (5004, 0x300ff): 5},
+          "the result replaces the masked bits only; packets no rule applies to keep their mark")
+
+
+def test_mark_mask_refuses_results_outside(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 53 => 255\nudp.dport 54 =>   256\ntcp.dport 80 => 4096\n")
+    status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules, "--mark-mask", "0xff"])
+    print(output)
+    check(status == 2, f"exit status {status}")
+    check(f"{rules}:2:19: the result 256 has bits outside the mark mask 0xff" in output, "the error points at 256")
+    check(f"{rules}:3:17: the result 4096 has bits outside the mark mask 0xff" in output, "every such rule is named")
+    check(":1:" not in output, "255 fits the mask")
+    for wrong in ("0", "0x100000000", "ff", "-1"):
+        status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules, "--mark-mask", wrong])
+        check(status == 2 and "--mark-mask: a nonzero 32-bit number" in output, f"--mark-mask {wrong} is refused")
+
+
 class Context:
     def __init__(self, daemon, tool, workdir):
         self.daemon, self.tool, self.workdir = daemon, tool, workdir
