@@ -24,8 +24,7 @@
 #include <unistd.h>
 
 #include <nikerkiog.h>
-#include <nuvcsock_test.h>
-
+#include "classd_hooks.h"
 #include "classd_queue.h"
 #include "classd_rules.h"
 #include "classd_stats.h"
@@ -37,8 +36,8 @@ enum {
   EXIT_REFUSED = 2  /* did not start: bad options, rule file errors, queue not bound */
 };
 
-/* Test hook: when set to N > 0, every reload's Nth allocation of the
- * classifier fails, as when memory runs out mid-reload. */
+/* In the test build: when set to N > 0, every reload's Nth allocation of
+ * the classifier fails, as when memory runs out mid-reload. */
 #define CLASSD_FAIL_ALLOCATION_ENV "NIKERKIOG_CLASSD_FAIL_ALLOCATION"
 
 /* Packets answered per turn of the loop, between signal checks. */
@@ -132,8 +131,8 @@ static const struct option kOptions[] = {
     {"null", no_argument, NULL, OPT_NULL},
     {"syslog", no_argument, NULL, OPT_SYSLOG},
     {"help", no_argument, NULL, OPT_HELP},
-    /* Test hook, not shown by --help: reload N times without binding a
-     * queue and compare the classifier's live allocations before and after. */
+    /* Test build only, not shown by --help: reload N times without binding
+     * a queue and compare the classifier's live allocations before and after. */
     {"selftest-reloads", required_argument, NULL, OPT_SELFTEST},
     {NULL, 0, NULL, 0}};
 
@@ -232,6 +231,10 @@ static int parse_options(struct daemon *d, int argc, char **argv) {
   d->options.mark_mask = UINT32_MAX;
   while ((c = getopt_long(argc, argv, "", kOptions, NULL)) != -1)
     if ((status = take_option(d, c, optarg)) != 0) return status;
+  if (d->options.selftest_reloads && !classd_hooks_present()) {
+    say(LOG_ERR, "--selftest-reloads: only in the daemon's test build");
+    return -1;
+  }
   if (optind < argc) {
     say(LOG_ERR, "unexpected argument: %s", argv[optind]);
     return -1;
@@ -251,9 +254,9 @@ static int load_rules(struct daemon *d, int reload) {
   struct classd_load_error error;
   struct classd_ruleset *fresh;
   checks.mark_mask = d->options.mark_mask;
-  if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(d->fail_allocation);
+  if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(d->fail_allocation);
   fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &checks, &d->classes, &error);
-  if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
+  if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(0);
   if (!fresh) {
     if (reload) d->reload_failures++;
     if (reload) say(LOG_ERR, "reload failed, the rules in use stay:");
@@ -306,7 +309,7 @@ static void write_stats(struct daemon *d) {
     stats.missed = counters->missed;
   }
   classd_queue_kernel_drops(stats.queue, &stats.queue_dropped, &stats.user_dropped);
-  stats.live_blocks = nuvcsock_slab_live_blocks();
+  stats.live_blocks = classd_hooks_live_blocks();
   stats.classes = &d->classes;
   stats.rules = d->rules;
   if (classd_stats_write(d->options.stats_path, &stats, why, sizeof why) != 0)
@@ -409,20 +412,20 @@ static int run(struct daemon *d) {
   return status;
 }
 
-/* Test hook: reloads the rule file again and again (with the allocation
+/* Test build: reloads the rule file again and again (with the allocation
  * failure of the test hook armed, if set), then once more without it, and
  * reports whether the classifier's live allocations came back to the count
  * after the first load, and how many allocations a reload makes. */
 static int selftest_reloads(struct daemon *d) {
-  long before = nuvcsock_slab_live_blocks(), after, allocations, i;
+  long before = classd_hooks_live_blocks(), after, allocations, i;
   for (i = 0; i < d->options.selftest_reloads; ++i) load_rules(d, 1);
   printf("selftest: %ld reloads, %" PRIu64 " done, %" PRIu64 " failed", d->options.selftest_reloads, d->reloads,
          d->reload_failures);
   d->fail_allocation = 0;
-  allocations = nuvcsock_allocations();
+  allocations = classd_hooks_allocations();
   load_rules(d, 1);
-  allocations = nuvcsock_allocations() - allocations;
-  after = nuvcsock_slab_live_blocks();
+  allocations = classd_hooks_allocations() - allocations;
+  after = classd_hooks_live_blocks();
   printf(", live blocks %ld before, %ld after, %ld allocations per reload\n", before, after, allocations);
   return before == after ? EXIT_STOPPED : EXIT_FAILED;
 }
@@ -437,7 +440,7 @@ int main(int argc, char **argv) {
     classd_devnames_free(&d.devs);
     return status > 0 ? EXIT_STOPPED : EXIT_REFUSED;
   }
-  if (fail) d.fail_allocation = strtol(fail, NULL, 10);
+  if (fail && classd_hooks_present()) d.fail_allocation = strtol(fail, NULL, 10);
   use_syslog = d.options.use_syslog;
   if (use_syslog) openlog("nikerkiog-classd", LOG_PID, LOG_DAEMON);
   if (d.options.rules_path && load_rules(&d, 0) != 0) status = EXIT_REFUSED;

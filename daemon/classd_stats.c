@@ -59,7 +59,8 @@ static void put_stats(FILE *out, const struct classd_stats *s) {
   fprintf(out, "  \"queue_drops\": {\"queue_full\": %" PRIu64 ", \"undelivered\": %" PRIu64
                ", \"socket_overruns\": %" PRIu64 ", \"missed\": %" PRIu64 "},\n",
           s->queue_dropped, s->user_dropped, s->overruns, s->missed);
-  fprintf(out, "  \"live_blocks\": %ld,\n  \"rules\": ", s->live_blocks);
+  if (s->live_blocks >= 0) fprintf(out, "  \"live_blocks\": %ld,\n", s->live_blocks);
+  fputs("  \"rules\": ", out);
   put_rules(out, s->rules);
   fputs("\n}\n", out);
 }

@@ -23,7 +23,7 @@ struct classd_stats {
   uint64_t user_dropped;    /* the kernel could not deliver them to us */
   uint64_t overruns;        /* times our socket buffer overflowed */
   uint64_t missed;          /* packets lost to us that way (dropped, or passed when failing open) */
-  long live_blocks;         /* the classifier's live allocations */
+  long live_blocks;         /* the classifier's live allocations; -1 (left out) when not measured */
   const struct classd_classes *classes;
   const struct classd_ruleset *rules; /* null when no set is loaded */
 };

@@ -1,7 +1,10 @@
 #!/usr/bin/python3
 """Tests of nikerkiog-classd run by CTest: one behaviour per invocation.
 
-    classd_test.py NAME --daemon PATH --tool PATH
+    classd_test.py NAME --daemon PATH --test-daemon PATH --tool PATH
+
+--daemon is the daemon as shipped; --test-daemon its test build, which can
+count the classifier's live allocations and make one of them fail.
 
 Each test runs in a network namespace of its own (made here with unshare)
 and sends only to loopback addresses inside it, a bounded number of packets
@@ -374,8 +377,8 @@ def test_reload_under_load(t):
     write_file(rules, sets[0])
     queue_traffic(udp=(5001,), tcp=())
     count_marks(range(0, 4), udp=(5001,), tcp=())
-    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
-                                          "--stats-interval", "0", "--queue-maxlen", "65536"])
+    daemon = Daemon(t.test_daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                               "--stats-interval", "0", "--queue-maxlen", "65536"])
     sent = [0]
     stop = threading.Event()
 
@@ -479,8 +482,8 @@ def reload_with_failing_allocation(t, nth):
     new = "udp.dport 5001,5002,5003 => 2\nip.daddr 127.0.0.0/8 udp.dport 5001 => 3\ntcp.dport 6001-6002 => 2\n"
     write_file(rules, old)
     env = {"NIKERKIOG_CLASSD_FAIL_ALLOCATION": str(nth)}
-    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--optimise", "--stats",
-                                          stats_path, "--stats-interval", "0"], env=env, name=f"daemon{nth}")
+    daemon = Daemon(t.test_daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--optimise", "--stats",
+                                               stats_path, "--stats-interval", "0"], env=env, name=f"daemon{nth}")
     try:
         daemon.wait_bound()
         send_udp(5, 5001)
@@ -511,7 +514,8 @@ def test_reload_allocation_failures(t):
 def selftest(t, rules, reloads, nth=None):
     """Runs the reload self-test; returns (done, failed, allocations per reload)."""
     env = {"NIKERKIOG_CLASSD_FAIL_ALLOCATION": str(nth)} if nth else {}
-    status, output = run_daemon(t.daemon, ["--selftest-reloads", str(reloads), "--optimise", "--rules", rules], env=env)
+    status, output = run_daemon(t.test_daemon, ["--selftest-reloads", str(reloads), "--optimise", "--rules", rules],
+                                env=env)
     found = re.search(r"(\d+) done, (\d+) failed, live blocks (\d+) before, (\d+) after, (\d+) allocations", output)
     check(found, f"self-test report missing: {output}")
     check(status == 0 and found.group(3) == found.group(4),
@@ -774,15 +778,46 @@ def test_mark_mask_refuses_results_outside(t):
         check(status == 2 and "--mark-mask: a nonzero 32-bit number" in output, f"--mark-mask {wrong} is refused")
 
 
+def test_shipped_daemon_has_no_test_hooks(t):
+    """The shipped daemon needs nothing of the platform but its public interfaces."""
+    symbols = subprocess.run(["nm", "-D", "--undefined-only", t.daemon], check=True, capture_output=True,
+                             text=True).stdout
+    hooks = [line.split()[-1] for line in symbols.splitlines() if "nuvcsock_" in line]
+    check(not hooks, f"the shipped daemon calls test hooks: {hooks}")
+    test_symbols = subprocess.run(["nm", "-D", "--undefined-only", t.test_daemon], check=True, capture_output=True,
+                                  text=True).stdout
+    check("nuvcsock_fail_nth_allocation" in test_symbols, "the test build does call them (the check can fail)")
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 5001 => 1\n")
+    status, output = run_daemon(t.daemon, ["--selftest-reloads", "1", "--rules", rules])
+    check(status == 2 and "only in the daemon's test build" in output, f"self-test refused: {status} {output}")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    queue_traffic(udp=(5001,), tcp=())
+    count_marks([1], udp=(5001,), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                          "--stats-interval", "0"], env={"NIKERKIOG_CLASSD_FAIL_ALLOCATION": "1"})
+    try:
+        daemon.wait_bound()
+        daemon.signal(signal.SIGHUP)
+        stats = wait_stats(daemon, stats_path, lambda s: s["reloads"]["done"] == 1)
+        send_udp(3, 5001)
+    finally:
+        status = daemon.stop()
+    check(status == 0, f"exit status {status}")
+    check("live_blocks" not in stats, "no live block count without the platform's measurements")
+    check(counted().get(1) == 3, "the reload succeeded: no allocation failure is injected")
+
+
 class Context:
-    def __init__(self, daemon, tool, workdir):
-        self.daemon, self.tool, self.workdir = daemon, tool, workdir
+    def __init__(self, daemon, test_daemon, tool, workdir):
+        self.daemon, self.test_daemon, self.tool, self.workdir = daemon, test_daemon, tool, workdir
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("name")
     parser.add_argument("--daemon", required=True)
+    parser.add_argument("--test-daemon", required=True)
     parser.add_argument("--tool", required=True)
     args = parser.parse_args()
     test = globals().get("test_" + args.name)
@@ -792,7 +827,8 @@ def main():
     enter_namespace()
     workdir = tempfile.mkdtemp(prefix="classd-")
     try:
-        test(Context(os.path.abspath(args.daemon), os.path.abspath(args.tool), workdir))
+        test(Context(os.path.abspath(args.daemon), os.path.abspath(args.test_daemon), os.path.abspath(args.tool),
+                     workdir))
     except Failure as failure:
         print(f"FAILED: {args.name}: {failure}")
         return 1
