@@ -1,8 +1,8 @@
 /* nikerkiog-classd: classifies the packets of a kernel queue with the
  * rules of a file and answers each with a mark.
  *
- *   nikerkiog-classd --queue N --rules FILE [--dev NAME=INDEX ...] [--optimise]
- *                    [--fail-open] [--stats FILE [--stats-interval SECONDS]]
+ *   nikerkiog-classd --queue N --rules FILE [options]   (see --help and
+ *   the manual page nikerkiog-classd(8))
  *
  * SIGHUP reloads the rule file (the set in use stays when the new one has
  * an error), SIGUSR1 writes the statistics file, SIGTERM and SIGINT stop
@@ -21,6 +21,7 @@
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <nikerkiog.h>
@@ -28,6 +29,10 @@
 #include "classd_queue.h"
 #include "classd_rules.h"
 #include "classd_stats.h"
+
+#ifndef CLASSD_VERSION
+#define CLASSD_VERSION "unknown" /* the build gives the project's version */
+#endif
 
 /* Exit statuses. */
 enum {
@@ -69,6 +74,7 @@ struct daemon {
   struct classd_ruleset *rules;
   struct classd_queue *queue;
   uint64_t generation, reloads, reload_failures, unchanged;
+  time_t loaded_at, last_reload_at;
   long fail_allocation;
   int stop;
 };
@@ -111,11 +117,13 @@ static void usage(FILE *out) {
         "  --stats-interval SECS  seconds between statistics writes (default 10; 0: only on SIGUSR1)\n"
         "  --null                 accept every packet unchanged without classifying (reference)\n"
         "  --syslog               log to syslog instead of standard error\n"
+        "  --version              print the version and exit\n"
+        "  --help                 print this help and exit\n"
         "signals: SIGHUP reloads the rules, SIGUSR1 writes statistics, SIGTERM/SIGINT stop\n",
         out);
 }
 
-enum { OPT_DEV = 256, OPT_MARK_MASK, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
+enum { OPT_DEV = 256, OPT_MARK_MASK, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP, OPT_VERSION };
 
 static const struct option kOptions[] = {
     {"queue", required_argument, NULL, 'q'},
@@ -131,6 +139,7 @@ static const struct option kOptions[] = {
     {"null", no_argument, NULL, OPT_NULL},
     {"syslog", no_argument, NULL, OPT_SYSLOG},
     {"help", no_argument, NULL, OPT_HELP},
+    {"version", no_argument, NULL, OPT_VERSION},
     /* Test build only, not shown by --help: reload N times without binding
      * a queue and compare the classifier's live allocations before and after. */
     {"selftest-reloads", required_argument, NULL, OPT_SELFTEST},
@@ -196,7 +205,7 @@ static int take_mark_mask(const char *text, struct options *o) {
   return 0;
 }
 
-/* Reads one option; 0, 1 for --help, or -1 (after saying why). */
+/* Reads one option; 0, 1 for --help and --version, or -1 (after saying why). */
 static int take_option(struct daemon *d, int c, const char *arg) {
   struct options *o = &d->options;
   size_t i;
@@ -218,12 +227,16 @@ static int take_option(struct daemon *d, int c, const char *arg) {
   if (c == OPT_MARK_MASK) return take_mark_mask(arg, o);
   if (c == OPT_DEV && classd_devnames_add(&d->devs, arg) == 0) return 0;
   if (c == OPT_DEV) say(LOG_ERR, "--dev %s: give NAME=INDEX", arg);
+  if (c == OPT_VERSION) {
+    puts("nikerkiog-classd " CLASSD_VERSION);
+    return 1;
+  }
   if (c == OPT_HELP) usage(stdout);
   else if (c != OPT_DEV) usage(stderr);
   return c == OPT_HELP ? 1 : -1;
 }
 
-/* 0 to go on, 1 to stop with success (--help), -1 for a usage error. */
+/* 0 to go on, 1 to stop with success (--help, --version), -1 for a usage error. */
 static int parse_options(struct daemon *d, int argc, char **argv) {
   int c, status;
   d->options.queue = -1;
@@ -254,6 +267,7 @@ static int load_rules(struct daemon *d, int reload) {
   struct classd_load_error error;
   struct classd_ruleset *fresh;
   checks.mark_mask = d->options.mark_mask;
+  if (reload) d->last_reload_at = time(NULL);
   if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(d->fail_allocation);
   fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &checks, &d->classes, &error);
   if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(0);
@@ -266,6 +280,7 @@ static int load_rules(struct daemon *d, int reload) {
   if (error.length) say_lines(LOG_WARNING, error.text);
   classd_ruleset_free(d->rules);
   d->rules = fresh;
+  d->loaded_at = time(NULL);
   d->generation++;
   if (reload) {
     d->reloads++;
@@ -299,6 +314,8 @@ static void write_stats(struct daemon *d) {
   stats.generation = d->generation;
   stats.reloads = d->reloads;
   stats.reload_failures = d->reload_failures;
+  stats.loaded_at = (int64_t)d->loaded_at;
+  stats.last_reload_at = (int64_t)d->last_reload_at;
   stats.unchanged = d->unchanged;
   if (d->queue) {
     counters = classd_queue_counters(d->queue);
@@ -307,6 +324,7 @@ static void write_stats(struct daemon *d) {
     stats.errors = counters->malformed + counters->send_errors;
     stats.overruns = counters->overruns;
     stats.missed = counters->missed;
+    if (d->options.fail_open) stats.failed_open = counters->missed;
   }
   classd_queue_kernel_drops(stats.queue, &stats.queue_dropped, &stats.user_dropped);
   stats.live_blocks = classd_hooks_live_blocks();

@@ -252,6 +252,18 @@ static int read_rules(FILE *file, const char *path, const struct classd_devnames
   return status;
 }
 
+/* CRC-32 of the rest of `file` (reflected, polynomial 0xEDB88320, as zlib
+ * and Ethernet compute it), so that the statistics say which file is in use. */
+static uint32_t file_checksum(FILE *file) {
+  uint32_t crc = 0xFFFFFFFFu;
+  int c, bit;
+  while ((c = getc(file)) != EOF) {
+    crc ^= (uint32_t)c;
+    for (bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
                                            const struct classd_load_checks *checks, struct classd_classes *classes,
                                            struct classd_load_error *error) {
@@ -271,6 +283,11 @@ struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd
     return NULL;
   }
   status = read_rules(file, path, devs, checks, classes, rules, error);
+  /* The same open file read again: the bytes the rules came from. */
+  if (status == 0) {
+    rewind(file);
+    rules->checksum = file_checksum(file);
+  }
   fclose(file);
   if (status == 0 && optimise && nuv_clfy_set_optim_in_place(&rules->set) != 0) {
     add_error(error, "%s: out of memory while restructuring the rule set", path);

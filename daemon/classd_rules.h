@@ -49,6 +49,7 @@ struct classd_ruleset {
   nuv_clfy_compiled *compiled; /* made once the set is complete */
   struct classd_rule *rules;
   size_t count;
+  uint32_t checksum; /* CRC-32 (as zlib and Ethernet compute it) of the file's bytes */
 };
 
 /* Why loading failed: one line per error, "FILE:LINE:COLUMN: reason" for

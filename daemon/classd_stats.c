@@ -51,7 +51,11 @@ static void put_stats(FILE *out, const struct classd_stats *s) {
   fprintf(out, "  \"mark_mask\": %" PRIu32 ",\n", s->mark_mask);
   fprintf(out, "  \"generation\": %" PRIu64 ",\n", s->generation);
   fprintf(out, "  \"reloads\": {\"done\": %" PRIu64 ", \"failed\": %" PRIu64 "},\n", s->reloads, s->reload_failures);
+  fprintf(out, "  \"rules_loaded_at\": %" PRId64 ",\n  \"last_reload_at\": %" PRId64 ",\n", s->loaded_at,
+          s->last_reload_at);
+  if (s->rules) fprintf(out, "  \"rules_checksum\": \"crc32:%08" PRIx32 "\",\n", s->rules->checksum);
   fprintf(out, "  \"packets\": %" PRIu64 ",\n", s->packets);
+  fprintf(out, "  \"failed_open\": %" PRIu64 ",\n", s->failed_open);
   fprintf(out, "  \"verdict_messages\": %" PRIu64 ",\n", s->verdict_messages);
   fprintf(out, "  \"verdicts\": {\"unchanged\": %" PRIu64 ", \"classes\": ", s->unchanged);
   put_classes(out, s->classes);

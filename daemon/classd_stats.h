@@ -15,6 +15,9 @@ struct classd_stats {
   uint64_t generation;      /* rule sets loaded so far, the first included */
   uint64_t reloads;         /* reloads that replaced the set */
   uint64_t reload_failures; /* reloads that kept the old set */
+  int64_t loaded_at;        /* UNIX time the set in use was loaded */
+  int64_t last_reload_at;   /* UNIX time of the last reload, done or failed; 0 before any */
+  uint64_t failed_open;     /* packets lost to us that passed unchanged (--fail-open) */
   uint64_t packets;         /* packets answered */
   uint64_t verdict_messages; /* verdict messages that answered them */
   uint64_t unchanged;       /* packets no rule applied to (mark left as it was) */

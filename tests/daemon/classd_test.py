@@ -25,6 +25,7 @@ import sys
 import tempfile
 import threading
 import time
+import zlib
 
 SKIP = 77
 NAMESPACE_MARK = "NIKERKIOG_CLASSD_TEST_NAMESPACE"
@@ -411,6 +412,9 @@ def test_reload_under_load(t):
     counts = counted()
     print(f"sent {sent[0]}, counted per mark {sorted(counts.items())}, reloads {last['reloads']}")
     check(last["reloads"] == {"done": 50, "failed": 50}, "50 reloads should replace the set and 50 keep it")
+    check(last["last_reload_at"] >= last["rules_loaded_at"] > 0, "the last reload failed after the set in use was loaded")
+    with open(rules, "rb") as f:
+        check(last["rules_checksum"] != f"crc32:{zlib.crc32(f.read()):08x}", "the failed file is not the one in use")
     check(sum(counts.values()) == sent[0], "every packet sent is counted after the queue")
     check(counts.get(0, 0) == 0 and counts.get(3, 0) == 0, "no packet is left unmarked or marked by the invalid file")
     check(counts.get(1, 0) > 0 and counts.get(2, 0) > 0, "both valid sets classified packets")
@@ -604,6 +608,11 @@ def test_stats_file(t):
                                                              "missed": 0},
           "no errors, no drops")
     check(not os.path.exists(stats_path + ".tmp"), "no temporary file stays behind")
+    with open(rules, "rb") as f:
+        check(stats["rules_checksum"] == f"crc32:{zlib.crc32(f.read()):08x}", "the checksum is zlib's CRC-32 of the file")
+    check(abs(stats["rules_loaded_at"] - time.time()) < 60 and stats["last_reload_at"] == 0,
+          "load time given, no reload yet")
+    check(stats["failed_open"] == 0 and stats["mark_mask"] == 0xFFFFFFFF, "nothing failed open; all mark bits")
 
 
 def test_verdicts_batched(t):
@@ -725,6 +734,7 @@ def overrun(t, fail_open):
     check(marked == stats["packets"], "every packet the daemon answered carries its own mark")
     if fail_open:
         check(taken == burst + 40 and unmarked == missed, "packets lost to the daemon pass unmarked")
+        check(stats["failed_open"] == missed, "the statistics count them as failed open")
     else:
         check(unmarked == 0, "packets lost to the daemon are dropped")
         check(stats["queue_drops"]["undelivered"] == missed, "the kernel counts the same packets as undelivered")
@@ -806,6 +816,17 @@ def test_shipped_daemon_has_no_test_hooks(t):
     check(status == 0, f"exit status {status}")
     check("live_blocks" not in stats, "no live block count without the platform's measurements")
     check(counted().get(1) == 3, "the reload succeeded: no allocation failure is injected")
+
+
+def test_version_and_help(t):
+    status, output = run_daemon(t.daemon, ["--version"])
+    check(status == 0 and re.fullmatch(r"nikerkiog-classd \d+\.\d+\.\d+\n", output), f"--version: {output!r}")
+    status, output = run_daemon(t.daemon, ["--help"])
+    check(status == 0, f"--help exit status {status}")
+    for option in ("--queue", "--rules", "--dev", "--optimise", "--fail-open", "--mark-mask", "--queue-maxlen",
+                   "--socket-buffer", "--stats", "--stats-interval", "--null", "--syslog", "--version", "--help"):
+        check(re.search(r"^  " + re.escape(option) + r"\b", output, re.M), f"--help lists {option}")
+    check("--selftest-reloads" not in output, "the test build's option is not shown")
 
 
 class Context:
