@@ -61,6 +61,7 @@ struct options {
   long socket_buffer;
   uint32_t mark_mask;
   int optimise;
+  int per_connection;
   int fail_open;
   int null_mode;
   int use_syslog;
@@ -110,6 +111,8 @@ static void usage(FILE *out) {
         "  --optimise             restructure the rule set into a tree (same verdicts)\n"
         "  --mark-mask M          the mark bits the daemon sets (default 0xffffffff); the others\n"
         "                         keep the packet's value: mark = (old & ~M) | (result & M)\n"
+        "  --per-connection       the firewall queues a connection's first packets only and\n"
+        "                         keeps their mark for the rest; warns about per-packet conditions\n"
         "  --fail-open            let packets pass when the queue is full\n"
         "  --queue-maxlen N       packets the kernel holds for the daemon at most\n"
         "  --socket-buffer BYTES  receive buffer of the queue socket (default 8 MiB)\n"
@@ -123,7 +126,7 @@ static void usage(FILE *out) {
         out);
 }
 
-enum { OPT_DEV = 256, OPT_MARK_MASK, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP, OPT_VERSION };
+enum { OPT_DEV = 256, OPT_MARK_MASK, OPT_PER_CONNECTION, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP, OPT_VERSION };
 
 static const struct option kOptions[] = {
     {"queue", required_argument, NULL, 'q'},
@@ -132,6 +135,7 @@ static const struct option kOptions[] = {
     {"optimise", no_argument, NULL, 'O'},
     {"fail-open", no_argument, NULL, 'f'},
     {"mark-mask", required_argument, NULL, OPT_MARK_MASK},
+    {"per-connection", no_argument, NULL, OPT_PER_CONNECTION},
     {"stats", required_argument, NULL, 's'},
     {"stats-interval", required_argument, NULL, OPT_STATS_INTERVAL},
     {"queue-maxlen", required_argument, NULL, OPT_QUEUE_MAXLEN},
@@ -170,6 +174,7 @@ struct plain_option {
 
 static const struct plain_option kFlagOptions[] = {{'O', offsetof(struct options, optimise)},
                                                    {'f', offsetof(struct options, fail_open)},
+                                                   {OPT_PER_CONNECTION, offsetof(struct options, per_connection)},
                                                    {OPT_NULL, offsetof(struct options, null_mode)},
                                                    {OPT_SYSLOG, offsetof(struct options, use_syslog)}};
 
@@ -267,6 +272,7 @@ static int load_rules(struct daemon *d, int reload) {
   struct classd_load_error error;
   struct classd_ruleset *fresh;
   checks.mark_mask = d->options.mark_mask;
+  checks.per_connection = d->options.per_connection;
   if (reload) d->last_reload_at = time(NULL);
   if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(d->fail_allocation);
   fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &checks, &d->classes, &error);

@@ -169,11 +169,61 @@ struct rule_site {
   size_t result_column; /* of the result; 0 when there is none */
 };
 
+/* Conditions on fields that differ between the packets of one connection,
+ * by the keywords that write them. */
+static const struct per_packet_condition {
+  uint32_t flag;
+  const char *keywords[3];
+} kPerPacketConditions[] = {{NUV_CLFY_F_TCP_FLAGS, {"tcp.flags", NULL, NULL}},
+                            {NUV_CLFY_F_IP_LEN, {"ip.len", NULL, NULL}},
+                            {NUV_CLFY_F_DHCP, {"dhcpoption", "dhcpheader", NULL}},
+                            {NUV_CLFY_F_PACKETMATCH, {"packetmatch", NULL, NULL}}};
+
+/* The 0-based offset of the first of `keywords` standing as a word in
+ * `text`, with the keyword found; the text's length when none does. */
+static size_t keyword_offset(const char *text, const char *const *keywords, const char **found) {
+  size_t offset = 0, length = strlen(text);
+  while (offset < length) {
+    size_t end = offset, k;
+    while (end < length && !is_blank(text[end])) ++end;
+    for (k = 0; k < 3 && keywords[k]; ++k) {
+      if (end - offset == strlen(keywords[k]) && memcmp(text + offset, keywords[k], end - offset) == 0) {
+        *found = keywords[k];
+        return offset;
+      }
+    }
+    offset = end;
+    while (offset < length && is_blank(text[offset])) ++offset;
+  }
+  *found = keywords[0];
+  return length;
+}
+
+/* With --per-connection a rule decides on a connection's first packets
+ * alone: a warning for each condition on a field later packets differ in. */
+static void warn_per_packet_conditions(const struct rule_site *site, const char *text, const nuv_clfy *rule,
+                                       struct classd_load_error *error) {
+  size_t i;
+  for (i = 0; i < sizeof kPerPacketConditions / sizeof kPerPacketConditions[0]; ++i) {
+    const char *keyword;
+    size_t offset;
+    if (!(rule->flags & kPerPacketConditions[i].flag)) continue;
+    offset = keyword_offset(text, kPerPacketConditions[i].keywords, &keyword);
+    if (offset == strlen(text)) offset = 0;
+    add_error(error,
+              "%s:%u:%zu: warning: %s differs from packet to packet; with --per-connection only a connection's "
+              "first packets are classified",
+              site->path, site->line, site->column + offset, keyword);
+  }
+}
+
 /* Checks of a parsed rule beyond its syntax: its result must fit the mark
- * bits the daemon owns.  LINE_WRONG when the rule is refused. */
-static int check_rule(const struct rule_site *site, const nuv_clfy *rule, uint16_t result,
+ * bits the daemon owns; in per-connection mode, conditions that change
+ * within a connection are warned about.  LINE_WRONG when the rule is
+ * refused. */
+static int check_rule(const struct rule_site *site, const char *text, const nuv_clfy *rule, uint16_t result,
                       const struct classd_load_checks *checks, struct classd_load_error *error) {
-  (void)rule;
+  if (checks->per_connection) warn_per_packet_conditions(site, text, rule, error);
   if ((result & ~checks->mark_mask) != 0) {
     add_error(error, "%s:%u:%zu: the result %u has bits outside the mark mask 0x%x", site->path, site->line,
               site->result_column ? site->result_column : site->column, (unsigned)result,
@@ -210,7 +260,7 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
     add_error(error, "%s:%u:%zu: %s", path, number, split->first + offset + 1, reason);
     return LINE_WRONG;
   }
-  if (check_rule(&site, rule, split->result, checks, error) != 0) {
+  if (check_rule(&site, entry.text, rule, split->result, checks, error) != 0) {
     free(entry.text);
     nuv_clfy_free(rule);
     return LINE_WRONG;

@@ -62,6 +62,8 @@ struct classd_load_error {
 /* What a loaded rule is checked for beyond its syntax. */
 struct classd_load_checks {
   uint32_t mark_mask; /* the mark bits the daemon owns; a result with other bits is refused */
+  int per_connection; /* the daemon sees only a connection's first packets: warn about each
+                         condition on a field that changes from packet to packet */
 };
 
 /* Reads the rule file at `path` (one rule per line, blank lines and lines

@@ -119,6 +119,29 @@ def counted_by_port(ipt="iptables", chain="POSTROUTING"):
     return counts
 
 
+def nft_load(text):
+    """Loads an nftables ruleset given as text."""
+    result = subprocess.run(["nft", "-f", "-"], input=text, capture_output=True, text=True)
+    check(result.returncode == 0, f"nft refused the ruleset: {result.stderr}\n{text}")
+
+
+def kernel_queues_from_nftables():
+    """Whether the kernel has nftables' own queue statement (some kernels
+    queue only through the iptables target)."""
+    probe = subprocess.run(["nft", "-f", "-"], input="table inet classd_probe {\n chain c {\n  queue num 0 bypass\n }\n}\n",
+                           capture_output=True, text=True)
+    subprocess.run(["nft", "delete", "table", "inet", "classd_probe"], capture_output=True)
+    return probe.returncode == 0
+
+
+def nft_counters(family, table):
+    """The named counters of a table: name -> packets."""
+    listing = subprocess.run(["nft", "-j", "list", "counters", "table", family, table], check=True,
+                             capture_output=True, text=True).stdout
+    return {item["counter"]["name"]: item["counter"]["packets"]
+            for item in json.loads(listing)["nftables"] if "counter" in item}
+
+
 # ---- the daemon -----------------------------------------------------------------
 
 class Daemon:
@@ -827,6 +850,130 @@ def test_version_and_help(t):
                    "--socket-buffer", "--stats", "--stats-interval", "--null", "--syslog", "--version", "--help"):
         check(re.search(r"^  " + re.escape(option) + r"\b", output, re.M), f"--help lists {option}")
     check("--selftest-reloads" not in output, "the test build's option is not shown")
+
+
+CONNECTION_PORTS = range(7001, 7011)
+
+
+def per_connection_ruleset(marks):
+    """Only packets of connections without a mark go to the queue; the mark
+    the daemon gives is saved in the connection and restored on its later
+    packets.  Named counters count each port's packets, in all and with the
+    expected mark."""
+    counters = "".join(f"  counter all_{p} {{}}\n  counter marked_{p} {{}}\n" for p in CONNECTION_PORTS)
+    counting = "".join(f"    tcp dport {p} counter name all_{p}\n"
+                       f"    tcp dport {p} meta mark {marks[p]} counter name marked_{p}\n" for p in CONNECTION_PORTS)
+    ports = f"{CONNECTION_PORTS[0]}-{CONNECTION_PORTS[-1]}"
+    return f"""table inet classd_test {{
+{counters}  chain restore {{
+    type filter hook output priority mangle - 1; policy accept;
+    tcp dport {ports} ct mark != 0 meta mark set ct mark
+  }}
+  chain save {{
+    type filter hook output priority mangle + 1; policy accept;
+    tcp dport {ports} ct mark 0 meta mark != 0 ct mark set meta mark
+  }}
+  chain count {{
+    type filter hook postrouting priority 0; policy accept;
+{counting}  }}
+}}
+"""
+
+
+def queue_unclassified_connections(nft_match, ipt_match, hook="output"):
+    """Queues the packets of connections without a mark, between restoring
+    and saving marks: by nftables' queue statement, or where the kernel has
+    none by the iptables target (its mangle chains run at the same priority)."""
+    if kernel_queues_from_nftables():
+        nft_load(f"table inet classd_queue {{\n chain q {{\n  type filter hook {hook} priority mangle; policy accept;\n"
+                 f"  {nft_match} ct mark 0 queue num {QUEUE}\n }}\n}}\n")
+    else:
+        run("iptables", "-t", "mangle", "-A", hook.upper(), *ipt_match, "-m", "connmark", "--mark", "0", "-j",
+            "NFQUEUE", "--queue-num", str(QUEUE))
+
+
+def exchange_segments(port, count):
+    """One connection sending `count` small segments, each echoed back
+    before the next, so that each is a packet of its own."""
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as listener:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", port))
+        listener.listen(1)
+        with socket.create_connection(("127.0.0.1", port), timeout=WAIT) as client:
+            client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            server, _ = listener.accept()
+            with server:
+                server.settimeout(WAIT)
+                server.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                for i in range(count):
+                    client.sendall(b"%04d" % i)
+                    received = b""
+                    while len(received) < 4:
+                        received += server.recv(4 - len(received))
+                    server.sendall(received)
+                    echoed = b""
+                    while len(echoed) < 4:
+                        echoed += client.recv(4 - len(echoed))
+
+
+def test_per_connection_marks_whole_connections(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    marks = {p: 0x10 + i for i, p in enumerate(CONNECTION_PORTS)}
+    write_file(rules, "".join(f"tcp.dport {p} => {marks[p]}\n" for p in CONNECTION_PORTS))
+    nft_load(per_connection_ruleset(marks))
+    queue_unclassified_connections(f"tcp dport {CONNECTION_PORTS[0]}-{CONNECTION_PORTS[-1]}",
+                                   ["-p", "tcp", "--dport", f"{CONNECTION_PORTS[0]}:{CONNECTION_PORTS[-1]}"])
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--per-connection", "--stats",
+                                          stats_path, "--stats-interval", "0"])
+    try:
+        daemon.wait_bound()
+        for port in CONNECTION_PORTS:
+            exchange_segments(port, 100)
+        stats = wait_stats(daemon, stats_path, lambda s: True)
+    finally:
+        status = daemon.stop()
+    counters = nft_counters("inet", "classd_test")
+    every = {p: counters[f"all_{p}"] for p in CONNECTION_PORTS}
+    marked = {p: counters[f"marked_{p}"] for p in CONNECTION_PORTS}
+    print(f"packets per connection {sorted(every.items())}; with the connection's mark {sorted(marked.items())}; "
+          f"seen by the daemon {stats['packets']}, hits {[r['hits'] for r in stats['rules']]}")
+    check(status == 0, f"exit status {status}")
+    check(sum(every.values()) >= 1000 and min(every.values()) >= 100, "100 segments on each of 10 connections")
+    check(marked == every, "every packet carries its connection's mark")
+    check(10 <= stats["packets"] <= 20 and all(1 <= r["hits"] <= 2 for r in stats["rules"]),
+          "the daemon saw only each connection's first packets")
+
+
+PER_PACKET_RULES = """\
+tcp.dport 80 => 1
+tcp.dport 443 tcp.flags 0x002/0x012 => 2
+udp.dport 53  ip.len >512 => 3
+udp.dport 67 dhcpoption 60 MSFT* clients => 4
+tcp.dport 25 packetmatch *EHLO* => 5
+"""
+
+
+def test_per_connection_warns_about_per_packet_conditions(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, PER_PACKET_RULES)
+    queue_traffic(udp=(), tcp=(1,))
+    outputs = {}
+    for mode in ([], ["--per-connection"]):
+        daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules] + mode, name="d" + str(len(mode)))
+        try:
+            daemon.wait_bound()
+        finally:
+            status = daemon.stop()
+        check(status == 0, f"exit status {status}")
+        outputs[bool(mode)] = daemon.output()
+    print(outputs[True])
+    check("warning" not in outputs[False], "no warning without --per-connection")
+    for where, keyword in (("2:15", "tcp.flags"), ("3:15", "ip.len"), ("4:14", "dhcpoption"), ("5:14", "packetmatch")):
+        check(f"{rules}:{where}: warning: {keyword} differs from packet to packet" in outputs[True],
+              f"{keyword} is warned about at {where}")
+    check(f"{rules}:1:" not in outputs[True], "a rule on ports only is fine")
+    check("5 rules" in outputs[True], "warnings do not refuse the rules")
 
 
 class Context:
