@@ -9,7 +9,7 @@ what=${1:-native}
 native=(cmake ninja-build g++ clang pkg-config ccache libgtest-dev libgmock-dev librapidcheck-dev
         libbenchmark-dev libclang-rt-14-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev libtins-dev
         tshark python3-scapy binutils file valgrind
-        libnetfilter-queue-dev libmnl-dev iptables iproute2)
+        libnetfilter-queue-dev libmnl-dev iptables iproute2 nftables scdoc)
 cross=(g++-arm-linux-gnueabi g++-s390x-linux-gnu qemu-user
        libgtest-dev:armel libgmock-dev:armel libstdc++6:armel librapidcheck-dev:armel
        libgtest-dev:s390x libgmock-dev:s390x libstdc++6:s390x librapidcheck-dev:s390x)

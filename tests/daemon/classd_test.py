@@ -976,6 +976,152 @@ def test_per_connection_warns_about_per_packet_conditions(t):
     check("5 rules" in outputs[True], "warnings do not refuse the rules")
 
 
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "daemon", "examples")
+
+# Run inside the client's namespace: three UDP flows (two forwarded, one to
+# the router), then one TCP connection that sends segments one by one.
+CLIENT_SCRIPT = """
+import socket, sys, time
+server, router = sys.argv[1], sys.argv[2]
+with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+    for i in range(20):
+        s.sendto(b"call", (server, 5060))
+        s.sendto(b"other", (server, 9999))
+        s.sendto(b"local", (router, 5060))
+        if i == 0:
+            time.sleep(0.3)  # a flow's later packets follow its first's verdict
+with socket.create_connection((server, 22), timeout=10) as c:
+    c.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    for i in range(50):
+        c.sendall(b"%04d" % i)
+        assert c.recv(4)
+"""
+
+# Run inside the server's namespace: echoes one TCP connection on port 22.
+SERVER_SCRIPT = """
+import socket
+with socket.socket() as l:
+    l.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    l.bind(("0.0.0.0", 22))
+    l.listen(1)
+    print("listening", flush=True)
+    l.settimeout(20)
+    c, _ = l.accept()
+    with c:
+        while True:
+            data = c.recv(4)
+            if not data:
+                break
+            c.sendall(data)
+"""
+
+
+class Host:
+    """A namespace of its own behind one end of a veth pair from this one."""
+
+    def __init__(self, name, router_if, address, router_address):
+        self.holder = subprocess.Popen(["unshare", "-n", "sleep", "120"])
+        self.pid = str(self.holder.pid)
+        deadline = time.monotonic() + WAIT
+        while os.readlink(f"/proc/{self.pid}/ns/net") == os.readlink("/proc/self/ns/net"):
+            check(time.monotonic() < deadline, "the host namespace was not made")
+            time.sleep(0.01)
+        run("ip", "link", "add", router_if, "type", "veth", "peer", "name", name)
+        run("ip", "link", "set", name, "netns", self.pid)
+        run("ip", "addr", "add", router_address + "/24", "dev", router_if)
+        run("ip", "link", "set", router_if, "up")
+        self.run("ip", "link", "set", "lo", "up")
+        self.run("ip", "addr", "add", address + "/24", "dev", name)
+        self.run("ip", "link", "set", name, "up")
+        self.run("ip", "route", "add", "default", "via", router_address)
+
+    def command(self, *command):
+        return ["nsenter", "-t", self.pid, "-n", *command]
+
+    def run(self, *command):
+        run(*self.command(*command))
+
+    def close(self):
+        self.holder.kill()
+        self.holder.wait(WAIT)
+
+
+CHECK_RULESET = """table inet classd_check {
+  counter forwarded_call {}
+  counter forwarded_call_marked {}
+  counter forwarded_other {}
+  counter forwarded_other_marked {}
+  counter forwarded_shell {}
+  counter forwarded_shell_marked {}
+  counter local_call {}
+  counter local_call_marked {}
+  chain postrouting {
+    type filter hook postrouting priority 100; policy accept;
+    oifname "wan0" udp dport 5060 counter name forwarded_call
+    oifname "wan0" udp dport 5060 meta mark 1 counter name forwarded_call_marked
+    oifname "wan0" udp dport 9999 counter name forwarded_other
+    oifname "wan0" udp dport 9999 meta mark 15 counter name forwarded_other_marked
+    oifname "wan0" tcp dport 22 counter name forwarded_shell
+    oifname "wan0" tcp dport 22 meta mark 2 counter name forwarded_shell_marked
+  }
+  chain input {
+    type filter hook input priority 100; policy accept;
+    iifname "lan0" udp dport 5060 counter name local_call
+    iifname "lan0" udp dport 5060 meta mark 1 counter name local_call_marked
+  }
+}
+"""
+
+
+def test_router_example_marks_forwarded_traffic(t):
+    """The shipped example, loaded as shipped, on a router between a LAN
+    host and a WAN host, each in a namespace of its own."""
+    stats_path = os.path.join(t.workdir, "stats.json")
+    with open("/proc/sys/net/ipv4/ip_forward", "w") as f:
+        f.write("1\n")
+    client = Host("eth0", "lan0", "10.1.0.2", "10.1.0.1")
+    server = Host("eth0", "wan0", "10.2.0.2", "10.2.0.1")
+    daemon = None
+    listener = None
+    try:
+        run("nft", "-f", os.path.join(EXAMPLES, "router.nft"))
+        if kernel_queues_from_nftables():
+            run("nft", "-f", os.path.join(EXAMPLES, "router-queue.nft"))
+            queued_by = "router-queue.nft"
+        else:
+            run("iptables-restore", "--noflush", os.path.join(EXAMPLES, "router-queue.iptables"))
+            queued_by = "router-queue.iptables (this kernel's nftables has no queue statement)"
+        nft_load(CHECK_RULESET)
+        daemon = Daemon(t.daemon, t.workdir, ["--queue", "0", "--rules", os.path.join(EXAMPLES, "router.rules"),
+                                              "--per-connection", "--mark-mask", "0xff", "--fail-open", "--stats",
+                                              stats_path, "--stats-interval", "0"])
+        daemon.wait_bound()
+        listener = subprocess.Popen(server.command(sys.executable, "-c", SERVER_SCRIPT), stdout=subprocess.PIPE,
+                                    text=True)
+        check(listener.stdout.readline().strip() == "listening", "the server listens")
+        sent = subprocess.run(client.command(sys.executable, "-c", CLIENT_SCRIPT, "10.2.0.2", "10.1.0.1"),
+                              capture_output=True, text=True, timeout=WAIT * 2)
+        check(sent.returncode == 0, f"the client failed: {sent.stderr}")
+        listener.wait(WAIT)
+        stats = wait_stats(daemon, stats_path, lambda s: True)
+    finally:
+        if daemon:
+            status = daemon.stop()
+        if listener and listener.poll() is None:
+            listener.kill()
+        client.close()
+        server.close()
+    counters = nft_counters("inet", "classd_check")
+    print(f"queued by {queued_by}; counters {sorted(counters.items())}; daemon saw {stats['packets']} packets, "
+          f"hits {[(r['rule'], r['hits']) for r in stats['rules']]}")
+    check(status == 0, f"exit status {status}")
+    for name, least in (("forwarded_call", 20), ("forwarded_other", 20), ("forwarded_shell", 50),
+                        ("local_call", 20)):
+        check(counters[name] >= least, f"{name}: {counters[name]} packets, {least} sent at least")
+        check(counters[name + "_marked"] == counters[name], f"{name}: every packet carries its class's mark")
+    check(stats["packets"] <= 8, "the daemon saw only the first packets of each connection")
+
+
 class Context:
     def __init__(self, daemon, test_daemon, tool, workdir):
         self.daemon, self.test_daemon, self.tool, self.workdir = daemon, test_daemon, tool, workdir
