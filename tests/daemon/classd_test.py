@@ -28,6 +28,7 @@ import time
 import zlib
 
 SKIP = 77
+MANUAL = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "daemon", "nikerkiog-classd.8.scd")
 NAMESPACE_MARK = "NIKERKIOG_CLASSD_TEST_NAMESPACE"
 QUEUE = 7
 UDP_PORTS = (5001, 5002, 5003, 5004)
@@ -636,6 +637,11 @@ def test_stats_file(t):
     check(abs(stats["rules_loaded_at"] - time.time()) < 60 and stats["last_reload_at"] == 0,
           "load time given, no reload yet")
     check(stats["failed_open"] == 0 and stats["mark_mask"] == 0xFFFFFFFF, "nothing failed open; all mark bits")
+    with open(MANUAL) as f:
+        manual = f.read()
+    fields = list(stats) + list(stats["queue_drops"]) + list(stats["reloads"]) + list(stats["rules"][0])
+    for field in fields:
+        check(f"*{field}*" in manual, f"the manual page describes the statistics field {field}")
 
 
 def test_verdicts_batched(t):
@@ -850,6 +856,10 @@ def test_version_and_help(t):
                    "--socket-buffer", "--stats", "--stats-interval", "--null", "--syslog", "--version", "--help"):
         check(re.search(r"^  " + re.escape(option) + r"\b", output, re.M), f"--help lists {option}")
     check("--selftest-reloads" not in output, "the test build's option is not shown")
+    with open(MANUAL) as f:
+        manual = f.read()
+    for option in re.findall(r"^  (--[a-z-]+)", output, re.M):
+        check(f"*{option}*" in manual, f"the manual page describes {option}")
 
 
 CONNECTION_PORTS = range(7001, 7011)

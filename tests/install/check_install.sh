@@ -29,6 +29,12 @@ if [ -x "$build/daemon/nikerkiog-classd" ]; then
     echo "nikerkiog-classd is not installed" >&2
     exit 1
   fi
+  for shipped in share/man/man8/nikerkiog-classd.8 share/doc/nikerkiog/examples/nikerkiog-classd/router.nft; do
+    if [ -x "$(command -v scdoc)" ] || [ "${shipped#share/man}" = "$shipped" ]; then
+      [ -f "$work/prefix/$shipped" ] || { echo "$shipped is not installed" >&2; exit 1; }
+    fi
+  done
+  "$installed" --version | grep -q '^nikerkiog-classd [0-9]'
   cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$here"/../../daemon/*.c \
      $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl) -Wl,-rpath,"$libdir"
   "$work/classd-pc" --help >/dev/null
