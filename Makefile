@@ -11,7 +11,7 @@ CTEST_ARGS := -j$(JOBS) --output-junit junit.xml
 export CCACHE_BASEDIR := $(CURDIR)
 export CCACHE_NOHASHDIR := true
 
-.PHONY: run test deps deps-cross native asan armel s390x \
+.PHONY: run test deps deps-cross deps-bench native asan armel s390x \
         test-native test-asan test-armel test-s390x bench bench-armel bench-instructions bench-classd soak-classd install clean
 
 run: deps $(BUILD)/native/build.ninja
@@ -35,6 +35,9 @@ deps:
 deps-cross:
 	@scripts/deps.sh cross
 
+deps-bench:
+	@scripts/deps.sh bench
+
 # --- configurations ----------------------------------------------------------
 
 $(BUILD)/%/build.ninja:
@@ -48,7 +51,7 @@ test-native test-asan test-armel test-s390x: test-%: %
 
 # --- extras -------------------------------------------------------------------
 
-bench: deps $(BUILD)/bench/build.ninja
+bench: deps-bench $(BUILD)/bench/build.ninja
 	cmake --build --preset bench -j$(JOBS)
 	@for b in $(BUILD)/bench/bench/bench_*; do echo "=== $$b"; $$b; done
 

@@ -34,77 +34,16 @@
 #include <pcap/pcap.h>
 #endif
 
-#include "frame_desc.h"
+#include "capture_frames.h"
 #include "nikerkiog.h"
-#include "pcap_file.h"
 
 namespace {
 
-// ---- The Ethernet frames of the captures ----
+using benchsupport::Frame;
+using benchsupport::measure;
+using benchsupport::Timed;
 
-const char *const kCaptures[] = {"02-sunrise-sunset-esp.pcap", "802.1ad_QinQ.pcap",     "IGMP_V2.pcap",
-                                 "dhcp-mud.pcap",              "dhcp-option-33.pcap",   "dhcp-rfc3004.pcap",
-                                 "dhcp-rfc5859.pcap",          "dns_udp.pcap",          "icmpv6.pcap",
-                                 "igmpv3-queries.pcap",        "ipv4_tcp_http_xml.pcap", "ipv6-routing-header.pcap",
-                                 "ipv6_no_next_header.pcap"};
-
-struct Frame {
-  std::vector<std::uint8_t> bytes;
-  nuv_clfy_packet desc{};
-  std::string origin;  // "capture #n"
-};
-
-// The Ethernet frames of the captures (libpcap's filters read Ethernet
-// headers), each with the descriptor the data path would hand over.
-std::vector<Frame> read_frames() {
-  std::vector<Frame> frames;
-  for (const char *name : kCaptures) {
-    testsupport::Capture capture;
-    const std::string error = testsupport::read_pcap_file(std::string(NIKERKIOG_CAPTURES_DIR "/") + name, capture);
-    if (!error.empty()) {
-      std::fprintf(stderr, "bench_vs_bpf: %s\n", error.c_str());
-      std::exit(1);
-    }
-    if (capture.link_type != testsupport::kLinkEthernet) continue;
-    for (testsupport::CapturedPacket &packet : capture.packets) {
-      Frame f;
-      f.bytes = std::move(packet.data);
-      f.origin = std::string(name) + " #" + std::to_string(packet.number);
-      frames.push_back(std::move(f));
-    }
-  }
-  // Descriptors point into the frames' buffers, which no longer move now.
-  std::vector<Frame> described;
-  for (Frame &f : frames) {
-    if (!testsupport::describe_frame(f.bytes, testsupport::kLinkEthernet, f.desc)) continue;
-    f.desc.dev_ifindex = 1;
-    described.push_back(std::move(f));
-  }
-  return described;
-}
-
-// ---- Timing: interleaved repetitions, minimum kept ----
-
-using Clock = std::chrono::steady_clock;
-
-struct Timed {
-  std::string name;
-  std::function<void()> run;  // one batch
-  double units;               // what one batch counts (packets, rules tried, rules parsed)
-  double best = 1e300;        // seconds per batch
-  double per_unit() const { return best / units; }
-};
-
-void measure(std::vector<Timed *> cases, int repetitions) {
-  for (int r = 0; r < repetitions; ++r) {
-    for (Timed *t : cases) {
-      const auto start = Clock::now();
-      t->run();
-      const double s = std::chrono::duration<double>(Clock::now() - start).count();
-      t->best = std::min(t->best, s);
-    }
-  }
-}
+std::vector<Frame> read_frames() { return benchsupport::read_capture_frames("bench_vs_bpf", NIKERKIOG_CAPTURES_DIR); }
 
 volatile long g_sink;
 

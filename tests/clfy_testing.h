@@ -139,6 +139,18 @@ inline Bytes tcp_header(std::uint16_t sport, std::uint16_t dport, std::uint16_t 
 
 inline Bytes text_bytes(const std::string &s) { return Bytes(s.begin(), s.end()); }
 
+// A DHCP message from the client with hardware address `mac`: fixed part,
+// cookie, message type `type` and requested address 192.168.1.`host`.
+inline Bytes dhcp_client_message(const std::uint8_t mac[6], std::uint8_t type, std::uint8_t host) {
+  Bytes m(240, 0);
+  m[0] = 1;
+  std::memcpy(&m[28], mac, 6);
+  m[236] = 99, m[237] = 130, m[238] = 83, m[239] = 99;
+  const Bytes options{53, 1, type, 50, 4, 192, 168, 1, host, 255};
+  m.insert(m.end(), options.begin(), options.end());
+  return m;
+}
+
 // A packet to match: the bytes live in exact-size heap buffers, so a read past
 // the end is caught by AddressSanitizer.
 struct Packet {

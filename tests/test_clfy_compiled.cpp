@@ -211,14 +211,11 @@ std::string random_rule(Rng &rng, const std::string &tables, Sample &sample, boo
 }
 
 Bytes dhcp_message(Rng &rng) {
-  Bytes m(240, 0);
-  m[0] = 1;
-  std::memcpy(&m[28], pick_from(rng, kMacs), 6);
-  m[236] = 99, m[237] = 130, m[238] = 83, m[239] = 99;
-  static const std::uint8_t kTypes[] = {1, 3, 7, 2};
-  const Bytes options{53, 1, pick_from(rng, kTypes), 50, 4, 192, 168, 1, static_cast<std::uint8_t>(pick(rng, 3)), 255};
-  m.insert(m.end(), options.begin(), options.end());
-  return m;
+  static const std::uint8_t kTypes[] = {1, 3, 7, 2};  // DISCOVER, REQUEST, RELEASE, OFFER
+  // One pick after the other: the order of a call's arguments is the compiler's.
+  const std::uint8_t *mac = pick_from(rng, kMacs);
+  const std::uint8_t type = pick_from(rng, kTypes);
+  return clfytest::dhcp_client_message(mac, type, static_cast<std::uint8_t>(pick(rng, 3)));
 }
 
 void put32(std::uint8_t out[4], std::uint32_t v) {
@@ -589,4 +586,44 @@ TEST_F(ClfyCompiled, FreedSetCompiledAgainAfterAChangeSeesTheChange) {
   nuv_clfy_add_ip_dport(second, NUV_CLFY_OP_EQ, clfytest::net16(99), 0);
   Compiled after(set.set);
   EXPECT_EQ(nuv_clfy_compiled_get_clfy(after.c, 0, &p.desc), second);
+}
+
+namespace {
+
+// A chain of `levels` rules "udp.dport 53", each the only sub-rule of the
+// one before; the innermost has result 99.
+void nested_chain(clfytest::Set &set, int levels) {
+  nuv_clfy *parent = set.add("udp.dport 53", 1);
+  for (int level = 1; level < levels; ++level) {
+    nuv_clfy *child = nullptr;
+    ASSERT_EQ(nuv_clfy_parse("udp.dport 53", &child), 0);
+    child->owner = &set.set;
+    child->result = level + 1 == levels ? 99 : static_cast<std::uint16_t>(level + 1);
+    parent->children = child;
+    parent = child;
+  }
+}
+
+}  // namespace
+
+TEST_F(ClfyCompiled, SubListsNestedThirtyTwoDeepAreSearched) {
+  clfytest::Set set;
+  nested_chain(set, 32);
+  Compiled compiled(set.set);
+  ASSERT_NE(compiled.c, nullptr);
+  Packet p;
+  udp_packet(p, 53);
+  const nuv_clfy *rule = nuv_clfy_compiled_get_clfy(compiled.c, 0, &p.desc);
+  ASSERT_NE(rule, nullptr);
+  EXPECT_EQ(rule->result, 99);
+  EXPECT_EQ(set.set.head->hits, 1u);
+}
+
+TEST_F(ClfyCompiled, DeeperNestingIsRefusedAsTooBig) {
+  clfytest::Set set;
+  nested_chain(set, 33);
+  testsupport::NoLeakGuard guard;
+  nuv_clfy_compiled *c = nullptr;
+  EXPECT_EQ(nuv_clfy_set_compile(&set.set, &c), NUV_CLFY_COMPILE_E_TOO_BIG);
+  EXPECT_EQ(c, nullptr);
 }

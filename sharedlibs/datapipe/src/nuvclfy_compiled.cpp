@@ -123,13 +123,17 @@ struct Keys {
 };
 
 // Most rules of all levels, and the deepest nesting of sub-lists: the
-// indexes are 32-bit, and the search recurses once per level.
+// indexes are 32-bit, and the search keeps one place per level.
 constexpr std::uint32_t kMaxRules = 1u << 24;
 constexpr std::uint32_t kMaxNesting = 32;
 // A leaf of at most this many rules is not split further.
 constexpr std::uint32_t kLeafRules = 8;
 // Decisions on the way to a leaf, at most.
 constexpr std::uint32_t kMaxDepth = 16;
+// Nodes and leaf entries a list's tree may take: this many per rule and
+// this many more.
+constexpr std::uint64_t kShareFactor = 256;
+constexpr std::uint64_t kShareBase = 65536;
 
 }  // namespace
 }  // namespace dp::clfy
@@ -351,16 +355,17 @@ struct Cut {
 
 class Builder {
  public:
-  Builder(Grow<RuleBounds> &records, std::uint32_t entry_budget) : records_(records), entry_budget_(entry_budget) {}
+  explicit Builder(Grow<RuleBounds> &records) : records_(records) {}
 
   Grow<Node> nodes;
   Grow<std::uint32_t> entries;
   std::uint32_t depth = 0;
 
   // The tree of rules ids[0..n-1] (ascending) inside `box`, whose region of
-  // field f is 2^width[f] values wide; its root node in `root`.
+  // field f is 2^width[f] values wide, in at most `share` nodes and leaf
+  // entries; its root node in `root`.
   bool build(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width,
-             std::uint32_t level, Node &root) {
+             std::uint32_t level, std::uint64_t share, Node &root) {
     // Behind a rule that matches every packet of the region, nothing is
     // ever tried.
     for (std::uint32_t i = 0; i < n; ++i)
@@ -370,10 +375,9 @@ class Builder {
       }
     if (level > depth) depth = level;
     Cut cut;
-    if (n > kLeafRules && level < kMaxDepth && nodes.size() + entries.size() < entry_budget_)
-      cut = best_cut(ids, n, box, width);
+    if (n > kLeafRules && level < kMaxDepth && share > 2u * std::uint64_t{n}) cut = best_cut(ids, n, box, width);
     if (cut.field == kFields) return leaf(ids, n, root);
-    return cut_node(ids, n, box, width, level, cut, root);
+    return cut_node(ids, n, box, width, level, cut, share, root);
   }
 
  private:
@@ -430,6 +434,15 @@ class Builder {
     return best;
   }
 
+  // What a piece of `n` rules may spend of the share of a cut into `pieces`:
+  // the share less the cut's own nodes, in proportion to the rules.  A
+  // region with many rules may grow a deep tree, while one budget spent
+  // region after region would leave the regions built last long leaves.
+  static std::uint64_t piece_share(std::uint64_t share, std::uint32_t pieces, std::uint32_t n, const Cut &cut) {
+    if (share <= pieces || cut.total == 0) return 0;
+    return (share - pieces) * n / cut.total;
+  }
+
   // Whether every rule of ids[0..n-1] takes every value lo..hi of field f.
   // Then the subtree of one piece serves its neighbour too: no rule tells
   // the two apart, so neither do the rules that cover a region.  (Piece 0
@@ -444,7 +457,7 @@ class Builder {
   }
 
   bool cut_node(const std::uint32_t *ids, std::uint32_t n, const Box &box, const std::uint8_t *width,
-                std::uint32_t level, const Cut &cut, Node &root) {
+                std::uint32_t level, const Cut &cut, std::uint64_t share, Node &root) {
     const Field f = static_cast<Field>(cut.field);
     const std::uint32_t pieces = 1u << cut.bits;
     const unsigned shift = width[f] - cut.bits;
@@ -477,7 +490,8 @@ class Builder {
       if (p > 1 && n_current == n_previous && std::equal(current, current + n_current, previous) &&
           all_span(current, n_current, f, piece.lo[f] - (1u << shift), piece.hi[f])) {
         child = nodes[root.first + p - 1];
-      } else if (!build(current, n_current, piece, child_width, level + 1, child)) {
+      } else if (!build(current, n_current, piece, child_width, level + 1, piece_share(share, pieces, n_current, cut),
+                        child)) {
         return false;
       }
       nodes[root.first + p] = child;
@@ -488,7 +502,6 @@ class Builder {
   }
 
   Grow<RuleBounds> &records_;
-  std::uint32_t entry_budget_;
 };
 
 Box whole_fields() {
@@ -522,6 +535,9 @@ int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleBoun
 
 // The tree of list `l`: its rules that can match at all, in list order.
 bool build_list(Builder &builder, Grow<RuleBounds> &records, ListRecord &list) {
+  // Nodes and leaf entries the list's tree may take: past this, regions
+  // stay leaves of more rules (slower, never wrong).
+  const std::uint64_t share = kShareFactor * std::uint64_t{list.rule_count} + kShareBase;
   const std::uint32_t n = list.rule_count;
   Scratch<std::uint32_t> scratch(n);
   if (!scratch) return false;
@@ -530,7 +546,7 @@ bool build_list(Builder &builder, Grow<RuleBounds> &records, ListRecord &list) {
   for (std::uint32_t i = 0; i < n; ++i)
     if (record_can_match(records[list.first_rule + i])) ids[kept++] = list.first_rule + i;
   Node root;
-  if (!builder.build(ids, kept, whole_fields(), kFieldBits, 0, root)) return false;
+  if (!builder.build(ids, kept, whole_fields(), kFieldBits, 0, share, root)) return false;
   list.root = builder.nodes.size();
   return builder.nodes.push(root);
 }
@@ -589,13 +605,28 @@ inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const
   return *node;
 }
 
-nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, PacketFacts &facts,
-                        std::uint32_t mark) {
-  const Node &leaf = leaf_of(c, c.lists[list].root, keys);
-  for (const std::uint32_t *entry = c.entries + leaf.first; *entry != kEndOfLeaf; ++entry) {
-    const RuleRecord &record = c.records[*entry];
+// The first entry of the leaf of list `list` that the packet reaches.
+inline const std::uint32_t *leaf_entries(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys) {
+  return c.entries + leaf_of(c, c.lists[list].root, keys).first;
+}
+
+// The applying rule: the leaf's rules in order; a matching rule with
+// sub-rules sends the search into its sub-list's leaf, and back behind it
+// when none of them applies.  The way back is kept in a stack as deep as
+// the nesting (which compiling bounds), not in calls.
+nuv_clfy *first_applying(const nuv_clfy_compiled &c, const Keys &keys, PacketFacts &facts, std::uint32_t mark) {
+  const std::uint32_t *resume[kMaxNesting];
+  std::uint32_t depth = 0;
+  const std::uint32_t *entry = leaf_entries(c, 0, keys);
+  for (;;) {
+    while (*entry == kEndOfLeaf) {
+      if (depth == 0) return nullptr;
+      entry = resume[--depth];
+    }
+    const std::uint32_t index = *entry++;
+    const RuleRecord &record = c.records[index];
     if (!record_holds(record, keys)) continue;
-    nuv_clfy *rule = c.rules[*entry];
+    nuv_clfy *rule = c.rules[index];
     if (record.covers) {
       // The ranges are the whole rule: the record's test is the verdict.
       if (rule->flags) ++rule->hits;
@@ -603,9 +634,9 @@ nuv_clfy *first_in_list(const nuv_clfy_compiled &c, std::uint32_t list, const Ke
     }
     if (!rule_applies(*rule, facts, mark)) continue;
     if (!record.children) return rule;
-    if (nuv_clfy *found = first_in_list(c, record.children - 1, keys, facts, mark)) return found;
+    resume[depth++] = entry;
+    entry = leaf_entries(c, record.children - 1, keys);
   }
-  return nullptr;
 }
 
 nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet *packet) {
@@ -614,7 +645,7 @@ nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet
   read_packet(*packet, facts);
   Keys keys;
   read_keys(facts, keys);
-  return first_in_list(*c, 0, keys, facts, mark);
+  return first_applying(*c, keys, facts, mark);
 }
 
 }  // namespace
@@ -633,10 +664,7 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   Grow<ListRecord> lists;
   Grow<std::uint32_t> nesting;
   int rc = gather_lists(*set, rules, records, lists, heads, nesting);
-  // Nodes and leaf entries, at most: past this, regions stay leaves of more
-  // rules (slower, never wrong).
-  const std::uint32_t budget = 64u * rules.size() + 65536u;
-  Builder builder(records, budget);
+  Builder builder(records);
   for (std::uint32_t l = 0; rc == NUV_CLFY_COMPILE_OK && l < lists.size(); ++l)
     if (!build_list(builder, records, lists[l])) rc = NUV_CLFY_COMPILE_E_NO_MEMORY;
   if (rc != NUV_CLFY_COMPILE_OK) {

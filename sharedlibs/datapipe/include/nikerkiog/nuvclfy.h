@@ -660,7 +660,9 @@ enum nuv_clfy_compile_result {
   NUV_CLFY_COMPILE_OK = 0,
   NUV_CLFY_COMPILE_E_INVALID = -1,   /* `set` or `out` is null */
   NUV_CLFY_COMPILE_E_NO_MEMORY = -2, /* the allocator refused; nothing stays allocated */
-  NUV_CLFY_COMPILE_E_TOO_BIG = -3    /* more rules or nesting than the structure's indexes hold */
+  NUV_CLFY_COMPILE_E_TOO_BIG = -3    /* more than 2^24 rules, or lists nested more than 32 deep (the
+                                        top-level list is the first); a list linked into a ring ends
+                                        with this code or the previous one, never in an endless loop */
 };
 
 /* Builds the search structure of `set` as it stands now (its top-level list
