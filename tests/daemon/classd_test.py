@@ -7,8 +7,8 @@
 count the classifier's live allocations and make one of them fail.
 
 Each test runs in a network namespace of its own (made here with unshare)
-and sends only to loopback addresses inside it, a bounded number of packets
-within bounded time.  Where no namespace can be made the test says so and
+and sends only to addresses inside it (loopback, or hosts in namespaces it
+makes behind veth pairs), a bounded number of packets within bounded time.  Where no namespace can be made the test says so and
 exits 77, which CTest reports as skipped.
 """
 import argparse
@@ -856,6 +856,11 @@ def test_version_and_help(t):
                    "--socket-buffer", "--stats", "--stats-interval", "--null", "--syslog", "--version", "--help"):
         check(re.search(r"^  " + re.escape(option) + r"\b", output, re.M), f"--help lists {option}")
     check("--selftest-reloads" not in output, "the test build's option is not shown")
+    for option, value, complaint in (("--socket-buffer", "4095", "--socket-buffer: bytes 4096..1073741824"),
+                                     ("--socket-buffer", "1073741825", "--socket-buffer: bytes 4096..1073741824"),
+                                     ("--queue", "65536", "--queue: a number 0..65535")):
+        status, output_wrong = run_daemon(t.daemon, ["--queue", "1", "--null", option, value])
+        check(status == 2 and complaint in output_wrong, f"{option} {value} is refused: {output_wrong}")
     with open(MANUAL) as f:
         manual = f.read()
     for option in re.findall(r"^  (--[a-z-]+)", output, re.M):
