@@ -279,8 +279,8 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
 }
 
 static int read_rules(FILE *file, const char *path, const struct classd_devnames *devs,
-                      const struct classd_load_checks *checks, struct classd_classes *classes, struct classd_ruleset *rules,
-                      struct classd_load_error *error) {
+                      const struct classd_load_checks *checks, struct classd_classes *classes,
+                      struct classd_ruleset *rules, struct classd_load_error *error) {
   char *line = NULL;
   size_t size = 0, capacity = 0;
   unsigned number = 0;

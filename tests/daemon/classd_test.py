@@ -8,8 +8,9 @@ count the classifier's live allocations and make one of them fail.
 
 Each test runs in a network namespace of its own (made here with unshare)
 and sends only to addresses inside it (loopback, or hosts in namespaces it
-makes behind veth pairs), a bounded number of packets within bounded time.  Where no namespace can be made the test says so and
-exits 77, which CTest reports as skipped.
+makes behind veth pairs), a bounded number of packets within bounded time.
+Where no namespace can be made the test says so and exits 77, which CTest
+reports as skipped.
 """
 import argparse
 import json
@@ -129,8 +130,8 @@ def nft_load(text):
 def kernel_queues_from_nftables():
     """Whether the kernel has nftables' own queue statement (some kernels
     queue only through the iptables target)."""
-    probe = subprocess.run(["nft", "-f", "-"], input="table inet classd_probe {\n chain c {\n  queue num 0 bypass\n }\n}\n",
-                           capture_output=True, text=True)
+    probe = subprocess.run(["nft", "-f", "-"], capture_output=True, text=True,
+                           input="table inet classd_probe {\n chain c {\n  queue num 0 bypass\n }\n}\n")
     subprocess.run(["nft", "delete", "table", "inet", "classd_probe"], capture_output=True)
     return probe.returncode == 0
 
@@ -436,7 +437,8 @@ def test_reload_under_load(t):
     counts = counted()
     print(f"sent {sent[0]}, counted per mark {sorted(counts.items())}, reloads {last['reloads']}")
     check(last["reloads"] == {"done": 50, "failed": 50}, "50 reloads should replace the set and 50 keep it")
-    check(last["last_reload_at"] >= last["rules_loaded_at"] > 0, "the last reload failed after the set in use was loaded")
+    check(last["last_reload_at"] >= last["rules_loaded_at"] > 0,
+          "the last reload failed after the set in use was loaded")
     with open(rules, "rb") as f:
         check(last["rules_checksum"] != f"crc32:{zlib.crc32(f.read()):08x}", "the failed file is not the one in use")
     check(sum(counts.values()) == sent[0], "every packet sent is counted after the queue")
@@ -633,7 +635,8 @@ def test_stats_file(t):
           "no errors, no drops")
     check(not os.path.exists(stats_path + ".tmp"), "no temporary file stays behind")
     with open(rules, "rb") as f:
-        check(stats["rules_checksum"] == f"crc32:{zlib.crc32(f.read()):08x}", "the checksum is zlib's CRC-32 of the file")
+        check(stats["rules_checksum"] == f"crc32:{zlib.crc32(f.read()):08x}",
+              "the checksum is zlib's CRC-32 of the file")
     check(abs(stats["rules_loaded_at"] - time.time()) < 60 and stats["last_reload_at"] == 0,
           "load time given, no reload yet")
     check(stats["failed_open"] == 0 and stats["mark_mask"] == 0xFFFFFFFF, "nothing failed open; all mark bits")
@@ -975,7 +978,8 @@ def test_per_connection_warns_about_per_packet_conditions(t):
     queue_traffic(udp=(), tcp=(1,))
     outputs = {}
     for mode in ([], ["--per-connection"]):
-        daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules] + mode, name="d" + str(len(mode)))
+        daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules] + mode,
+                        name="daemon" + str(len(mode)))
         try:
             daemon.wait_bound()
         finally:
