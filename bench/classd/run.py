@@ -3,8 +3,9 @@
 kernel queue in a network namespace of its own, for the daemon with a
 100-rule set, with a set that always misses, in its null mode (the same
 queue code, no classifier), in per-connection mode (10 flows; only each
-flow's first packets are queued, the firewall keeps the mark), and with no
-queue at all, measured in the same run.
+flow's first packets are queued, the firewall keeps the mark), with those
+firewall rules but no queue, and with no queue at all, measured in the same
+run.
 
     run.py --daemon PATH --load PATH [--count N] [--rounds R]
 """
@@ -54,6 +55,17 @@ def queue_first_packets():
     match = ["-p", "udp", "--dport", str(PORT)]
     iptables("-A", "OUTPUT", *match, "-m", "connmark", "!", "--mark", "0", "-j", "CONNMARK", "--restore-mark")
     iptables("-A", "OUTPUT", *match, "-m", "connmark", "--mark", "0", "-j", "NFQUEUE", "--queue-num", str(QUEUE))
+    iptables("-A", "POSTROUTING", *match, "-m", "connmark", "--mark", "0", "-m", "mark", "!", "--mark", "0", "-j",
+             "CONNMARK", "--save-mark")
+
+
+def connection_marks_only():
+    """The per-connection rules without the queue: what keeping marks in the
+    connection costs by itself."""
+    iptables("-F")
+    match = ["-p", "udp", "--dport", str(PORT)]
+    iptables("-A", "OUTPUT", *match, "-m", "connmark", "!", "--mark", "0", "-j", "CONNMARK", "--restore-mark")
+    iptables("-A", "OUTPUT", *match, "-m", "connmark", "--mark", "0", "-j", "MARK", "--set-mark", "100")
     iptables("-A", "POSTROUTING", *match, "-m", "connmark", "--mark", "0", "-m", "mark", "!", "--mark", "0", "-j",
              "CONNMARK", "--save-mark")
 
@@ -119,6 +131,7 @@ def main():
              ("100 rules, the last applies, --optimise", queue_every_packet, ["--rules", hundred, "--optimise"], 1),
              ("100 rules, --per-connection, 10 flows", queue_first_packets,
               ["--rules", hundred, "--per-connection"], 10),
+             ("connection marks, no queue (10 flows)", connection_marks_only, None, 10),
              ("no queue at all (10 flows)", queue_nothing, None, 10)]
     best = {name: 0.0 for name, *_ in modes}
     user = {name: float("inf") for name, *_ in modes}
