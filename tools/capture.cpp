@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 namespace tool {
@@ -30,6 +32,37 @@ bool is_vlan_tag(std::uint16_t type) {
   return false;
 }
 
+constexpr std::uint16_t kPppoeSession = 0x8864;
+constexpr std::size_t kPppoeHeader = 6;  // version and type, code, session id, length
+constexpr std::size_t kPppProtocol = 2;
+
+// The PPP protocols carried in PPPoE sessions that hold IP packets, with
+// the ethertype the packet has on the router's PPP interface.
+struct PppIp {
+  std::uint16_t ppp_protocol;
+  std::uint16_t ethertype;
+};
+constexpr PppIp kPppIp[] = {{0x0021, 0x0800}, {0x0057, 0x86DD}};
+
+// A PPPoE session frame whose session header starts at `at`: the router's
+// PPP interface sees only the PPP payload, so an IP payload becomes the
+// network layer.  A session header cut by the capture leaves the link
+// layer incomplete.
+void take_pppoe_session(Frame &f, std::size_t at) {
+  if (f.bytes.size() < at + kPppoeHeader + kPppProtocol) {
+    f.link_complete = false;
+    return;
+  }
+  f.pppoe = true;
+  f.pppoe_session = be16(&f.bytes[at + 2]);
+  f.ppp_protocol = be16(&f.bytes[at + kPppoeHeader]);
+  for (const auto &ip : kPppIp) {
+    if (ip.ppp_protocol != f.ppp_protocol) continue;
+    f.ethertype = ip.ethertype;
+    f.network_offset = at + kPppoeHeader + kPppProtocol;
+  }
+}
+
 // Walks VLAN tags from the ethertype at `at`; fills the frame's network layer.
 void take_ethertype(Frame &f, std::size_t at) {
   auto b = f.bytes;
@@ -45,6 +78,7 @@ void take_ethertype(Frame &f, std::size_t at) {
   f.ethertype = type;
   f.network_offset = at;
   f.link_complete = true;
+  if (type == kPppoeSession) take_pppoe_session(f, at);
 }
 
 // Link types whose frames start with the IP header; DLT_RAW is numbered 12
@@ -118,6 +152,40 @@ std::string unsupported_link(int link) {
   return "unsupported link type " + std::string(name ? name : std::to_string(link));
 }
 
+// The first bytes of pcap files (both byte orders, micro- and nanosecond
+// stamps) and of pcapng files (the section header block's type).
+constexpr std::uint8_t kCaptureMagics[][4] = {
+    {0xa1, 0xb2, 0xc3, 0xd4}, {0xd4, 0xc3, 0xb2, 0xa1}, {0xa1, 0xb2, 0x3c, 0x4d},
+    {0x4d, 0x3c, 0xb2, 0xa1}, {0x0a, 0x0d, 0x0d, 0x0a},
+};
+
+// Opens a capture file.  The error names no file (the caller does, once):
+// the system's reason when the file cannot be opened, else what libpcap
+// found wrong with its contents.
+PcapHandle open_capture(const std::string &path, std::string &error) {
+  std::FILE *file = std::fopen(path.c_str(), "rb");
+  if (!file) {
+    error = std::strerror(errno);
+    return nullptr;
+  }
+  struct stat st {};
+  if (fstat(fileno(file), &st) == 0 && S_ISDIR(st.st_mode)) {
+    std::fclose(file);
+    error = std::strerror(EISDIR);
+    return nullptr;
+  }
+  std::array<char, PCAP_ERRBUF_SIZE> err{};
+  PcapHandle pcap(pcap_fopen_offline(file, err.data()));  // takes the file over when it succeeds
+  if (!pcap) {
+    std::fclose(file);
+    std::string why = err.data();
+    error = why.find("unknown file format") != std::string::npos || why.find("truncated dump file") == 0
+                ? "not a pcap or pcapng capture (" + why + ")"
+                : why;
+  }
+  return pcap;
+}
+
 using Clock = std::chrono::steady_clock;
 
 // The progress line of a capture file being read: frames, bytes read,
@@ -182,6 +250,24 @@ extern "C" void on_interrupt(int) {
   if (g_live) pcap_breakloop(g_live);
 }
 
+// Why libpcap could not start capturing, in words that say what to do.
+std::string activation_error(pcap_t *pcap, int rc) {
+  std::string detail = pcap_geterr(pcap);
+  switch (rc) {
+    case PCAP_ERROR_NO_SUCH_DEVICE:
+      return "no such interface" + (detail.empty() ? std::string() : " (" + detail + ")");
+    case PCAP_ERROR_PERM_DENIED:
+      return "no permission to capture on this interface (capturing needs root or the CAP_NET_RAW "
+             "capability)" + (detail.empty() ? std::string() : ": " + detail);
+    case PCAP_ERROR_IFACE_NOT_UP:
+      return "the interface is down";
+    case PCAP_ERROR:
+      return detail;
+    default:
+      return pcap_statustostr(rc) + (detail.empty() ? std::string() : ": " + detail);
+  }
+}
+
 // Opens `interface` for a live capture.
 PcapHandle open_live(const std::string &interface, std::string &error) {
   std::array<char, PCAP_ERRBUF_SIZE> err{};
@@ -196,7 +282,7 @@ PcapHandle open_live(const std::string &interface, std::string &error) {
   pcap_set_immediate_mode(pcap.get(), 1);
   int rc = pcap_activate(pcap.get());
   if (rc < 0) {
-    error = rc == PCAP_ERROR ? pcap_geterr(pcap.get()) : pcap_statustostr(rc);
+    error = activation_error(pcap.get(), rc);
     return nullptr;
   }
   // Non-blocking: the capture loop waits for frames itself, so that it
@@ -215,10 +301,30 @@ bool link_type_supported(int link_type) {
          link_type == DLT_NULL || link_type == DLT_LOOP || is_raw_ip(link_type);
 }
 
+std::string capture_problem(const std::string &path) {
+  std::string error;
+  PcapHandle pcap = open_capture(path, error);
+  if (!pcap) return error;
+  int link = pcap_datalink(pcap.get());
+  return link_type_supported(link) ? std::string() : unsupported_link(link);
+}
+
+bool looks_like_capture(const std::string &path) {
+  std::uint8_t magic[4] = {};
+  std::FILE *file = std::fopen(path.c_str(), "rb");
+  if (!file) return false;
+  std::size_t got = std::fread(magic, 1, sizeof magic, file);
+  std::fclose(file);
+  if (got != sizeof magic) return false;
+  for (const auto &known : kCaptureMagics)
+    if (std::memcmp(magic, known, sizeof magic) == 0) return true;
+  return false;
+}
+
 std::string for_each_frame(const std::string &path, const std::function<void(const Frame &)> &visit) {
-  std::array<char, PCAP_ERRBUF_SIZE> err{};
-  PcapHandle pcap(pcap_open_offline(path.c_str(), err.data()));
-  if (!pcap) return err.data();
+  std::string error;
+  PcapHandle pcap = open_capture(path, error);
+  if (!pcap) return error;
   int link = pcap_datalink(pcap.get());
   if (!link_type_supported(link)) return unsupported_link(link);
   ProgressLine progress(pcap.get(), path);
@@ -235,18 +341,22 @@ std::string for_each_frame(const std::string &path, const std::function<void(con
 }
 
 std::string for_each_live_frame(const std::string &interface, const LiveLimits &limits,
-                                const std::function<void(const Frame &)> &visit, const std::function<void()> &tick) {
+                                const std::function<void(const Frame &)> &visit, const std::function<void()> &tick,
+                                bool &opened) {
   std::string error;
+  opened = false;
   PcapHandle pcap = open_live(interface, error);
   if (!pcap) return error;
   int link = pcap_datalink(pcap.get());
   if (!link_type_supported(link)) return unsupported_link(link);
+  opened = true;
   g_interrupted = 0;
   g_live = pcap.get();
-  struct sigaction action {}, previous {};
+  struct sigaction action {}, previous_int {}, previous_term {};
   action.sa_handler = on_interrupt;
   sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, &previous);
+  sigaction(SIGINT, &action, &previous_int);
+  sigaction(SIGTERM, &action, &previous_term);
   const auto start = Clock::now();
   auto next_tick = start + std::chrono::seconds(1);
   std::size_t number = 0;
@@ -271,7 +381,8 @@ std::string for_each_live_frame(const std::string &interface, const LiveLimits &
       next_tick = now + std::chrono::seconds(1);
     }
   }
-  sigaction(SIGINT, &previous, nullptr);
+  sigaction(SIGINT, &previous_int, nullptr);
+  sigaction(SIGTERM, &previous_term, nullptr);
   g_live = nullptr;
   return error;
 }

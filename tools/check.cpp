@@ -3,6 +3,8 @@
 // --print the normalised form of the accepted lines.
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <memory>
 
@@ -163,7 +165,7 @@ class Checker {
   bool check_lines(const std::string &file, LineCheck check) {
     std::ifstream in(file);
     if (!in) {
-      print_file_error(file, "cannot read the rules file");
+      print_file_error(file, std::strerror(errno));
       return false;
     }
     std::size_t number = 0;

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 
@@ -36,7 +38,7 @@ int tool_action() {
 std::uint16_t be16(const std::uint8_t *p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
 
 // Bytes of the IP packet as its header states them, or 0 when the header is
-// not fully captured.
+// not fully captured or states no length.
 std::size_t stated_ip_length(const Frame &frame, std::span<const std::uint8_t> ip) {
   if (frame.is_ipv4()) {
     if (ip.size() < 20 || ip.size() < std::size_t{ip[0] & 0x0Fu} * 4) return 0;
@@ -52,7 +54,7 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
                      std::string &error) {
   std::ifstream in(path);
   if (!in) {
-    error = "cannot read the rules file";
+    error = std::strerror(errno);
     return false;
   }
   std::size_t number = 0;
@@ -80,7 +82,7 @@ bool read_rule_lines(const std::string &path, std::vector<RuleLine> &rules, std:
     rules.push_back(rule);
   }
   if (in.bad()) {
-    error = "read error";
+    error = std::strerror(errno ? errno : EIO);
     return false;
   }
   return true;
@@ -203,10 +205,17 @@ std::vector<std::string> RuleSet::listing() {
 }
 
 // The link-layer part of a descriptor: interfaces, Ethernet header and type, outer VLAN tag.
+// A packet of a PPPoE session is given as the router's PPP interface sees
+// it: the IP packet alone, without Ethernet header or VLAN tag.
 nuv_clfy_packet link_descriptor(const Frame &frame) {
   nuv_clfy_packet p{};
   p.dev_ifindex = kDeviceIndex;
   p.brdev_ifindex = kBridgeIndex;
+  if (frame.pppoe && (frame.is_ipv4() || frame.is_ipv6())) {
+    std::uint8_t type[2] = {static_cast<std::uint8_t>(frame.ethertype >> 8), static_cast<std::uint8_t>(frame.ethertype)};
+    std::memcpy(&p.eth_proto, type, 2);
+    return p;
+  }
   p.eth_header = frame.ethernet;
   std::uint8_t type[2] = {static_cast<std::uint8_t>(frame.ethertype >> 8), static_cast<std::uint8_t>(frame.ethertype)};
   std::memcpy(&p.eth_proto, type, 2);  // network byte order in memory
@@ -224,11 +233,11 @@ std::optional<nuv_clfy_packet> packet_descriptor(const Frame &frame, std::vector
   nuv_clfy_packet p = link_descriptor(frame);
   if (!frame.is_ipv4() && !frame.is_ipv6()) return p;  // link-layer conditions only
   auto ip = frame.network();
-  std::size_t length = stated_ip_length(frame, ip);
-  if (length == 0 || length > ip.size()) {
-    why = fmt::format("truncated: IP packet not fully captured ({} bytes)", ip.size());
-    return std::nullopt;
-  }
+  // The bytes the capture kept, up to the packet's own end (frames may be
+  // padded): conditions reading beyond them do not hold, as on a router
+  // handed a short packet.
+  std::size_t length = std::min(stated_ip_length(frame, ip), ip.size());
+  if (length == 0) length = ip.size();
   storage.assign(ip.begin(), ip.begin() + static_cast<std::ptrdiff_t>(length));
   storage.resize(length + kPadding, 0);
   p.ip_header = storage.data();

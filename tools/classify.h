@@ -106,10 +106,11 @@ class RuleSet {
 };
 
 // Fills a packet descriptor for the frame, or returns nothing (with `why`
-// set) when its link-layer header or its IP packet is not fully captured.
-// A frame that is not IP gets a descriptor without IP header, so only
-// link-layer conditions can hold.  The IP packet is copied into `storage`,
-// padded with zero bytes, so that no fixed-offset header read can leave it.
+// set) when its link-layer header is not fully captured.  An IP packet cut
+// by the capture is described by the bytes that were captured.  A frame
+// that is not IP gets a descriptor without IP header, so only link-layer
+// conditions can hold.  The IP packet is copied into `storage`, padded with
+// zero bytes, so that no fixed-offset header read can leave it.
 std::optional<nuv_clfy_packet> packet_descriptor(const Frame &frame, std::vector<std::uint8_t> &storage,
                                                  std::string &why);
 

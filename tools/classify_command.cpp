@@ -89,6 +89,27 @@ const nuv_clfy *explain_level(const nuv_clfy *rule, int depth, const nuv_clfy_pa
   return nullptr;
 }
 
+// The library's reasons for a condition that needed bytes the packet does
+// not have; for a packet cut by the capture's snap length they mean the
+// verdict might have been another with the whole packet.
+bool needs_more_bytes(const ExplainStep &s) {
+  static const char *const kShortReasons[] = {"packet ends before the bytes this condition reads",
+                                              "packet too short for its IP header",
+                                              "packet too short for a DHCP message"};
+  if (s.matched) return false;
+  for (const char *reason : kShortReasons)
+    if (s.why.find(reason) != std::string::npos) return true;
+  return false;
+}
+
+// The first rule tried for a snapped packet whose condition needed bytes
+// beyond the snap length, or null when the verdict stands on captured bytes.
+const ExplainStep *beyond_snap(const std::vector<ExplainStep> &steps) {
+  for (const auto &s : steps)
+    if (needs_more_bytes(s)) return &s;
+  return nullptr;
+}
+
 std::string step_text(const ExplainStep &s) {
   if (s.matched) return "matched";
   if (s.keyword.empty() || s.why.find(s.keyword) == 0) return s.why;
@@ -98,27 +119,55 @@ std::string step_text(const ExplainStep &s) {
 class ClassifyRun {
  public:
   explicit ClassifyRun(const ClassifyOptions &o)
-      : o_(o), set_(o.device, o.bridge), explain_(o.explain.begin(), o.explain.end()) {}
+      : o_(o), set_(o.device, o.bridge) {}
 
   int run() {
+    if (!inputs_usable()) return kExitError;
     int built = build_rule_set(o_, set_, texts_);
     if (built >= 0) return built;
     int status = built == -2 ? kExitFindings : kExitOk;
     int read = o_.live.empty() ? read_files() : read_live();
+    if (live_unopened_) return read;
     finish();
+    if (undecided_ > 0) status = std::max(status, kExitFindings);
     return std::max(status, read);
   }
 
  private:
+  // Refuses, before anything is printed, a rule file that is a capture (the
+  // arguments swapped) and capture files that are not captures.
+  bool inputs_usable() {
+    if (looks_like_capture(o_.rules)) {
+      print_file_error(o_.rules, "a capture, not a rule file (the rule file comes first: classify RULES CAPTURE...)");
+      return false;
+    }
+    bool usable = true;
+    for (const auto &file : o_.captures) {
+      if (std::string problem = capture_problem(file); !problem.empty()) {
+        print_file_error(file, problem);
+        usable = false;
+      }
+    }
+    return usable;
+  }
+
   int read_files() {
     int status = kExitOk;
     for (const auto &file : o_.captures) {
       if (!o_.json && o_.captures.size() > 1) fmt::print("# {}\n", file);
-      std::string error = for_each_frame(file, [&](const Frame &frame) { packet(file, frame, true); });
+      std::size_t frames = 0;
+      std::string error = for_each_frame(file, [&](const Frame &frame) {
+        frames = frame.number;
+        packet(file, frame, true);
+      });
       if (!error.empty()) {
         print_file_error(file, error);
         unreadable_.push_back(file);
         status = kExitError;
+      } else if (o_.explain.highest() > frames) {
+        std::fflush(stdout);
+        fmt::print(stderr, "nikerkiog: {}: warning: --explain {}: the capture has only {} packet{}\n", file,
+                   o_.explain.highest(), frames, frames == 1 ? "" : "s");
       }
     }
     return status;
@@ -127,6 +176,7 @@ class ClassifyRun {
   int read_live() {
     bool terminal = isatty(STDOUT_FILENO) == 1 && !o_.json;
     auto started = std::chrono::steady_clock::now();
+    bool opened = false;
     std::string error = for_each_live_frame(
         o_.live, LiveLimits{o_.count, o_.seconds}, [&](const Frame &frame) { packet(o_.live, frame, o_.json); },
         [&] {
@@ -134,10 +184,12 @@ class ClassifyRun {
           fmt::print("\033[H\033[J");
           hit_table(std::chrono::steady_clock::now() - started);
           std::fflush(stdout);
-        });
+        },
+        opened);
     seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    live_unopened_ = !opened;
     if (!error.empty()) {
-      print_file_error(o_.live, error);
+      print_file_error(o_.live, opened ? error : "cannot capture: " + error);
       return kExitError;
     }
     return kExitOk;
@@ -148,27 +200,40 @@ class ClassifyRun {
     std::string why;
     auto descriptor = packet_descriptor(frame, storage_, why);
     std::vector<ExplainStep> steps;
-    bool explained = descriptor && explain_.count(frame.number);
+    bool explained = descriptor && o_.explain.contains(frame.number);
+    bool cut = descriptor && snapped(frame);
     // The explanation comes first: classifying may learn DHCP clients.
-    if (explained) explain_level(set_.head(), 0, *descriptor, steps);
+    if (explained || cut) explain_level(set_.head(), 0, *descriptor, steps);
+    const ExplainStep *unsure = cut ? beyond_snap(steps) : nullptr;
     std::size_t line = descriptor ? set_.classify(*descriptor) : 0;
+    if (descriptor && !line) ++no_rule_;
+    if (unsure) ++undecided_;
     if (!print) return;
     if (o_.json) {
-      print_line(packet_json(source, frame.number, descriptor ? nullptr : why.c_str(), line,
-                             explained ? &steps : nullptr));
+      print_line(packet_json(source, frame, descriptor ? nullptr : why.c_str(), line, explained ? &steps : nullptr,
+                             unsure));
       return;
     }
+    std::string note = unsure ? snap_note(frame, *unsure) : std::string();
     if (!descriptor) fmt::print("{:>5}  {}\n", frame.number, why);
-    else if (line) fmt::print("{:>5}  rule at line {} => {}\n", frame.number, line, set_.result_of(line));
-    else fmt::print("{:>5}  no rule\n", frame.number);
-    if (explained) print_steps(steps, line);
+    else if (line) fmt::print("{:>5}  rule at line {} => {}{}\n", frame.number, line, set_.result_of(line), note);
+    else fmt::print("{:>5}  no rule{}\n", frame.number, note);
+    if (explained) print_steps(steps, line, note);
+  }
+
+  // What a verdict of a snapped packet leaves open: the rule whose
+  // condition needed bytes that were not captured.
+  static std::string snap_note(const Frame &frame, const ExplainStep &unsure) {
+    std::string rule = unsure.group.empty() ? fmt::format("line {}", unsure.line) : "a group";
+    return fmt::format("  (snapped at {} of {} bytes: {} {} needs bytes beyond them)", frame.bytes.size(),
+                       frame.wire_length, rule, unsure.keyword);
   }
 
   // One packet's JSON line, written directly (the hot path of --json).
-  std::string packet_json(const std::string &source, std::size_t number, const char *problem, std::size_t line,
-                          const std::vector<ExplainStep> *steps) {
+  std::string packet_json(const std::string &source, const Frame &frame, const char *problem, std::size_t line,
+                          const std::vector<ExplainStep> *steps, const ExplainStep *unsure) {
     if (source != source_) source_ = source, quoted_source_ = json_quote(source);
-    std::string out = fmt::format(R"({{"type":"packet","file":{},"number":{})", quoted_source_, number);
+    std::string out = fmt::format(R"({{"type":"packet","file":{},"number":{})", quoted_source_, frame.number);
     if (problem) {
       out += R"(,"problem":)";
       append_json_ascii(out, problem);
@@ -177,19 +242,24 @@ class ClassifyRun {
     } else {
       out += R"(,"rule_line":null)";
     }
+    if (unsure) {
+      nlohmann::json beyond{{"captured", frame.bytes.size()}, {"wire_length", frame.wire_length}, {"keyword", unsure->keyword}};
+      if (unsure->group.empty()) beyond["line"] = unsure->line;
+      out += R"(,"beyond_snap":)" + beyond.dump();
+    }
     if (steps) out += R"(,"explanation":)" + steps_json(*steps).dump();
     out += "}\n";
     return out;
   }
 
-  void print_steps(const std::vector<ExplainStep> &steps, std::size_t line) {
+  void print_steps(const std::vector<ExplainStep> &steps, std::size_t line, const std::string &note) {
     for (const auto &s : steps) {
       if (!s.group.empty())
         fmt::print("       {:{}}group      {:<40} {}\n", "", 2 * s.depth, s.group, step_text(s));
       else
         fmt::print("       {:{}}line {:<5} {:<40} {}\n", "", 2 * s.depth, s.line, texts_[s.line], step_text(s));
     }
-    fmt::print("       verdict: {}\n", verdict_text(line, set_.result_of(line)));
+    fmt::print("       verdict: {}{}\n", verdict_text(line, set_.result_of(line)), note);
   }
 
   nlohmann::json steps_json(const std::vector<ExplainStep> &steps) {
@@ -208,14 +278,19 @@ class ClassifyRun {
     fmt::print("# {} packets on {} in {:.0f} s, rule set with hits\n", packets_, o_.live,
                std::chrono::duration<double>(elapsed).count());
     for (const auto &l : set_.listing()) fmt::print("{}\n", l);
+    print_no_rule_line();
   }
+
+  // Packets no rule applied to, below the rules' hits.
+  void print_no_rule_line() { fmt::print("  no rule  ({} packet{})\n", no_rule_, no_rule_ == 1 ? "" : "s"); }
 
   void finish() {
     if (o_.json) {
       nlohmann::json rules = nlohmann::json::array();
       for (const auto &r : set_.rules()) rules.push_back({{"line", r.line}, {"depth", r.depth}, {"text", r.text},
                                                           {"hits", r.hits}, {"result", r.result}});
-      nlohmann::json summary{{"type", "summary"}, {"packets", packets_}, {"optimised", o_.optimise}, {"rules", rules}};
+      nlohmann::json summary{{"type", "summary"}, {"packets", packets_}, {"optimised", o_.optimise}, {"rules", rules},
+                             {"no_rule", no_rule_}, {"beyond_snap", undecided_}};
       if (o_.live.empty()) summary["unreadable"] = unreadable_;
       print_json_line(summary);
     } else if (!o_.live.empty()) {
@@ -223,17 +298,20 @@ class ClassifyRun {
     } else {
       fmt::print("# rule set{}, with hits\n", o_.optimise ? " (optimised)" : "");
       for (const auto &l : set_.listing()) fmt::print("{}\n", l);
+      print_no_rule_line();
     }
   }
 
   const ClassifyOptions &o_;
   RuleSet set_;
   std::map<std::size_t, std::string> texts_;
-  std::set<std::size_t> explain_;
   std::vector<std::uint8_t> storage_;
   std::vector<std::string> unreadable_;
   std::string source_, quoted_source_;  // the capture of the last packet, and as a JSON string
   std::size_t packets_ = 0;
+  std::size_t no_rule_ = 0;     // classified packets no rule applied to
+  std::size_t undecided_ = 0;   // snapped packets whose verdict needed bytes beyond the snap length
+  bool live_unopened_ = false;  // the live interface could not be captured on
   double seconds_ = 0;
 };
 

@@ -23,6 +23,7 @@ std::string report_json(const std::string &quoted_file, const FrameReport &r) {
     append_json_ascii(out, r.problem.c_str());
   }
   if (!r.vlan_ids.empty()) out += fmt::format(R"(,"vlan":[{}])", fmt::join(r.vlan_ids, ","));
+  if (r.pppoe) out += fmt::format(R"(,"pppoe_session":{})", r.pppoe_session);
   out += R"(,"checksums":{)";
   for (std::size_t i = 0; i < r.checksums.size(); ++i)
     out += fmt::format(R"({}"{}":"{}")", i ? "," : "", r.checksums[i].first, r.checksums[i].second);

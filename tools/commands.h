@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "packet_numbers.h"
+
 namespace tool {
 
 // nikerkiog describe CAPTURE...
@@ -20,10 +22,10 @@ struct ClassifyOptions {
   bool optimise = false;
   bool json = false;
   bool keep_going = false;           // use the accepted lines of a rule file with errors
-  std::vector<std::size_t> explain;  // packet numbers to explain
+  PacketNumbers explain;             // packets to explain
   std::string live;                  // interface to capture on, instead of files
-  std::size_t count = 0;             // live: stop after this many packets
-  double seconds = 0;                // live: stop after this many seconds
+  std::size_t count = 0;             // live: stop after this many packets (0: no limit)
+  double seconds = 0;                // live: stop after this many seconds (0: no limit)
 };
 
 // nikerkiog classify RULES CAPTURE... / --live IFACE

@@ -77,6 +77,8 @@ std::string ipv4_transport_verdict(Bytes ip, const Ipv4Layout &l) {
       if (transport < 8) return "truncated";
       std::size_t udp_length = be16(&ip[l.header + 4]);
       if (udp_length < 8 || udp_length > ip.size() - l.header) return "truncated";
+      // Over IPv4 a zero checksum field means the sender computed none.
+      if (be16(&ip[l.header + 6]) == 0) return "none";
       return udp_checksum_ok(p) ? "ok" : "bad";
     }
     case kProtoIcmp:
@@ -226,12 +228,16 @@ FrameReport describe_frame(const Frame &frame) {
   FrameReport r;
   r.number = frame.number;
   r.vlan_ids = frame.vlan_ids;
+  r.pppoe = frame.pppoe;
+  r.pppoe_session = frame.pppoe_session;
   if (!frame.link_complete) {
     r.problem = "truncated: link-layer header";
   } else if (frame.is_ipv4()) {
     describe_ipv4(frame.network(), r);
   } else if (frame.is_ipv6()) {
     describe_ipv6(frame.network(), r);
+  } else if (frame.pppoe) {
+    r.problem = fmt::format("not IP (PPP protocol 0x{:04x})", frame.ppp_protocol);
   } else {
     r.problem = fmt::format("not IP (ethertype 0x{:04x})", frame.ethertype);
   }
@@ -241,6 +247,7 @@ FrameReport describe_frame(const Frame &frame) {
 std::string format_report(const FrameReport &r) {
   std::string line = fmt::format("{:>5}  {}", r.number, r.description.empty() ? r.problem : r.description);
   if (!r.vlan_ids.empty()) line += fmt::format("  vlan {}", fmt::join(r.vlan_ids, "/"));
+  if (r.pppoe) line += fmt::format("  pppoe session 0x{:04x}", r.pppoe_session);
   for (const auto &[layer, verdict] : r.checksums) line += fmt::format("  {}:{}", layer, verdict);
   return line;
 }

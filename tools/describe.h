@@ -15,6 +15,8 @@ struct FrameReport {
   std::string description;  // the library's one-line description, when it could be made
   std::string problem;      // why there is no description ("truncated: ...", "not IP ...")
   std::vector<std::uint16_t> vlan_ids;
+  bool pppoe = false;                 // the packet came in a PPPoE session frame
+  std::uint16_t pppoe_session = 0;    // that frame's session id
   // Checksum verdicts in header order: {"ip", "ok"}, {"udp", "bad"}, {"tcp", "truncated"}, ...
   std::vector<std::pair<std::string, std::string>> checksums;
 };

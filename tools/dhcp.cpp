@@ -110,41 +110,97 @@ std::string header_text(const Bytes &msg, const HeaderField &field) {
   return quoted(p, strnlen(reinterpret_cast<const char *>(p), field.size));
 }
 
-// Renders `count` elements of `size` bytes each with `one`, joined by ", ";
-// false when the value is not a whole number of elements (or empty).
-template <typename Render>
-bool render_list(const Bytes &v, std::size_t size, Render one, std::string &out) {
-  if (v.empty() || v.size() % size != 0) return false;
-  for (std::size_t at = 0; at < v.size(); at += size) {
-    if (at) out += ", ";
-    out += one(&v[at]);
+// How the option format table lays out a value: elements of a fixed size,
+// one or a list of them, or text of any length.
+enum class Element { kAddress, kAddressPair, kSigned32, kUnsigned32, kUnsigned16, kByte, kText };
+struct FormatShape {
+  const char *format;
+  Element element;
+  std::size_t size;  // bytes per element (0 for text)
+  bool list;         // one or more elements, else exactly one
+};
+constexpr FormatShape kFormatShapes[] = {
+    {"I", Element::kAddress, 4, false},     {"IA", Element::kAddress, 4, true},
+    {"IIA", Element::kAddressPair, 8, true}, {"l", Element::kSigned32, 4, false},
+    {"L", Element::kUnsigned32, 4, false},  {"S", Element::kUnsigned16, 2, false},
+    {"SA", Element::kUnsigned16, 2, true},  {"B", Element::kByte, 1, false},
+    {"f", Element::kByte, 1, false},        {"BA", Element::kByte, 1, true},
+    {"t", Element::kText, 0, false},
+};
+
+const FormatShape *shape_of(const std::string &format) {
+  for (const auto &shape : kFormatShapes)
+    if (format == shape.format) return &shape;
+  return nullptr;  // opaque bytes
+}
+
+bool fits(const FormatShape &shape, std::size_t length) {
+  if (shape.element == Element::kText) return true;
+  if (shape.list) return length > 0 && length % shape.size == 0;
+  return length == shape.size;
+}
+
+// One element as text and as a JSON value (numbers as numbers).
+nlohmann::json element_json(Element element, const std::uint8_t *p) {
+  switch (element) {
+    case Element::kAddress: return dotted(p);
+    case Element::kAddressPair: return nlohmann::json::array({dotted(p), dotted(p + 4)});
+    case Element::kSigned32: return static_cast<std::int32_t>(be32(p));
+    case Element::kUnsigned32: return be32(p);
+    case Element::kUnsigned16: return be16(p);
+    case Element::kByte: return *p;
+    case Element::kText: break;
   }
-  return true;
+  return nullptr;
+}
+
+std::string element_text(Element element, const std::uint8_t *p) {
+  nlohmann::json value = element_json(element, p);
+  if (value.is_string()) return value.get<std::string>();
+  if (value.is_array()) return value[0].get<std::string>() + " " + value[1].get<std::string>();
+  return value.dump();
+}
+
+// Why a value's length does not fit its format, or "" when it does.
+std::string length_misfit(const std::string &format, std::size_t length) {
+  const FormatShape *shape = shape_of(format);
+  if (!shape || fits(*shape, length)) return {};
+  return fmt::format("length {} does not fit format {}: {}{} bytes", length, format,
+                     shape->list ? "a multiple of " : "", shape->size);
+}
+
+// The value as JSON by its format: a number, a text, an array of them;
+// null for opaque bytes and values whose length does not fit their format.
+nlohmann::json typed_value(const std::string &format, const Bytes &v) {
+  const FormatShape *shape = shape_of(format);
+  if (!shape || !fits(*shape, v.size())) return nullptr;
+  if (shape->element == Element::kText) return std::string(v.begin(), v.end());
+  if (!shape->list) return element_json(shape->element, v.data());
+  nlohmann::json list = nlohmann::json::array();
+  for (std::size_t at = 0; at < v.size(); at += shape->size) list.push_back(element_json(shape->element, &v[at]));
+  return list;
 }
 
 // The value rendered by the option's format; opaque bytes (and values whose
 // length does not fit their format) in hexadecimal.
 std::string render_value(unsigned code, const std::string &format, const Bytes &v) {
-  std::string out;
-  const std::uint8_t *p = v.data();
-  bool done = false;
-  if (format == "I" && v.size() == 4) out = dotted(p), done = true;
-  else if (format == "IA") done = render_list(v, 4, dotted, out);
-  else if (format == "IIA") done = render_list(v, 8, [](const std::uint8_t *e) { return dotted(e) + " " + dotted(e + 4); }, out);
-  else if (format == "l" && v.size() == 4) out = fmt::format("{}", static_cast<std::int32_t>(be32(p))), done = true;
-  else if (format == "L" && v.size() == 4) out = fmt::format("{}", be32(p)), done = true;
-  else if (format == "S" && v.size() == 2) out = fmt::format("{}", be16(p)), done = true;
-  else if (format == "SA") done = render_list(v, 2, [](const std::uint8_t *e) { return fmt::format("{}", be16(e)); }, out);
-  else if ((format == "B" || format == "f") && v.size() == 1) out = fmt::format("{}", p[0]), done = true;
-  else if (format == "BA") done = render_list(v, 1, [](const std::uint8_t *e) { return fmt::format("{}", *e); }, out);
-  else if (format == "t") out = quoted(p, v.size()), done = true;
-  if (!done) {
+  const FormatShape *shape = shape_of(format);
+  if (!shape || !fits(*shape, v.size())) {
     if (v.empty()) return "(empty)";
     // Opaque bytes that happen to be text are shown as text too.
-    return printable(v) ? hex(p, v.size()) + "  " + quoted(p, v.size()) : hex(p, v.size());
+    return printable(v) ? hex(v.data(), v.size()) + "  " + quoted(v.data(), v.size()) : hex(v.data(), v.size());
   }
-  if (code == kOptionMessageType && p[0] < std::size(kMessageTypes) && kMessageTypes[p[0]])
-    out += fmt::format(" {}", kMessageTypes[p[0]]);
+  std::string out;
+  if (shape->element == Element::kText) {
+    out = quoted(v.data(), v.size());
+  } else {
+    for (std::size_t at = 0; at < v.size(); at += shape->size) {
+      if (at) out += ", ";
+      out += element_text(shape->element, &v[at]);
+    }
+  }
+  if (code == kOptionMessageType && v[0] < std::size(kMessageTypes) && kMessageTypes[v[0]])
+    out += fmt::format(" {}", kMessageTypes[v[0]]);
   return out;
 }
 
@@ -206,6 +262,8 @@ DhcpOptionReport option_report(unsigned code, const dhcp_option &slot) {
   r.format = dhcp_option_format(static_cast<std::uint8_t>(code));
   r.value.assign(slot.data, slot.data + slot.len);
   r.text = render_value(code, r.format, r.value);
+  r.typed = typed_value(r.format, r.value);
+  r.misfit = length_misfit(r.format, r.value.size());
   if (code == kOptionVendorSpecific) add_43_suboptions(slot, r);
   if (code == kOptionVendorClass || code == kOptionVendorOptions) add_125_suboptions(slot, r);
   return r;
@@ -214,8 +272,13 @@ DhcpOptionReport option_report(unsigned code, const dhcp_option &slot) {
 // Fills header fields and options of the message held in `msg` (one zero
 // byte follows its `len` bytes, as the option parser may look there).
 void read_message(const Bytes &msg, std::size_t len, DhcpReport &r) {
-  for (unsigned i = 0; i < DHCP_HFIELD_COUNT; ++i)
-    r.header.emplace_back(dhcp_hfield2str(static_cast<std::uint8_t>(i)), header_text(msg, kHeaderFields[i]));
+  for (unsigned i = 0; i < DHCP_HFIELD_COUNT; ++i) {
+    const HeaderField &field = kHeaderFields[i];
+    r.header.emplace_back(dhcp_hfield2str(static_cast<std::uint8_t>(i)), header_text(msg, field));
+    const char *text = reinterpret_cast<const char *>(&msg[field.offset]);
+    r.header_values.push_back(field.text == FieldText::kString ? nlohmann::json(std::string(text, strnlen(text, field.size)))
+                                                               : nlohmann::json(r.header.back().second));
+  }
   if (len < kOptionsStart) {
     r.problem = fmt::format("no options: the message ends after {} bytes", len);
     return;
@@ -291,8 +354,8 @@ std::string format_dhcp(const std::string &file, const DhcpReport &r) {
   }
   if (!r.overloaded.empty()) out += fmt::format("  overload: options also in {}\n", fmt::join(r.overloaded, " and "));
   for (const auto &o : r.options) {
-    out += fmt::format("  {:>3} {:<30} {:<3} {:>3}  {}\n", o.code, o.name.empty() ? "-" : o.name, o.format,
-                       o.value.size(), o.text);
+    out += fmt::format("  {:>3} {:<30} {:<3} {:>3}  {}{}\n", o.code, o.name.empty() ? "-" : o.name, o.format,
+                       o.value.size(), o.text, o.misfit.empty() ? "" : "  (" + o.misfit + ")");
     for (const auto &s : o.suboptions) {
       std::string where = s.has_enterprise ? fmt::format("enterprise {} sub {}", s.enterprise, s.code)
                                            : fmt::format("sub {}", s.code);
@@ -308,15 +371,19 @@ nlohmann::json dhcp_json(const std::string &file, const DhcpReport &r) {
   nlohmann::json j{{"type", "message"}, {"file", file}, {"frame", r.frame}, {"description", r.description}};
   if (!r.header.empty()) {
     nlohmann::json header = nlohmann::json::object();
-    for (const auto &[name, text] : r.header) header[name] = text;
+    for (std::size_t i = 0; i < r.header.size(); ++i) header[r.header[i].first] = r.header_values[i];
     j["header"] = header;
   }
   j["overload"] = r.overloaded;
   nlohmann::json options = nlohmann::json::array();
   for (const auto &o : r.options) {
-    nlohmann::json jo{{"code", o.code},   {"format", o.format}, {"length", o.value.size()},
-                      {"value", o.text}, {"hex", hex(o.value.data(), o.value.size())}};
+    nlohmann::json jo{{"code", o.code},    {"format", o.format}, {"length", o.value.size()},
+                      {"value", o.typed}, {"hex", hex(o.value.data(), o.value.size())}};
     jo["name"] = o.name.empty() ? nlohmann::json(nullptr) : nlohmann::json(o.name);
+    if (o.code == kOptionMessageType && o.value.size() == 1 && o.value[0] < std::size(kMessageTypes) &&
+        kMessageTypes[o.value[0]])
+      jo["meaning"] = kMessageTypes[o.value[0]];
+    if (!o.misfit.empty()) jo["problem"] = o.misfit;
     if (!o.suboptions.empty()) {
       nlohmann::json subs = nlohmann::json::array();
       for (const auto &s : o.suboptions) {

@@ -28,6 +28,8 @@ struct DhcpOptionReport {
   std::string format;  // the option's format in the option format table
   std::vector<std::uint8_t> value;
   std::string text;    // the value rendered by the format
+  nlohmann::json typed;  // the value by its format: number, text or array; null for opaque or misfit values
+  std::string misfit;  // why the length does not fit the format, empty when it does
   std::vector<DhcpSubOption> suboptions;
 };
 
@@ -36,6 +38,7 @@ struct DhcpReport {
   std::size_t frame = 0;
   std::string description;  // the IP packet in one line
   std::vector<std::pair<std::string, std::string>> header;  // field name, text as rules match it
+  std::vector<nlohmann::json> header_values;  // the same fields for JSON: sname and file as plain text
   std::vector<std::string> overloaded;  // "file", "sname": fields that hold options
   std::vector<DhcpOptionReport> options;  // in code order
   std::string problem;  // why the options area could not be read (fully), empty when fine

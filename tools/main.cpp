@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -11,25 +12,36 @@
 
 namespace {
 
-// Packet numbers of --explain: "3,7" and repeated options alike.
-void split_numbers(const std::vector<std::string> &items, std::vector<std::size_t> &numbers) {
-  for (const auto &item : items) {
-    std::size_t start = 0;
-    while (start <= item.size()) {
-      std::size_t comma = item.find(',', start);
-      std::string word = item.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-      std::size_t used = 0;
-      unsigned long long n = 0;
-      try {
-        n = std::stoull(word, &used);
-      } catch (const std::exception &) {
-        used = 0;
-      }
-      if (used == 0 || used != word.size() || n == 0) throw CLI::ValidationError("--explain", "not a packet number: " + word);
-      numbers.push_back(static_cast<std::size_t>(n));
-      if (comma == std::string::npos) break;
-      start = comma + 1;
-    }
+// --explain: one value per option, so that the positional arguments after
+// it stay positional.
+CLI::Validator explain_value() {
+  return CLI::Validator(
+      [](std::string &text) {
+        tool::PacketNumbers numbers;
+        std::string error;
+        return numbers.parse(text, error) ? std::string() : error;
+      },
+      "N[,N|N-M...]|all", "packet numbers");
+}
+
+// --count and --seconds: a limit of 0 or less would never stop the capture.
+CLI::Validator positive(const char *unit) {
+  return CLI::Validator(
+      [unit](std::string &text) {
+        char *end = nullptr;
+        double value = std::strtod(text.c_str(), &end);
+        if (text.empty() || *end != '\0' || !(value > 0))
+          return "must be " + std::string(unit) + " above 0, not \"" + text + "\"";
+        return std::string();
+      },
+      unit, "positive");
+}
+
+// Every command answers --version, not only the tool itself.
+void add_version_flags(CLI::App &app) {
+  for (CLI::App *sub : app.get_subcommands({})) {
+    sub->set_version_flag("--version", "nikerkiog " NIKERKIOG_VERSION, "Print the library's version and exit");
+    add_version_flags(*sub);
   }
 }
 
@@ -67,10 +79,14 @@ int main(int argc, char **argv) {
   classify->add_flag("--optimise", co.optimise, "Restructure the rule set into a tree first");
   classify->add_flag("--json", co.json, "Write JSON Lines: one object per packet, then a summary with the rule set");
   classify->add_flag("--keep-going", co.keep_going, "Report rejected rule lines and use the others");
-  classify->add_option("--explain", explain_items, "Explain the verdicts of these packets (N[,N...])");
+  classify->add_option("--explain", explain_items, "Explain the verdicts of these packets (3,5-9 or all)")
+      ->expected(1)
+      ->allow_extra_args(false)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(explain_value());
   CLI::Option *live = classify->add_option("--live", co.live, "Classify live traffic of this interface instead of files");
-  classify->add_option("--count", co.count, "With --live: stop after N packets")->needs(live);
-  classify->add_option("--seconds", co.seconds, "With --live: stop after S seconds")->needs(live);
+  classify->add_option("--count", co.count, "With --live: stop after N packets")->needs(live)->check(positive("a whole number"));
+  classify->add_option("--seconds", co.seconds, "With --live: stop after S seconds")->needs(live)->check(positive("a number of seconds"));
 
   std::vector<std::string> dhcp_files;
   bool dhcp_json = false;
@@ -100,9 +116,14 @@ int main(int argc, char **argv) {
   CLI::App *ip6fw_check = add_check_command(*ip6fw, "check", "Check IPv6 forward rule files line by line",
                                             ip6fw_options, "IPv6 forward rule files, one rule each");
 
+  add_version_flags(app);
+
   try {
     app.parse(argc, argv);
-    split_numbers(explain_items, co.explain);
+    for (const auto &item : explain_items) {
+      std::string error;
+      if (!co.explain.parse(item, error)) throw CLI::ValidationError("--explain", error);
+    }
   } catch (const CLI::ParseError &e) {
     int status = app.exit(e);
     return status == 0 ? tool::kExitOk : tool::kExitError;

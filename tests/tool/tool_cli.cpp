@@ -51,7 +51,7 @@ TEST(ToolCli, ClassifyNeedsCapturesOrLiveInterface) {
 TEST(ToolCli, ExplainTakesOnlyPacketNumbers) {
   auto r = run_tool("classify ../../examples/rules.txt captures/dns_udp.pcap --explain 1,x");
   EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("not a packet number: x"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("--explain: not a packet number or range N-M: \"x\""), std::string::npos) << r.err;
 }
 
 TEST(ToolCli, MissingCaptureGivesStatus2ForEveryCaptureCommand) {
@@ -66,7 +66,7 @@ TEST(ToolCli, MissingRuleFileGivesStatus2ForEveryCheck) {
   for (const char *command : {"check", "acl check", "masq check", "ip6fw check"}) {
     auto r = run_tool(std::string(command) + " no-such-rules.txt");
     EXPECT_EQ(r.status, 2) << command;
-    EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file\n") << command;
+    EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: No such file or directory\n") << command;
   }
 }
 
@@ -97,7 +97,11 @@ TEST(ToolCli, NonCaptureFileGivesStatus2ForDhcp) {
 }
 
 TEST(ToolCli, ManualPageShowsEveryCommandWithAnExample) {
-  std::string page = testsupport::read_text_file(std::string(NIKERKIOG_BINARY_DIR) + "/tools/nikerkiog.1");
+  std::string path = std::string(NIKERKIOG_BINARY_DIR) + "/tools/nikerkiog.1";
+  ASSERT_TRUE(std::ifstream(path).good())
+      << "the manual page " << path << " was not built: scdoc was missing when the build was configured "
+      << "(scripts/deps.sh native installs it; then configure again)";
+  std::string page = testsupport::read_text_file(path);
   for (const char *example : {"nikerkiog check ", "nikerkiog acl check ", "nikerkiog masq check ",
                               "nikerkiog ip6fw check ", "nikerkiog classify ", "--live ", "--explain ",
                               "nikerkiog dhcp ", "nikerkiog describe "})
@@ -115,5 +119,71 @@ TEST(ToolCli, MissingRuleFileGivesStatus2ForClassify) {
   auto r = run_tool("classify no-such-rules.txt captures/dns_udp.pcap");
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: cannot read the rules file\n");
+  EXPECT_EQ(r.err, "nikerkiog: no-such-rules.txt: No such file or directory\n");
+}
+
+TEST(ToolCli, EveryCommandAnswersVersion) {
+  for (const char *command : {"describe", "classify", "dhcp", "check", "acl", "acl check", "masq check",
+                              "ip6fw check"}) {
+    auto r = run_tool(std::string(command) + " --version");
+    EXPECT_EQ(r.status, 0) << command << ": " << r.err;
+    EXPECT_EQ(r.out, std::string("nikerkiog ") + NIKERKIOG_VERSION + "\n") << command;
+  }
+}
+
+TEST(ToolCli, ExplainBeforeThePositionalArgumentsTakesOnlyItsOwnValue) {
+  tooltest::expect_output("classify-explain-positional",
+                          run_tool("classify --explain 2 tool/explain-positional.rules captures/dns_udp.pcap"), 0);
+}
+
+TEST(ToolCli, ExplainTakesRangesAndAll) {
+  auto ranges = run_tool("classify --explain 1-2 tool/explain-positional.rules captures/dns_udp.pcap");
+  auto all = run_tool("classify --explain all tool/explain-positional.rules captures/dns_udp.pcap");
+  EXPECT_EQ(ranges.status, 0) << ranges.err;
+  EXPECT_EQ(all.status, 0) << all.err;
+  EXPECT_EQ(ranges.out, all.out);
+  std::size_t verdicts = 0;
+  for (const auto &line : tooltest::lines_of(all.out)) verdicts += line.rfind("       verdict: ", 0) == 0;
+  EXPECT_EQ(verdicts, 2u) << all.out;
+}
+
+TEST(ToolCli, ExplainRefusesABackwardRange) {
+  auto r = run_tool("classify --explain 5-3 tool/explain-positional.rules captures/dns_udp.pcap");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("--explain: not a packet number or range N-M: \"5-3\""), std::string::npos) << r.err;
+}
+
+TEST(ToolCli, ClassifyRefusesSwappedRuleAndCaptureFilesBeforePrintingAnything) {
+  auto r = run_tool("classify tool/captures/refused.pcap tool/refused.rules");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err,
+            "nikerkiog: tool/captures/refused.pcap: a capture, not a rule file (the rule file comes first: "
+            "classify RULES CAPTURE...)\n");
+}
+
+TEST(ToolCli, ClassifyRefusesAFileThatIsNotACaptureBeforePrintingAnything) {
+  auto r = run_tool("classify tool/refused.rules tool/captures/refused.pcap tool/refused.rules");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "nikerkiog: tool/refused.rules: not a pcap or pcapng capture (unknown file format)\n");
+}
+
+TEST(ToolCli, ErrorMessagesNameTheFileOnceAndSayWhy) {
+  struct Case {
+    const char *args;
+    const char *err;
+  } cases[] = {
+      {"describe tool/no-such.pcap", "nikerkiog: tool/no-such.pcap: No such file or directory\n"},
+      {"dhcp tool", "nikerkiog: tool: Is a directory\n"},
+      {"classify tool/no-such.rules captures/dns_udp.pcap", "nikerkiog: tool/no-such.rules: No such file or directory\n"},
+      {"classify tool/refused.rules tool/no-such.pcap", "nikerkiog: tool/no-such.pcap: No such file or directory\n"},
+      {"acl check tool/no-such.txt", "nikerkiog: tool/no-such.txt: No such file or directory\n"},
+  };
+  for (const auto &c : cases) {
+    auto r = run_tool(c.args);
+    EXPECT_EQ(r.status, 2) << c.args;
+    EXPECT_EQ(r.err, c.err) << c.args;
+  }
 }

@@ -12,6 +12,7 @@
 
 #include "pcap_writer.h"
 #include "testsupport.h"
+#include "tool_support.h"
 
 using testsupport::run_command;
 using testsupport::data_path;
@@ -217,4 +218,11 @@ TEST(Describe, JsonOutputHoldsOneObjectPerFrameThenASummary) {
   EXPECT_EQ(second["checksums"]["udp"], "ok");
   EXPECT_NE(second["description"].get<std::string>().find("UDP 209.87.249.18:53"), std::string::npos);
   EXPECT_EQ(nlohmann::json::parse(lines[2])["frames"], 2);
+}
+
+// Frame 1 has a zero UDP checksum (the sender computed none), frame 2 a
+// correct one and frame 3 a wrong one.
+TEST(ToolDescribe, ZeroIpv4UdpChecksumIsNoneNotBad) {
+  tooltest::expect_output("describe-udp-zero-checksum",
+                          tooltest::run_tool("describe tool/captures/udp-zero-checksum.pcap"), 0);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <map>
 #include <set>
 #include <string>
 
@@ -131,7 +132,7 @@ TEST(ToolDhcp, JsonHoldsOneObjectPerMessageThenTheSummary) {
   for (const auto &o : m["options"]) codes.push_back(o["code"]);
   EXPECT_EQ(codes, (std::vector<int>{12, 15, 43, 52, 53, 66, 124, 125}));
   EXPECT_EQ(m["options"][0], nlohmann::json::parse(R"({"code":12,"name":"host_name","format":"t","length":7,)"
-                                                   R"("value":"\"box-01x\"","hex":"62 6f 78 2d 30 31 78"})"));
+                                                   R"("value":"box-01x","hex":"62 6f 78 2d 30 31 78"})"));
   EXPECT_EQ(m["options"][7]["suboptions"],
             nlohmann::json::parse(R"([{"enterprise":3561,"code":1,"length":3,"hex":"78 79 7a"},)"
                                   R"({"enterprise":3561,"code":2,"length":1,"hex":"07"},)"
@@ -214,4 +215,41 @@ TEST(ToolDhcp, OverloadedMessageAgreesWithTsharkOnItsOptionCodes) {
   std::set<int> codes;
   for (const auto &o : objects[0]["options"]) codes.insert(o["code"].get<int>());
   EXPECT_EQ(codes, wanted[1].codes);
+}
+
+// Router option 3 holds 6 bytes (addresses are 4) and lease time option 51
+// holds 3 (the format wants 4): both are flagged and shown as bytes.
+TEST(ToolDhcp, OptionsWhoseLengthDoesNotFitTheirFormatAreFlagged) {
+  tooltest::expect_output("dhcp-lengths", run_tool("dhcp tool/captures/dhcp-lengths.pcap"), 0);
+}
+
+TEST(ToolDhcp, JsonValuesAreNumbersTextsAndArraysByTheirFormat) {
+  auto objects = json_lines(run_tool("dhcp --json tool/captures/dhcp-lengths.pcap").out);
+  ASSERT_EQ(objects.size(), 2u);
+  std::map<int, nlohmann::json> by_code;
+  for (const auto &o : objects[0]["options"]) by_code[o["code"].get<int>()] = o;
+  EXPECT_EQ(by_code[1]["value"], "255.255.255.0");
+  EXPECT_EQ(by_code[6]["value"], nlohmann::json::parse(R"(["192.0.2.53","198.51.100.53"])"));
+  EXPECT_EQ(by_code[12]["value"], "raspberrypi");
+  EXPECT_EQ(by_code[53]["value"], 5);
+  EXPECT_EQ(by_code[53]["meaning"], "ACK");
+  EXPECT_EQ(by_code[55]["value"], nlohmann::json::parse("[1,3,6]"));
+  EXPECT_EQ(by_code[57]["value"], 1472);
+  EXPECT_EQ(by_code[3], nlohmann::json::parse(R"({"code":3,"name":"routers","format":"IA","length":6,"value":null,)"
+                                              R"("hex":"c0 00 02 01 00 00",)"
+                                              R"("problem":"length 6 does not fit format IA: a multiple of 4 bytes"})"));
+  EXPECT_EQ(by_code[51]["value"], nullptr);
+  EXPECT_EQ(by_code[51]["problem"], "length 3 does not fit format L: 4 bytes");
+  EXPECT_FALSE(by_code[1].contains("problem"));
+  EXPECT_EQ(objects[0]["header"]["sname"], "");
+  EXPECT_EQ(objects[0]["header"]["yiaddr"], "192.0.2.50");
+}
+
+TEST(ToolDhcp, JsonHostNameIsTheTextWithoutAddedQuotes) {
+  auto objects = json_lines(run_tool("dhcp --json captures/dhcp-mud.pcap").out);
+  ASSERT_GE(objects.size(), 2u);
+  const auto &options = objects[0]["options"];
+  ASSERT_FALSE(options.empty());
+  EXPECT_EQ(options[0]["code"], 12);
+  EXPECT_EQ(options[0]["value"], "raspberrypi");
 }

@@ -48,8 +48,10 @@ TEST(ToolExplain, JsonPacketCarriesItsExplanation) {
   EXPECT_EQ(packet["explanation"][5], nlohmann::json::parse(R"({"depth":0,"line":14,"matched":true})"));
 }
 
-TEST(ToolExplain, ExplainedNumberBeyondTheCaptureIsNotAnError) {
-  auto r = run_tool("classify ../../examples/rules.txt captures/dns_udp.pcap --explain 9");
+TEST(ToolExplain, ExplainedNumberBeyondTheCaptureIsWarnedAboutButNotAnError) {
+  auto r = run_tool("classify ../../examples/rules.txt captures/dns_udp.pcap --explain 1,9");
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.find("verdict:"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("    2  rule at line 14 => 31\n       line"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("verdict:"), std::string::npos) << r.out;
+  EXPECT_EQ(r.err, "nikerkiog: captures/dns_udp.pcap: warning: --explain 9: the capture has only 2 packets\n");
 }

@@ -110,9 +110,17 @@ struct Node {
 // Ends the entries of a leaf; no rule has this index.
 constexpr std::uint32_t kEndOfLeaf = 0xffffffffu;
 
+// A long list's rules are parted by which addresses they leave (nearly)
+// open: a rule open in a field would be copied into every piece of a cut
+// of that field, so each part gets a tree of its own, cut where its rules
+// are narrow.  A packet walks every tree of the list and meets the rules of
+// its leaves merged back into list order.
+constexpr std::uint32_t kMaxTrees = 4;
+
 struct ListRecord {
-  std::uint32_t root;        // node index
-  std::uint32_t first_rule;  // the list's rules are first_rule .. first_rule+rule_count-1, in list order
+  std::uint32_t root[kMaxTrees];  // node indexes of the trees
+  std::uint32_t trees;            // 1 to kMaxTrees
+  std::uint32_t first_rule;       // the list's rules are first_rule .. first_rule+rule_count-1, in list order
   std::uint32_t rule_count;
 };
 
@@ -127,7 +135,9 @@ struct Keys {
 constexpr std::uint32_t kMaxRules = 1u << 24;
 constexpr std::uint32_t kMaxNesting = 32;
 // A leaf of at most this many rules is not split further.
-constexpr std::uint32_t kLeafRules = 8;
+constexpr std::uint32_t kLeafRules = 4;
+// A set of one list of at most this many rules is searched rule by rule.
+constexpr std::uint32_t kDirectRules = 2;
 // Decisions on the way to a leaf, at most.
 constexpr std::uint32_t kMaxDepth = 16;
 // Nodes and leaf entries a list's tree may take: this many per rule and
@@ -145,6 +155,7 @@ struct nuv_clfy_compiled {
   std::uint32_t entry_count;
   std::uint32_t depth;
   std::uint32_t bytes;
+  std::uint32_t direct;  // 1: a short flat list, whose rules are tried one by one
   nuv_clfy **rules;
   dp::clfy::RuleRecord *records;
   dp::clfy::ListRecord *lists;
@@ -343,7 +354,7 @@ bool covers(const RuleBounds &r, const Box &box) {
 constexpr std::uint8_t kFieldBits[kFields] = {32, 32, 16, 16, 8};
 // Most bits one cut takes, and how many copies of its rules a cut may make
 // (times the rules of the node, plus its pieces) before it is too costly.
-constexpr std::uint32_t kMaxCutBits = 6;
+constexpr std::uint32_t kMaxCutBits = 8;
 constexpr std::uint32_t kSpaceFactor = 4;
 
 struct Cut {
@@ -534,21 +545,51 @@ int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleBoun
 }
 
 // The tree of list `l`: its rules that can match at all, in list order.
+// Lists shorter than this get one tree: walking more costs more than the
+// copies it saves.
+constexpr std::uint32_t kPartedListRules = 64;
+// An address range this wide or wider (a prefix of /4 or shorter) is open.
+constexpr std::uint32_t kOpenAddressSpan = (1u << 28) - 1u;
+
+// The part of a rule: bit 0 when its source is open, bit 1 when its
+// destination is.
+std::uint32_t part_of(const RuleBounds &r) {
+  return (r.hi[kSource] - r.lo[kSource] >= kOpenAddressSpan ? 1u : 0u) |
+         (r.hi[kDestination] - r.lo[kDestination] >= kOpenAddressSpan ? 2u : 0u);
+}
+
+// The trees of `list`: its rules that can match at all, in list order, in
+// one tree or one per part.
 bool build_list(Builder &builder, Grow<RuleBounds> &records, ListRecord &list) {
-  // Nodes and leaf entries the list's tree may take: past this, regions
-  // stay leaves of more rules (slower, never wrong).
-  const std::uint64_t share = kShareFactor * std::uint64_t{list.rule_count} + kShareBase;
   const std::uint32_t n = list.rule_count;
   Scratch<std::uint32_t> scratch(n);
   if (!scratch) return false;
   std::uint32_t *ids = scratch.get();
-  std::uint32_t kept = 0;
-  for (std::uint32_t i = 0; i < n; ++i)
-    if (record_can_match(records[list.first_rule + i])) ids[kept++] = list.first_rule + i;
-  Node root;
-  if (!builder.build(ids, kept, whole_fields(), kFieldBits, 0, share, root)) return false;
-  list.root = builder.nodes.size();
-  return builder.nodes.push(root);
+  const bool parted = n >= kPartedListRules;
+  list.trees = 0;
+  for (std::uint32_t part = 0; part < (parted ? kMaxTrees : 1u); ++part) {
+    std::uint32_t kept = 0;
+    for (std::uint32_t i = 0; i < n; ++i) {
+      const RuleBounds &r = records[list.first_rule + i];
+      if (record_can_match(r) && (!parted || part_of(r) == part)) ids[kept++] = list.first_rule + i;
+    }
+    if (parted && kept == 0) continue;
+    // Nodes and leaf entries the tree may take: past this, regions stay
+    // leaves of more rules (slower, never wrong).
+    const std::uint64_t share = kShareFactor * std::uint64_t{kept} + kShareBase;
+    Node root;
+    if (!builder.build(ids, kept, whole_fields(), kFieldBits, 0, share, root)) return false;
+    list.root[list.trees++] = builder.nodes.size();
+    if (!builder.nodes.push(root)) return false;
+  }
+  if (list.trees == 0) {
+    // No rule of the list can match: one empty tree.
+    Node root;
+    if (!builder.build(ids, 0, whole_fields(), kFieldBits, 0, 0, root)) return false;
+    list.root[list.trees++] = builder.nodes.size();
+    if (!builder.nodes.push(root)) return false;
+  }
+  return true;
 }
 
 void free_compiled(nuv_clfy_compiled *c) {
@@ -605,25 +646,49 @@ inline const Node &leaf_of(const nuv_clfy_compiled &c, std::uint32_t root, const
   return *node;
 }
 
-// The first entry of the leaf of list `list` that the packet reaches.
-inline const std::uint32_t *leaf_entries(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys) {
-  return c.entries + leaf_of(c, c.lists[list].root, keys).first;
+// Where the search stands in one list: the next entry of the leaf it
+// reached in each of the list's trees.
+struct Cursor {
+  const std::uint32_t *at[kMaxTrees];
+  std::uint32_t trees;
+};
+
+inline void open_list(const nuv_clfy_compiled &c, std::uint32_t list, const Keys &keys, Cursor &cursor) {
+  const ListRecord &record = c.lists[list];
+  cursor.trees = record.trees;
+  for (std::uint32_t t = 0; t < record.trees; ++t) cursor.at[t] = c.entries + leaf_of(c, record.root[t], keys).first;
 }
 
-// The applying rule: the leaf's rules in order; a matching rule with
-// sub-rules sends the search into its sub-list's leaf, and back behind it
+// The next rule in list order among the leaves (kEndOfLeaf, which is
+// greater than any rule, when all are done).
+inline std::uint32_t next_entry(Cursor &cursor) {
+  std::uint32_t best = 0;
+  std::uint32_t index = *cursor.at[0];
+  for (std::uint32_t t = 1; t < cursor.trees; ++t)
+    if (*cursor.at[t] < index) {
+      index = *cursor.at[t];
+      best = t;
+    }
+  if (index != kEndOfLeaf) ++cursor.at[best];
+  return index;
+}
+
+// The applying rule: the leaves' rules in list order; a matching rule with
+// sub-rules sends the search into its sub-list's leaves, and back behind it
 // when none of them applies.  The way back is kept in a stack as deep as
 // the nesting (which compiling bounds), not in calls.
 nuv_clfy *first_applying(const nuv_clfy_compiled &c, const Keys &keys, PacketFacts &facts, std::uint32_t mark) {
-  const std::uint32_t *resume[kMaxNesting];
+  Cursor resume[kMaxNesting];
   std::uint32_t depth = 0;
-  const std::uint32_t *entry = leaf_entries(c, 0, keys);
+  Cursor cursor;
+  open_list(c, 0, keys, cursor);
   for (;;) {
-    while (*entry == kEndOfLeaf) {
+    const std::uint32_t index = next_entry(cursor);
+    if (index == kEndOfLeaf) {
       if (depth == 0) return nullptr;
-      entry = resume[--depth];
+      cursor = resume[--depth];
+      continue;
     }
-    const std::uint32_t index = *entry++;
     const RuleRecord &record = c.records[index];
     if (!record_holds(record, keys)) continue;
     nuv_clfy *rule = c.rules[index];
@@ -634,13 +699,23 @@ nuv_clfy *first_applying(const nuv_clfy_compiled &c, const Keys &keys, PacketFac
     }
     if (!rule_applies(*rule, facts, mark)) continue;
     if (!record.children) return rule;
-    resume[depth++] = entry;
-    entry = leaf_entries(c, record.children - 1, keys);
+    resume[depth++] = cursor;
+    open_list(c, record.children - 1, keys, cursor);
   }
+}
+
+// A short flat list costs less tried rule by rule, each through the
+// matcher's own entry (which reads only what the rule asks), than reading
+// the five fields and walking a tree.
+nuv_clfy *first_applying_directly(const nuv_clfy_compiled &c, std::uint32_t mark, const nuv_clfy_packet &packet) {
+  for (std::uint32_t i = 0; i < c.rule_count; ++i)
+    if (nuv_clfy_matches(c.rules[i], &packet, 0, mark)) return c.rules[i];
+  return nullptr;
 }
 
 nuv_clfy *search(nuv_clfy_compiled *c, std::uint32_t mark, const nuv_clfy_packet *packet) {
   if (!c || !packet || !c->rule_count) return nullptr;
+  if (c->direct) return first_applying_directly(*c, mark, *packet);
   PacketFacts facts;
   read_packet(*packet, facts);
   Keys keys;
@@ -676,6 +751,7 @@ int nuv_clfy_set_compile(const nuv_clfy_set *set, nuv_clfy_compiled **out) {
   c->node_count = builder.nodes.size();
   c->entry_count = builder.entries.size();
   c->depth = builder.depth;
+  c->direct = lists.size() == 1 && rules.size() <= kDirectRules;
   Grow<RuleRecord> search_records;
   for (std::uint32_t i = 0; rc == NUV_CLFY_COMPILE_OK && i < records.size(); ++i)
     if (!search_records.push(packed(records[i]))) rc = NUV_CLFY_COMPILE_E_NO_MEMORY;
