@@ -8,7 +8,7 @@
 set -euo pipefail
 what=${1:-native}
 
-# scdoc builds the manual page; python3, tshark, editcap (wireshark-common)
+# scdoc builds the manual pages; python3, tshark, editcap (wireshark-common)
 # and scapy are the tests' references; iproute2, iptables, nftables and
 # util-linux (unshare, nsenter, setpriv) run the live and daemon tests in
 # network namespaces.
