@@ -1,8 +1,8 @@
 /* nikerkiog-classd: classifies the packets of a kernel queue with the
  * rules of a file and answers each with a mark.
  *
- *   nikerkiog-classd --queue N --rules FILE [--dev NAME=INDEX ...] [--optimise]
- *                    [--fail-open] [--stats FILE [--stats-interval SECONDS]]
+ *   nikerkiog-classd --queue N --rules FILE [options]   (see --help and
+ *   the manual page nikerkiog-classd(8))
  *
  * SIGHUP reloads the rule file (the set in use stays when the new one has
  * an error), SIGUSR1 writes the statistics file, SIGTERM and SIGINT stop
@@ -21,14 +21,18 @@
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <nikerkiog.h>
-#include <nuvcsock_test.h>
-
+#include "classd_hooks.h"
 #include "classd_queue.h"
 #include "classd_rules.h"
 #include "classd_stats.h"
+
+#ifndef CLASSD_VERSION
+#define CLASSD_VERSION "unknown" /* the build gives the project's version */
+#endif
 
 /* Exit statuses. */
 enum {
@@ -37,8 +41,8 @@ enum {
   EXIT_REFUSED = 2  /* did not start: bad options, rule file errors, queue not bound */
 };
 
-/* Test hook: when set to N > 0, every reload's Nth allocation of the
- * classifier fails, as when memory runs out mid-reload. */
+/* In the test build: when set to N > 0, every reload's Nth allocation of
+ * the classifier fails, as when memory runs out mid-reload. */
 #define CLASSD_FAIL_ALLOCATION_ENV "NIKERKIOG_CLASSD_FAIL_ALLOCATION"
 
 /* Packets answered per turn of the loop, between signal checks. */
@@ -54,7 +58,10 @@ struct options {
   const char *stats_path;
   long stats_interval;
   long queue_maxlen;
+  long socket_buffer;
+  uint32_t mark_mask;
   int optimise;
+  int per_connection;
   int fail_open;
   int null_mode;
   int use_syslog;
@@ -68,6 +75,7 @@ struct daemon {
   struct classd_ruleset *rules;
   struct classd_queue *queue;
   uint64_t generation, reloads, reload_failures, unchanged;
+  time_t loaded_at, last_reload_at;
   long fail_allocation;
   int stop;
 };
@@ -101,17 +109,27 @@ static void usage(FILE *out) {
         "  --dev NAME=INDEX       interface index for NAME in dev/brdev conditions (repeatable);\n"
         "                         other names are looked up among the interfaces\n"
         "  --optimise             restructure the rule set into a tree (same verdicts)\n"
+        "  --mark-mask M          the mark bits the daemon sets (default 0xffffffff); the others\n"
+        "                         keep the packet's value: mark = (old & ~M) | (result & M)\n"
+        "  --per-connection       the firewall queues a connection's first packets only and\n"
+        "                         keeps their mark for the rest; warns about per-packet conditions\n"
         "  --fail-open            let packets pass when the queue is full\n"
         "  --queue-maxlen N       packets the kernel holds for the daemon at most\n"
+        "  --socket-buffer BYTES  receive buffer of the queue socket (default 8 MiB)\n"
         "  --stats FILE           write statistics as JSON to FILE on SIGUSR1 and every interval\n"
         "  --stats-interval SECS  seconds between statistics writes (default 10; 0: only on SIGUSR1)\n"
         "  --null                 accept every packet unchanged without classifying (reference)\n"
         "  --syslog               log to syslog instead of standard error\n"
+        "  --version              print the version and exit\n"
+        "  --help                 print this help and exit\n"
         "signals: SIGHUP reloads the rules, SIGUSR1 writes statistics, SIGTERM/SIGINT stop\n",
         out);
 }
 
-enum { OPT_DEV = 256, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP };
+enum {
+  OPT_DEV = 256, OPT_MARK_MASK, OPT_PER_CONNECTION, OPT_STATS_INTERVAL, OPT_QUEUE_MAXLEN, OPT_SOCKET_BUFFER,
+  OPT_NULL, OPT_SYSLOG, OPT_SELFTEST, OPT_HELP, OPT_VERSION
+};
 
 static const struct option kOptions[] = {
     {"queue", required_argument, NULL, 'q'},
@@ -119,14 +137,18 @@ static const struct option kOptions[] = {
     {"dev", required_argument, NULL, OPT_DEV},
     {"optimise", no_argument, NULL, 'O'},
     {"fail-open", no_argument, NULL, 'f'},
+    {"mark-mask", required_argument, NULL, OPT_MARK_MASK},
+    {"per-connection", no_argument, NULL, OPT_PER_CONNECTION},
     {"stats", required_argument, NULL, 's'},
     {"stats-interval", required_argument, NULL, OPT_STATS_INTERVAL},
     {"queue-maxlen", required_argument, NULL, OPT_QUEUE_MAXLEN},
+    {"socket-buffer", required_argument, NULL, OPT_SOCKET_BUFFER},
     {"null", no_argument, NULL, OPT_NULL},
     {"syslog", no_argument, NULL, OPT_SYSLOG},
     {"help", no_argument, NULL, OPT_HELP},
-    /* Test hook, not shown by --help: reload N times without binding a
-     * queue and compare the classifier's live allocations before and after. */
+    {"version", no_argument, NULL, OPT_VERSION},
+    /* Test build only, not shown by --help: reload N times without binding
+     * a queue and compare the classifier's live allocations before and after. */
     {"selftest-reloads", required_argument, NULL, OPT_SELFTEST},
     {NULL, 0, NULL, 0}};
 
@@ -143,6 +165,8 @@ static const struct number_option kNumberOptions[] = {
     {'q', 0, 65535, offsetof(struct options, queue), "--queue: a number 0..65535"},
     {OPT_STATS_INTERVAL, 0, 86400, offsetof(struct options, stats_interval), "--stats-interval: seconds 0..86400"},
     {OPT_QUEUE_MAXLEN, 1, 1 << 24, offsetof(struct options, queue_maxlen), "--queue-maxlen: a number 1..16777216"},
+    {OPT_SOCKET_BUFFER, 4096, 1 << 30, offsetof(struct options, socket_buffer),
+     "--socket-buffer: bytes 4096..1073741824"},
     {OPT_SELFTEST, 1, 1000000, offsetof(struct options, selftest_reloads), "--selftest-reloads: a number 1..1000000"}};
 
 /* Options that switch something on, and options naming a file. */
@@ -153,6 +177,7 @@ struct plain_option {
 
 static const struct plain_option kFlagOptions[] = {{'O', offsetof(struct options, optimise)},
                                                    {'f', offsetof(struct options, fail_open)},
+                                                   {OPT_PER_CONNECTION, offsetof(struct options, per_connection)},
                                                    {OPT_NULL, offsetof(struct options, null_mode)},
                                                    {OPT_SYSLOG, offsetof(struct options, use_syslog)}};
 
@@ -174,7 +199,21 @@ static int take_number(const struct number_option *option, const char *text, str
   return 0;
 }
 
-/* Reads one option; 0, 1 for --help, or -1 (after saying why). */
+/* A mark mask: a nonzero 32-bit number, in hexadecimal with "0x". */
+static int take_mark_mask(const char *text, struct options *o) {
+  char *end;
+  unsigned long long value;
+  errno = 0;
+  value = strtoull(text, &end, 0);
+  if (text[0] < '0' || text[0] > '9' || *end != '\0' || errno != 0 || value == 0 || value > UINT32_MAX) {
+    say(LOG_ERR, "--mark-mask: a nonzero 32-bit number such as 0xff00");
+    return -1;
+  }
+  o->mark_mask = (uint32_t)value;
+  return 0;
+}
+
+/* Reads one option; 0, 1 for --help and --version, or -1 (after saying why). */
 static int take_option(struct daemon *d, int c, const char *arg) {
   struct options *o = &d->options;
   size_t i;
@@ -193,20 +232,30 @@ static int take_option(struct daemon *d, int c, const char *arg) {
       return 0;
     }
   }
+  if (c == OPT_MARK_MASK) return take_mark_mask(arg, o);
   if (c == OPT_DEV && classd_devnames_add(&d->devs, arg) == 0) return 0;
   if (c == OPT_DEV) say(LOG_ERR, "--dev %s: give NAME=INDEX", arg);
+  if (c == OPT_VERSION) {
+    puts("nikerkiog-classd " CLASSD_VERSION);
+    return 1;
+  }
   if (c == OPT_HELP) usage(stdout);
   else if (c != OPT_DEV) usage(stderr);
   return c == OPT_HELP ? 1 : -1;
 }
 
-/* 0 to go on, 1 to stop with success (--help), -1 for a usage error. */
+/* 0 to go on, 1 to stop with success (--help, --version), -1 for a usage error. */
 static int parse_options(struct daemon *d, int argc, char **argv) {
   int c, status;
   d->options.queue = -1;
   d->options.stats_interval = CLASSD_STATS_INTERVAL;
+  d->options.mark_mask = UINT32_MAX;
   while ((c = getopt_long(argc, argv, "", kOptions, NULL)) != -1)
     if ((status = take_option(d, c, optarg)) != 0) return status;
+  if (d->options.selftest_reloads && !classd_hooks_present()) {
+    say(LOG_ERR, "--selftest-reloads: only in the daemon's test build");
+    return -1;
+  }
   if (optind < argc) {
     say(LOG_ERR, "unexpected argument: %s", argv[optind]);
     return -1;
@@ -222,20 +271,25 @@ static int parse_options(struct daemon *d, int argc, char **argv) {
 /* Loads the rule file; the new set replaces the one in use only when it
  * was read and built without any error. */
 static int load_rules(struct daemon *d, int reload) {
+  struct classd_load_checks checks;
   struct classd_load_error error;
   struct classd_ruleset *fresh;
-  if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(d->fail_allocation);
-  fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &d->classes, &error);
-  if (reload && d->fail_allocation > 0) nuvcsock_fail_nth_allocation(0);
+  checks.mark_mask = d->options.mark_mask;
+  checks.per_connection = d->options.per_connection;
+  if (reload) d->last_reload_at = time(NULL);
+  if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(d->fail_allocation);
+  fresh = classd_ruleset_load(d->options.rules_path, &d->devs, d->options.optimise, &checks, &d->classes, &error);
+  if (reload && d->fail_allocation > 0) classd_hooks_fail_nth_allocation(0);
   if (!fresh) {
     if (reload) d->reload_failures++;
     if (reload) say(LOG_ERR, "reload failed, the rules in use stay:");
     say_lines(LOG_ERR, error.text);
     return -1;
   }
-  if (error.warnings_length) say_lines(LOG_WARNING, error.warnings);
+  if (error.length) say_lines(LOG_WARNING, error.text);
   classd_ruleset_free(d->rules);
   d->rules = fresh;
+  d->loaded_at = time(NULL);
   d->generation++;
   if (reload) {
     d->reloads++;
@@ -247,13 +301,13 @@ static int load_rules(struct daemon *d, int reload) {
 static void decide(void *ctx, const nuv_clfy_packet *packet, uint32_t mark, struct classd_verdict *verdict) {
   struct daemon *d = ctx;
   struct classd_rule *rule = d->options.null_mode ? NULL : classd_ruleset_classify(d->rules, packet);
-  (void)mark;
   if (!rule) {
     d->unchanged++;
     return;
   }
+  /* Other subsystems own the bits outside the mask: they keep their value. */
   verdict->set_mark = 1;
-  verdict->mark = rule->result;
+  verdict->mark = (mark & ~d->options.mark_mask) | (rule->result & d->options.mark_mask);
   d->classes.verdicts[rule->slot]++;
 }
 
@@ -265,9 +319,12 @@ static void write_stats(struct daemon *d) {
   memset(&stats, 0, sizeof stats);
   stats.rules_path = d->options.rules_path;
   stats.queue = (uint16_t)d->options.queue;
+  stats.mark_mask = d->options.mark_mask;
   stats.generation = d->generation;
   stats.reloads = d->reloads;
   stats.reload_failures = d->reload_failures;
+  stats.loaded_at = (int64_t)d->loaded_at;
+  stats.last_reload_at = (int64_t)d->last_reload_at;
   stats.unchanged = d->unchanged;
   if (d->queue) {
     counters = classd_queue_counters(d->queue);
@@ -275,9 +332,11 @@ static void write_stats(struct daemon *d) {
     stats.verdict_messages = counters->verdict_messages;
     stats.errors = counters->malformed + counters->send_errors;
     stats.overruns = counters->overruns;
+    stats.missed = counters->missed;
+    if (d->options.fail_open) stats.failed_open = counters->missed;
   }
   classd_queue_kernel_drops(stats.queue, &stats.queue_dropped, &stats.user_dropped);
-  stats.live_blocks = nuvcsock_slab_live_blocks();
+  stats.live_blocks = classd_hooks_live_blocks();
   stats.classes = &d->classes;
   stats.rules = d->rules;
   if (classd_stats_write(d->options.stats_path, &stats, why, sizeof why) != 0)
@@ -361,6 +420,7 @@ static int run(struct daemon *d) {
   config.number = (uint16_t)d->options.queue;
   config.maxlen = (uint32_t)d->options.queue_maxlen;
   config.fail_open = d->options.fail_open;
+  config.socket_buffer = (size_t)d->options.socket_buffer;
   status = classd_queue_open(&config, decide, d, &d->queue, why, sizeof why);
   if (status != CLASSD_QUEUE_OK) {
     say(LOG_ERR, "%s", why);
@@ -379,20 +439,20 @@ static int run(struct daemon *d) {
   return status;
 }
 
-/* Test hook: reloads the rule file again and again (with the allocation
+/* Test build: reloads the rule file again and again (with the allocation
  * failure of the test hook armed, if set), then once more without it, and
  * reports whether the classifier's live allocations came back to the count
  * after the first load, and how many allocations a reload makes. */
 static int selftest_reloads(struct daemon *d) {
-  long before = nuvcsock_slab_live_blocks(), after, allocations, i;
+  long before = classd_hooks_live_blocks(), after, allocations, i;
   for (i = 0; i < d->options.selftest_reloads; ++i) load_rules(d, 1);
   printf("selftest: %ld reloads, %" PRIu64 " done, %" PRIu64 " failed", d->options.selftest_reloads, d->reloads,
          d->reload_failures);
   d->fail_allocation = 0;
-  allocations = nuvcsock_allocations();
+  allocations = classd_hooks_allocations();
   load_rules(d, 1);
-  allocations = nuvcsock_allocations() - allocations;
-  after = nuvcsock_slab_live_blocks();
+  allocations = classd_hooks_allocations() - allocations;
+  after = classd_hooks_live_blocks();
   printf(", live blocks %ld before, %ld after, %ld allocations per reload\n", before, after, allocations);
   return before == after ? EXIT_STOPPED : EXIT_FAILED;
 }
@@ -407,7 +467,7 @@ int main(int argc, char **argv) {
     classd_devnames_free(&d.devs);
     return status > 0 ? EXIT_STOPPED : EXIT_REFUSED;
   }
-  if (fail) d.fail_allocation = strtol(fail, NULL, 10);
+  if (fail && classd_hooks_present()) d.fail_allocation = strtol(fail, NULL, 10);
   use_syslog = d.options.use_syslog;
   if (use_syslog) openlog("nikerkiog-classd", LOG_PID, LOG_DAEMON);
   if (d.options.rules_path && load_rules(&d, 0) != 0) status = EXIT_REFUSED;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_queue.h>
@@ -34,11 +35,13 @@
 
 struct pending {
   uint32_t id;
+  int follows; /* its id is the one after the previous packet received */
   struct classd_verdict verdict;
 };
 
 struct classd_queue {
   struct mnl_socket *socket;
+  uint32_t last_id; /* id of the last packet received; a newly bound queue numbers from 1 */
   uint32_t portid;
   uint16_t number;
   uint32_t config_seq;
@@ -111,10 +114,26 @@ static uint16_t packet_type(const struct nfqnl_msg_packet_hdr *header, const uin
   return type;
 }
 
+/* The kernel numbers a queue's packets one after another; a gap in the
+ * ids means messages for those packets never reached us (socket buffer
+ * full).  The kernel did not queue them: they were dropped, or passed
+ * unchanged when failing open. */
+static uint32_t missed_before(const struct classd_queue *queue, uint32_t id) { return id - queue->last_id - 1u; }
+
 static void add_pending(struct classd_queue *queue, uint32_t id, const struct classd_verdict *verdict) {
   struct pending *entry = &queue->pending[queue->pending_count++];
+  uint32_t missed = missed_before(queue, id);
   entry->id = id;
   entry->verdict = *verdict;
+  /* Only a packet that directly follows the one before may join its batch:
+   * a batch verdict answers every queued id up to its own, so it must never
+   * reach over an id we have not seen. */
+  entry->follows = missed == 0;
+  if (missed) {
+    queue->counters.overruns++;
+    queue->counters.missed += missed;
+  }
+  queue->last_id = id;
 }
 
 static void handle_packet(struct classd_queue *queue, const struct nlmsghdr *message) {
@@ -171,7 +190,8 @@ static int same_verdict(const struct classd_verdict *a, const struct classd_verd
 }
 
 /* Appends the verdict message for the run ending with `last`: one packet
- * alone, or every packet up to `last` in one batch. */
+ * alone, or every packet up to `last` in one batch (the run's packets have
+ * consecutive ids, and the packets before it are answered). */
 static size_t put_verdict(struct classd_queue *queue, size_t offset, const struct pending *last, int batch) {
   struct nlmsghdr *message =
       nfq_nlmsg_put(queue->send_buffer + offset, batch ? NFQNL_MSG_VERDICT_BATCH : NFQNL_MSG_VERDICT, queue->number);
@@ -188,7 +208,8 @@ static void flush_verdicts(struct classd_queue *queue) {
   size_t i, start = 0, offset = 0;
   if (queue->pending_count == 0) return;
   for (i = 1; i <= queue->pending_count; ++i) {
-    if (i < queue->pending_count && same_verdict(&queue->pending[i].verdict, &queue->pending[start].verdict))
+    if (i < queue->pending_count && queue->pending[i].follows &&
+        same_verdict(&queue->pending[i].verdict, &queue->pending[start].verdict))
       continue;
     offset = put_verdict(queue, offset, &queue->pending[i - 1], i - start > 1);
     queue->counters.verdict_messages++;
@@ -205,7 +226,7 @@ int classd_queue_serve(struct classd_queue *queue, int limit) {
   while (queue->pending_count < (size_t)limit) {
     ssize_t length = recv(fd, queue->recv_buffer, sizeof queue->recv_buffer, MSG_DONTWAIT);
     if (length < 0 && errno == EINTR) continue;
-    if (length < 0 && errno == ENOBUFS) {
+    if (length < 0 && errno == ENOBUFS) { /* only where NETLINK_NO_ENOBUFS is not known */
       queue->counters.overruns++;
       continue;
     }
@@ -256,8 +277,15 @@ static int await_config(struct classd_queue *queue) {
   return queue->config_error;
 }
 
-static int open_socket(struct classd_queue *queue, char *why, size_t size) {
-  int buffer = CLASSD_SOCKET_BUFFER, fd;
+/* Overruns are seen in the packet ids, so the socket need not report them
+ * as errors; an error would only interrupt receiving. */
+static void ignore_overrun_errors(int fd) {
+  int on = 1;
+  setsockopt(fd, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
+}
+
+static int open_socket(struct classd_queue *queue, size_t socket_buffer, char *why, size_t size) {
+  int buffer = socket_buffer ? (int)socket_buffer : CLASSD_SOCKET_BUFFER, fd;
   queue->socket = mnl_socket_open(NETLINK_NETFILTER);
   if (!queue->socket || mnl_socket_bind(queue->socket, 0, MNL_SOCKET_AUTOPID) < 0) {
     snprintf(why, size, "cannot open a netfilter socket: %s", strerror(errno));
@@ -267,6 +295,7 @@ static int open_socket(struct classd_queue *queue, char *why, size_t size) {
   fd = mnl_socket_get_fd(queue->socket);
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &buffer, sizeof buffer) < 0)
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+  ignore_overrun_errors(fd);
   return 0;
 }
 
@@ -300,7 +329,7 @@ int classd_queue_open(const struct classd_queue_config *config, classd_decide_fn
   queue->number = config->number;
   queue->decide = decide;
   queue->ctx = ctx;
-  if (open_socket(queue, why, size) != 0) {
+  if (open_socket(queue, config->socket_buffer, why, size) != 0) {
     classd_queue_close(queue);
     return CLASSD_QUEUE_FAILED;
   }

@@ -21,12 +21,15 @@ struct classd_queue_config {
   uint16_t number;    /* queue number, as in the firewall rule's --queue-num */
   uint32_t maxlen;    /* packets the kernel holds for us at most; 0 keeps the kernel's default */
   int fail_open;      /* packets pass instead of being dropped when the queue is full */
+  size_t socket_buffer; /* receive buffer of the socket in bytes; 0 keeps the default (8 MiB) */
 };
 
 /* Counters the queue keeps while serving. */
 struct classd_queue_counters {
   uint64_t packets;      /* packets answered */
-  uint64_t overruns;     /* times the socket buffer overflowed (packets lost to us) */
+  uint64_t overruns;     /* times the socket buffer overflowed (packet messages lost to us) */
+  uint64_t missed;       /* packets whose messages were lost that way: the kernel dropped them,
+                            or passed them unchanged when failing open */
   uint64_t malformed;    /* packet messages without packet data; accepted unchanged */
   uint64_t send_errors;  /* verdict batches the kernel did not take */
   uint64_t verdict_messages; /* verdict messages sent: one per run of equal verdicts */

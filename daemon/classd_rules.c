@@ -11,43 +11,35 @@
 
 #include "rulefile_load.h"
 
+/* Characters trimmed from both ends of a line and of a result. */
+static const char kBlanks[] = " \t\r\n";
+
+static int is_blank(char c) { return c != '\0' && strchr(kBlanks, c) != NULL; }
+
 /* Results of reading a line: its rule is wrong (reading goes on with the
  * next line), or reading cannot go on. */
 enum { LINE_WRONG = -1, LOAD_STOPPED = -2 };
 
-/* Adds one line to `text` (of `size` bytes, `*used` of them in use), when
- * it fits whole. */
-static void add_line(char *text, size_t size, size_t *used, const char *format, va_list args) {
-  char line[512];
-  int length = vsnprintf(line, sizeof line, format, args);
-  if (length < 0 || (size_t)length + 2 > size - *used) return;
-  if (*used) text[(*used)++] = '\n';
-  memcpy(text + *used, line, (size_t)length + 1);
-  *used += (size_t)length;
-}
-
 /* Adds one line to the error text, when it fits whole. */
 static void add_error(struct classd_load_error *error, const char *format, ...) {
+  char line[512];
+  int length;
   va_list args;
   va_start(args, format);
-  add_line(error->text, sizeof error->text, &error->length, format, args);
+  length = vsnprintf(line, sizeof line, format, args);
   va_end(args);
-}
-
-/* Adds one line to the warning text, when it fits whole. */
-static void add_warning(struct classd_load_error *error, const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  add_line(error->warnings, sizeof error->warnings, &error->warnings_length, format, args);
-  va_end(args);
+  if (length < 0 || (size_t)length + 2 > sizeof error->text - error->length) return;
+  if (error->length) error->text[error->length++] = '\n';
+  memcpy(error->text + error->length, line, (size_t)length + 1);
+  error->length += (size_t)length;
 }
 
 /* Parses one rule's text through the classifier's warning parser.  On
  * failure stores the 0-based offset of the fault within `text` and the
  * reason, led by the keyword involved when the reason does not name it (an
  * unknown keyword names the nearest known one).  What the parser changed
- * silently is reported as warnings; a table name that cannot work refuses
- * the rule. */
+ * silently is reported as warnings, the rule text starting at `column` of
+ * its line; a table name that cannot work refuses the rule. */
 static int parse_rule(const char *path, unsigned number, size_t column, const char *text, nuv_clfy **rule,
                       uint32_t *offset, char *reason, size_t size, struct classd_load_error *error) {
   nuv_clfy_diag diag;
@@ -57,16 +49,15 @@ static int parse_rule(const char *path, unsigned number, size_t column, const ch
   memset(&diag, 0, sizeof diag);
   if (nuv_clfy_parse_with_warnings(text, rule, &diag, warnings, &count) == 0) {
     for (i = 0; i < count; ++i) {
-      if (warnings[i].is_error) {
-        nuv_clfy_free(*rule);
-        *rule = NULL;
-        *offset = warnings[i].offset;
-        snprintf(reason, size, "%s", warnings[i].text);
-        return -1;
-      }
+      if (!warnings[i].is_error) continue;
+      nuv_clfy_free(*rule);
+      *rule = NULL;
+      *offset = warnings[i].offset;
+      snprintf(reason, size, "%s", warnings[i].text);
+      return -1;
     }
     for (i = 0; i < count; ++i)
-      add_warning(error, "%s:%u:%zu: warning: %s", path, number, column + warnings[i].offset, warnings[i].text);
+      add_error(error, "%s:%u:%zu: warning: %s", path, number, column + warnings[i].offset, warnings[i].text);
     return 0;
   }
   why = diag.reason && diag.reason[0] ? diag.reason : nuv_clfy_strerror(diag.code);
@@ -129,10 +120,95 @@ static int append_rule(struct classd_ruleset *rules, size_t *capacity, const str
   return 0;
 }
 
-/* Parses the rule of one line and links it behind the set's rules. */
+/* The 1-based column of the result after the last "=>" of the line (of
+ * `length` bytes), or 0 when the line gives none. */
+static size_t result_column(const char *line, size_t length) {
+  size_t i, column = 0;
+  for (i = 0; i + 1 < length; ++i)
+    if (line[i] == '=' && line[i + 1] == '>') column = i + 2;
+  if (!column) return 0;
+  while (column < length && is_blank(line[column])) ++column;
+  return column + 1;
+}
+
+/* Where a rule stands in its file. */
+struct rule_site {
+  const char *path;
+  unsigned line;
+  size_t column;        /* of the rule text */
+  size_t result_column; /* of the result; 0 when there is none */
+};
+
+/* Conditions on fields that differ between the packets of one connection,
+ * by the keywords that write them. */
+static const struct per_packet_condition {
+  uint32_t flag;
+  const char *keywords[3];
+} kPerPacketConditions[] = {{NUV_CLFY_F_TCP_FLAGS, {"tcp.flags", NULL, NULL}},
+                            {NUV_CLFY_F_IP_LEN, {"ip.len", NULL, NULL}},
+                            {NUV_CLFY_F_DHCP, {"dhcpoption", "dhcpheader", NULL}},
+                            {NUV_CLFY_F_PACKETMATCH, {"packetmatch", NULL, NULL}}};
+
+/* The 0-based offset of the first of `keywords` standing as a word in
+ * `text`, with the keyword found; the text's length when none does. */
+static size_t keyword_offset(const char *text, const char *const *keywords, const char **found) {
+  size_t offset = 0, length = strlen(text);
+  while (offset < length) {
+    size_t end = offset, k;
+    while (end < length && !is_blank(text[end])) ++end;
+    for (k = 0; k < 3 && keywords[k]; ++k) {
+      if (end - offset == strlen(keywords[k]) && memcmp(text + offset, keywords[k], end - offset) == 0) {
+        *found = keywords[k];
+        return offset;
+      }
+    }
+    offset = end;
+    while (offset < length && is_blank(text[offset])) ++offset;
+  }
+  *found = keywords[0];
+  return length;
+}
+
+/* With --per-connection a rule decides on a connection's first packets
+ * alone: a warning for each condition on a field later packets differ in. */
+static void warn_per_packet_conditions(const struct rule_site *site, const char *text, const nuv_clfy *rule,
+                                       struct classd_load_error *error) {
+  size_t i;
+  for (i = 0; i < sizeof kPerPacketConditions / sizeof kPerPacketConditions[0]; ++i) {
+    const char *keyword;
+    size_t offset;
+    if (!(rule->flags & kPerPacketConditions[i].flag)) continue;
+    offset = keyword_offset(text, kPerPacketConditions[i].keywords, &keyword);
+    if (offset == strlen(text)) offset = 0;
+    add_error(error,
+              "%s:%u:%zu: warning: %s differs from packet to packet; with --per-connection only a connection's "
+              "first packets are classified",
+              site->path, site->line, site->column + offset, keyword);
+  }
+}
+
+/* Checks of a parsed rule beyond its syntax: its result must fit the mark
+ * bits the daemon owns; in per-connection mode, conditions that change
+ * within a connection are warned about.  LINE_WRONG when the rule is
+ * refused. */
+static int check_rule(const struct rule_site *site, const char *text, const nuv_clfy *rule, uint16_t result,
+                      const struct classd_load_checks *checks, struct classd_load_error *error) {
+  if (checks->per_connection) warn_per_packet_conditions(site, text, rule, error);
+  if ((result & ~checks->mark_mask) != 0) {
+    add_error(error, "%s:%u:%zu: the result %u has bits outside the mark mask 0x%x", site->path, site->line,
+              site->result_column ? site->result_column : site->column, (unsigned)result,
+              (unsigned)checks->mark_mask);
+    return LINE_WRONG;
+  }
+  return 0;
+}
+
+/* Parses the rule of one line (as the line reader split it, the line's
+ * bytes at `bytes`) and links it behind the set's rules. */
 static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *path, const nuv_clfy_line *line,
-                    const struct classd_devnames *devs, struct classd_classes *classes,
-                    struct classd_load_error *error) {
+                    const char *bytes, const struct classd_devnames *devs, const struct classd_load_checks *checks,
+                    struct classd_classes *classes, struct classd_load_error *error) {
+  const struct rule_site site = {path, line->number, line->column, result_column(bytes, line->length)};
   struct classd_rule entry;
   nuv_clfy *rule = NULL;
   uint32_t offset, index = (uint32_t)rules->count;
@@ -152,6 +228,11 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
   if (parse_rule(path, line->number, line->column, entry.text, &rule, &offset, reason, sizeof reason, error) != 0) {
     free(entry.text);
     add_error(error, "%s:%u:%zu: %s", path, line->number, (size_t)line->column + offset, reason);
+    return LINE_WRONG;
+  }
+  if (check_rule(&site, entry.text, rule, line->result, checks, error) != 0) {
+    free(entry.text);
+    nuv_clfy_free(rule);
     return LINE_WRONG;
   }
   if (append_rule(rules, capacity, &entry) != 0) {
@@ -176,8 +257,8 @@ static void warn_shadowed(const struct classd_ruleset *rules, const char *path, 
       if (!nuv_clfy_covers(earlier, later)) continue;
       memcpy(&at_later, later->action_data, sizeof at_later);
       memcpy(&at_earlier, earlier->action_data, sizeof at_earlier);
-      add_warning(error, "%s:%u:1: warning: never reached: the rule at line %u matches every packet this one matches",
-                  path, (unsigned)rules->rules[at_later].line, (unsigned)rules->rules[at_earlier].line);
+      add_error(error, "%s:%u:1: warning: never reached: the rule at line %u matches every packet this one matches",
+                path, (unsigned)rules->rules[at_later].line, (unsigned)rules->rules[at_earlier].line);
       break;
     }
   }
@@ -186,8 +267,8 @@ static void warn_shadowed(const struct classd_ruleset *rules, const char *path, 
 /* Reads every line of the file's bytes; rules need a result, as the daemon
  * gives every packet a rule applies to the rule's mark. */
 static int read_rules(const char *data, size_t size, const char *path, const struct classd_devnames *devs,
-                      struct classd_classes *classes, struct classd_ruleset *rules,
-                      struct classd_load_error *error) {
+                      const struct classd_load_checks *checks, struct classd_classes *classes,
+                      struct classd_ruleset *rules, struct classd_load_error *error) {
   nuv_clfy_line line;
   size_t capacity = 0;
   int status = 0;
@@ -198,23 +279,35 @@ static int read_rules(const char *data, size_t size, const char *path, const str
       add_error(error, "%s:%u:%u: %s", path, (unsigned)line.number, (unsigned)line.column, line.reason);
       result = LINE_WRONG;
     } else if (line.code == NUV_CLFY_LINE_RULE) {
-      result = add_rule(rules, &capacity, path, &line, devs, classes, error);
+      result = add_rule(rules, &capacity, path, &line, data + line.start, devs, checks, classes, error);
     }
     if (result != 0) status = result;
   }
   return status;
 }
 
+/* CRC-32 of the file's bytes (reflected, polynomial 0xEDB88320, as zlib
+ * and Ethernet compute it), so that the statistics say which file is in use. */
+static uint32_t file_checksum(const char *data, size_t size) {
+  uint32_t crc = 0xFFFFFFFFu;
+  size_t i;
+  int bit;
+  for (i = 0; i < size; ++i) {
+    crc ^= (uint32_t)(unsigned char)data[i];
+    for (bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
-                                           struct classd_classes *classes, struct classd_load_error *error) {
+                                           const struct classd_load_checks *checks, struct classd_classes *classes,
+                                           struct classd_load_error *error) {
   struct classd_ruleset *rules;
   char *data = NULL, why[256];
   size_t size = 0;
   int status;
   error->length = 0;
   error->text[0] = '\0';
-  error->warnings_length = 0;
-  error->warnings[0] = '\0';
   if (rulefile_load(path, &data, &size, why, sizeof why) != 0) {
     add_error(error, "%s: cannot read the rule file: %s", path, why);
     return NULL;
@@ -225,9 +318,13 @@ struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd
     add_error(error, "%s: out of memory", path);
     return NULL;
   }
-  status = read_rules(data, size, path, devs, classes, rules, error);
+  status = read_rules(data, size, path, devs, checks, classes, rules, error);
+  if (status == 0) {
+    /* The bytes the rules came from. */
+    rules->checksum = file_checksum(data, size);
+    warn_shadowed(rules, path, error);
+  }
   free(data);
-  if (status == 0) warn_shadowed(rules, path, error);
   if (status == 0 && optimise && nuv_clfy_set_optim_in_place(&rules->set) != 0) {
     add_error(error, "%s: out of memory while restructuring the rule set", path);
     status = -1;

@@ -49,31 +49,38 @@ struct classd_ruleset {
   nuv_clfy_compiled *compiled; /* made once the set is complete */
   struct classd_rule *rules;
   size_t count;
+  uint32_t checksum; /* CRC-32 (as zlib and Ethernet compute it) of the file's bytes */
 };
 
 /* Why loading failed: one line per error, "FILE:LINE:COLUMN: reason" for
- * each rule the file gets wrong (lines beyond the room are left out).  Also
- * what a loaded file does that its text does not say: one line per warning,
- * "FILE:LINE:COLUMN: warning: reason". */
+ * each rule the file gets wrong (lines beyond the room are left out). */
 struct classd_load_error {
   char text[4096];
   size_t length;
-  char warnings[4096];
-  size_t warnings_length;
 };
 
-/* Reads the rule file at `path` (a regular file of text: one rule per
- * line, blank lines and lines starting with "#" skipped, each rule ending
- * with "=> N" giving its result 0..65535; tabs count as spaces), reports in
- * `error->warnings` what the rules do that their text does not say and the
- * rules an earlier rule shadows, builds its rule set with interface names
+/* What a loaded rule is checked for beyond its syntax. */
+struct classd_load_checks {
+  uint32_t mark_mask; /* the mark bits the daemon owns; a result with other bits is refused */
+  int per_connection; /* the daemon sees only a connection's first packets: warn about each
+                         condition on a field that changes from packet to packet */
+};
+
+/* Reads the rule file at `path` (a regular file of text, read by the
+ * classifier's line reader: one rule per line, blank lines and lines
+ * starting with "#" skipped, each rule ending with "=> N" giving its result
+ * 0..65535; tabs count as spaces), warns about what the rules do that their
+ * text does not say and about rules an earlier rule shadows, builds its
+ * rule set with interface names
  * resolved through `devs`, and restructures it into a tree when `optimise`.
- * The rules' results get verdict slots in `classes`.  Returns the new set
- * (free with classd_ruleset_free), or null with `error` filled, naming
- * every rule of the file that is wrong; nothing stays allocated then
- * (result slots already added stay). */
+ * Each rule is checked as `checks` asks.  The rules' results get verdict
+ * slots in `classes`.  Returns the new set (free with classd_ruleset_free),
+ * or null with `error` filled, naming every rule of the file that is wrong;
+ * nothing stays allocated then (result slots already added stay).  Either
+ * way `error` may also hold warnings, one line each. */
 struct classd_ruleset *classd_ruleset_load(const char *path, const struct classd_devnames *devs, int optimise,
-                                           struct classd_classes *classes, struct classd_load_error *error);
+                                           const struct classd_load_checks *checks, struct classd_classes *classes,
+                                           struct classd_load_error *error);
 
 /* Frees a rule set and its rules.  Null is ignored. */
 void classd_ruleset_free(struct classd_ruleset *rules);

@@ -48,17 +48,23 @@ static void put_stats(FILE *out, const struct classd_stats *s) {
   fputs("{\n  \"rules_file\": ", out);
   put_string(out, s->rules_path ? s->rules_path : "");
   fprintf(out, ",\n  \"queue\": %u,\n", (unsigned)s->queue);
+  fprintf(out, "  \"mark_mask\": %" PRIu32 ",\n", s->mark_mask);
   fprintf(out, "  \"generation\": %" PRIu64 ",\n", s->generation);
   fprintf(out, "  \"reloads\": {\"done\": %" PRIu64 ", \"failed\": %" PRIu64 "},\n", s->reloads, s->reload_failures);
+  fprintf(out, "  \"rules_loaded_at\": %" PRId64 ",\n  \"last_reload_at\": %" PRId64 ",\n", s->loaded_at,
+          s->last_reload_at);
+  if (s->rules) fprintf(out, "  \"rules_checksum\": \"crc32:%08" PRIx32 "\",\n", s->rules->checksum);
   fprintf(out, "  \"packets\": %" PRIu64 ",\n", s->packets);
+  fprintf(out, "  \"failed_open\": %" PRIu64 ",\n", s->failed_open);
   fprintf(out, "  \"verdict_messages\": %" PRIu64 ",\n", s->verdict_messages);
   fprintf(out, "  \"verdicts\": {\"unchanged\": %" PRIu64 ", \"classes\": ", s->unchanged);
   put_classes(out, s->classes);
   fprintf(out, "},\n  \"errors\": %" PRIu64 ",\n", s->errors);
   fprintf(out, "  \"queue_drops\": {\"queue_full\": %" PRIu64 ", \"undelivered\": %" PRIu64
-               ", \"socket_overruns\": %" PRIu64 "},\n",
-          s->queue_dropped, s->user_dropped, s->overruns);
-  fprintf(out, "  \"live_blocks\": %ld,\n  \"rules\": ", s->live_blocks);
+               ", \"socket_overruns\": %" PRIu64 ", \"missed\": %" PRIu64 "},\n",
+          s->queue_dropped, s->user_dropped, s->overruns, s->missed);
+  if (s->live_blocks >= 0) fprintf(out, "  \"live_blocks\": %ld,\n", s->live_blocks);
+  fputs("  \"rules\": ", out);
   put_rules(out, s->rules);
   fputs("\n}\n", out);
 }

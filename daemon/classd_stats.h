@@ -11,17 +11,22 @@
 struct classd_stats {
   const char *rules_path;
   uint16_t queue;
+  uint32_t mark_mask;       /* the mark bits the daemon sets */
   uint64_t generation;      /* rule sets loaded so far, the first included */
   uint64_t reloads;         /* reloads that replaced the set */
   uint64_t reload_failures; /* reloads that kept the old set */
+  int64_t loaded_at;        /* UNIX time the set in use was loaded */
+  int64_t last_reload_at;   /* UNIX time of the last reload, done or failed; 0 before any */
+  uint64_t failed_open;     /* packets lost to us that passed unchanged (--fail-open) */
   uint64_t packets;         /* packets answered */
   uint64_t verdict_messages; /* verdict messages that answered them */
   uint64_t unchanged;       /* packets no rule applied to (mark left as it was) */
   uint64_t errors;          /* packets without data and verdicts the kernel did not take */
   uint64_t queue_dropped;   /* the kernel dropped them: queue full */
   uint64_t user_dropped;    /* the kernel could not deliver them to us */
-  uint64_t overruns;        /* our socket buffer overflowed */
-  long live_blocks;         /* the classifier's live allocations */
+  uint64_t overruns;        /* times our socket buffer overflowed */
+  uint64_t missed;          /* packets lost to us that way (dropped, or passed when failing open) */
+  long live_blocks;         /* the classifier's live allocations; -1 (left out) when not measured */
   const struct classd_classes *classes;
   const struct classd_ruleset *rules; /* null when no set is loaded */
 };

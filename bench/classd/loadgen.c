@@ -1,9 +1,10 @@
 /* Load for the classifier daemon's benchmark: sends COUNT small UDP
- * datagrams to 127.0.0.1:PORT, at most WINDOW of them not yet received, and
+ * datagrams to 127.0.0.1:PORT from FLOWS sockets in turn (each a flow of
+ * its own; default 1), at most WINDOW of them not yet received, and
  * receives them on the same port; prints the packets per second from the
  * first send to the last receipt.
  *
- *   classd_load COUNT WINDOW PORT
+ *   classd_load COUNT WINDOW PORT [FLOWS]
  *
  * Exit status 1 when datagrams stop arriving for a second (lost in the
  * queue). */
@@ -20,6 +21,7 @@
 
 #define BURST 32
 #define PAYLOAD 16
+#define MAX_FLOWS 64
 
 static double now(void) {
   struct timespec t;
@@ -59,10 +61,15 @@ static int receive_burst(int fd) {
 int main(int argc, char **argv) {
   struct sockaddr_in to;
   long count, window, sent = 0, received = 0;
-  int receiver, sender, buffer = 8 << 20;
+  int receiver, senders[MAX_FLOWS], flows = 1, turn = 0, i, buffer = 8 << 20;
   double start, seconds;
-  if (argc != 4) {
-    fprintf(stderr, "usage: classd_load COUNT WINDOW PORT\n");
+  if (argc != 4 && argc != 5) {
+    fprintf(stderr, "usage: classd_load COUNT WINDOW PORT [FLOWS]\n");
+    return 2;
+  }
+  if (argc == 5) flows = atoi(argv[4]);
+  if (flows < 1 || flows > MAX_FLOWS) {
+    fprintf(stderr, "classd_load: FLOWS: 1..%d\n", MAX_FLOWS);
     return 2;
   }
   count = atol(argv[1]);
@@ -72,11 +79,17 @@ int main(int argc, char **argv) {
   to.sin_port = htons((unsigned short)atoi(argv[3]));
   to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   receiver = socket(AF_INET, SOCK_DGRAM, 0);
-  sender = socket(AF_INET, SOCK_DGRAM, 0);
   setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
-  if (bind(receiver, (struct sockaddr *)&to, sizeof to) != 0 || connect(sender, (struct sockaddr *)&to, sizeof to) != 0) {
+  if (bind(receiver, (struct sockaddr *)&to, sizeof to) != 0) {
     perror("classd_load");
     return 2;
+  }
+  for (i = 0; i < flows; ++i) {
+    senders[i] = socket(AF_INET, SOCK_DGRAM, 0);
+    if (connect(senders[i], (struct sockaddr *)&to, sizeof to) != 0) {
+      perror("classd_load");
+      return 2;
+    }
   }
   start = now();
   while (received < count) {
@@ -84,7 +97,8 @@ int main(int argc, char **argv) {
     while (sent < count && sent - received < window) {
       long burst = count - sent < BURST ? count - sent : BURST;
       if (burst > window - (sent - received)) burst = window - (sent - received);
-      int n = send_burst(sender, (int)burst);
+      int n = send_burst(senders[turn], (int)burst);
+      turn = (turn + 1) % flows;
       if (n <= 0) break;
       sent += n;
     }
@@ -96,7 +110,7 @@ int main(int argc, char **argv) {
   }
   seconds = now() - start;
   printf("%ld packets in %.3f s: %.0f packets/s\n", count, seconds, (double)count / seconds);
-  close(sender);
+  for (i = 0; i < flows; ++i) close(senders[i]);
   close(receiver);
   return 0;
 }

@@ -1,12 +1,16 @@
 #!/usr/bin/python3
 """Tests of nikerkiog-classd run by CTest: one behaviour per invocation.
 
-    classd_test.py NAME --daemon PATH --tool PATH
+    classd_test.py NAME --daemon PATH --test-daemon PATH --tool PATH
+
+--daemon is the daemon as shipped; --test-daemon its test build, which can
+count the classifier's live allocations and make one of them fail.
 
 Each test runs in a network namespace of its own (made here with unshare)
-and sends only to loopback addresses inside it, a bounded number of packets
-within bounded time.  Where no namespace can be made the test says so and
-exits 77, which CTest reports as skipped.
+and sends only to addresses inside it (loopback, or hosts in namespaces it
+makes behind veth pairs), a bounded number of packets within bounded time.
+Where no namespace can be made the test says so and exits 77, which CTest
+reports as skipped.
 """
 import argparse
 import json
@@ -22,8 +26,10 @@ import sys
 import tempfile
 import threading
 import time
+import zlib
 
 SKIP = 77
+MANUAL = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "daemon", "nikerkiog-classd.8.scd")
 NAMESPACE_MARK = "NIKERKIOG_CLASSD_TEST_NAMESPACE"
 QUEUE = 7
 UDP_PORTS = (5001, 5002, 5003, 5004)
@@ -95,6 +101,49 @@ def counted(ipt="iptables"):
     return counts
 
 
+def count_port_marks(ports, marks, ipt="iptables", chain="POSTROUTING"):
+    """One counting rule per UDP port and mark after the queue."""
+    for port in ports:
+        for mark in marks:
+            run(ipt, "-t", "mangle", "-A", chain, "-p", "udp", "--dport", str(port), "-m", "mark", "--mark",
+                str(mark))
+
+
+def counted_by_port(ipt="iptables", chain="POSTROUTING"):
+    """Packets counted per (UDP port, mark) by the counting rules."""
+    listing = subprocess.run([ipt, "-t", "mangle", "-L", chain, "-v", "-x", "-n"], check=True,
+                             capture_output=True, text=True).stdout
+    counts = {}
+    for line in listing.splitlines():
+        found = re.search(r"udp dpt:(\d+) mark match 0x([0-9a-f]+)", line)
+        if found and int(line.split()[0]):
+            counts[(int(found.group(1)), int(found.group(2), 16))] = int(line.split()[0])
+    return counts
+
+
+def nft_load(text):
+    """Loads an nftables ruleset given as text."""
+    result = subprocess.run(["nft", "-f", "-"], input=text, capture_output=True, text=True)
+    check(result.returncode == 0, f"nft refused the ruleset: {result.stderr}\n{text}")
+
+
+def kernel_queues_from_nftables():
+    """Whether the kernel has nftables' own queue statement (some kernels
+    queue only through the iptables target)."""
+    probe = subprocess.run(["nft", "-f", "-"], capture_output=True, text=True,
+                           input="table inet classd_probe {\n chain c {\n  queue num 0 bypass\n }\n}\n")
+    subprocess.run(["nft", "delete", "table", "inet", "classd_probe"], capture_output=True)
+    return probe.returncode == 0
+
+
+def nft_counters(family, table):
+    """The named counters of a table: name -> packets."""
+    listing = subprocess.run(["nft", "-j", "list", "counters", "table", family, table], check=True,
+                             capture_output=True, text=True).stdout
+    return {item["counter"]["name"]: item["counter"]["packets"]
+            for item in json.loads(listing)["nftables"] if "counter" in item}
+
+
 # ---- the daemon -----------------------------------------------------------------
 
 class Daemon:
@@ -158,6 +207,7 @@ def read_stats(path):
 def wait_stats(daemon, path, predicate):
     """Asks for statistics until `predicate` holds for them."""
     deadline = time.monotonic() + WAIT
+    stats = None
     while time.monotonic() < deadline:
         daemon.signal(signal.SIGUSR1)
         time.sleep(0.01)
@@ -165,7 +215,7 @@ def wait_stats(daemon, path, predicate):
             stats = read_stats(path)
             if predicate(stats):
                 return stats
-    raise Failure("statistics never showed the expected state: " + daemon.output())
+    raise Failure(f"statistics never showed the expected state: {stats}\n" + daemon.output())
 
 
 # ---- traffic --------------------------------------------------------------------
@@ -353,8 +403,8 @@ def test_reload_under_load(t):
     write_file(rules, sets[0])
     queue_traffic(udp=(5001,), tcp=())
     count_marks(range(0, 4), udp=(5001,), tcp=())
-    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
-                                          "--stats-interval", "0", "--queue-maxlen", "65536"])
+    daemon = Daemon(t.test_daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                               "--stats-interval", "0", "--queue-maxlen", "65536"])
     sent = [0]
     stop = threading.Event()
 
@@ -387,6 +437,10 @@ def test_reload_under_load(t):
     counts = counted()
     print(f"sent {sent[0]}, counted per mark {sorted(counts.items())}, reloads {last['reloads']}")
     check(last["reloads"] == {"done": 50, "failed": 50}, "50 reloads should replace the set and 50 keep it")
+    check(last["last_reload_at"] >= last["rules_loaded_at"] > 0,
+          "the last reload failed after the set in use was loaded")
+    with open(rules, "rb") as f:
+        check(last["rules_checksum"] != f"crc32:{zlib.crc32(f.read()):08x}", "the failed file is not the one in use")
     check(sum(counts.values()) == sent[0], "every packet sent is counted after the queue")
     check(counts.get(0, 0) == 0 and counts.get(3, 0) == 0, "no packet is left unmarked or marked by the invalid file")
     check(counts.get(1, 0) > 0 and counts.get(2, 0) > 0, "both valid sets classified packets")
@@ -504,8 +558,8 @@ def reload_with_failing_allocation(t, nth):
     new = "udp.dport 5001,5002,5003 => 2\nip.daddr 127.0.0.0/8 udp.dport 5001 => 3\ntcp.dport 6001-6002 => 2\n"
     write_file(rules, old)
     env = {"NIKERKIOG_CLASSD_FAIL_ALLOCATION": str(nth)}
-    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--optimise", "--stats",
-                                          stats_path, "--stats-interval", "0"], env=env, name=f"daemon{nth}")
+    daemon = Daemon(t.test_daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--optimise", "--stats",
+                                               stats_path, "--stats-interval", "0"], env=env, name=f"daemon{nth}")
     try:
         daemon.wait_bound()
         send_udp(5, 5001)
@@ -536,7 +590,8 @@ def test_reload_allocation_failures(t):
 def selftest(t, rules, reloads, nth=None):
     """Runs the reload self-test; returns (done, failed, allocations per reload)."""
     env = {"NIKERKIOG_CLASSD_FAIL_ALLOCATION": str(nth)} if nth else {}
-    status, output = run_daemon(t.daemon, ["--selftest-reloads", str(reloads), "--optimise", "--rules", rules], env=env)
+    status, output = run_daemon(t.test_daemon, ["--selftest-reloads", str(reloads), "--optimise", "--rules", rules],
+                                env=env)
     found = re.search(r"(\d+) done, (\d+) failed, live blocks (\d+) before, (\d+) after, (\d+) allocations", output)
     check(found, f"self-test report missing: {output}")
     check(status == 0 and found.group(3) == found.group(4),
@@ -621,9 +676,21 @@ def test_stats_file(t):
     check(stats["verdicts"] == {"unchanged": 6, "classes": {"1": 3, "2": 9}}, "verdicts per class")
     check([(r["line"], r["rule"], r["result"], r["hits"]) for r in stats["rules"]] ==
           [(2, "udp.dport 5001", 1, 3), (3, "udp.dport 5002", 2, 4), (4, "udp.dport 5003", 2, 5)], "hits per rule")
-    check(stats["errors"] == 0 and stats["queue_drops"] == {"queue_full": 0, "undelivered": 0, "socket_overruns": 0},
+    check(stats["errors"] == 0 and stats["queue_drops"] == {"queue_full": 0, "undelivered": 0, "socket_overruns": 0,
+                                                             "missed": 0},
           "no errors, no drops")
     check(not os.path.exists(stats_path + ".tmp"), "no temporary file stays behind")
+    with open(rules, "rb") as f:
+        check(stats["rules_checksum"] == f"crc32:{zlib.crc32(f.read()):08x}",
+              "the checksum is zlib's CRC-32 of the file")
+    check(abs(stats["rules_loaded_at"] - time.time()) < 60 and stats["last_reload_at"] == 0,
+          "load time given, no reload yet")
+    check(stats["failed_open"] == 0 and stats["mark_mask"] == 0xFFFFFFFF, "nothing failed open; all mark bits")
+    with open(MANUAL) as f:
+        manual = f.read()
+    fields = list(stats) + list(stats["queue_drops"]) + list(stats["reloads"]) + list(stats["rules"][0])
+    for field in fields:
+        check(f"*{field}*" in manual, f"the manual page describes the statistics field {field}")
 
 
 def test_verdicts_batched(t):
@@ -689,15 +756,447 @@ def test_clean_stop(t):
     check(counts.get(1, 0) == 40, "the packets in hand were answered before stopping")
 
 
+OVERRUN_RULES = "udp.dport 5001 => 1\nudp.dport 5002 => 2\nudp.dport 5003 => 3\nudp.dport 5004 => 4\n"
+
+
+def send_udp_burst(count, ports, pause=0.0):
+    """Datagrams to the ports in turn, `pause` seconds apart; returns how
+    many the kernel took."""
+    taken = 0
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        for i in range(count):
+            try:
+                s.sendto(bytes([i % 256]) * 8, ("127.0.0.1", ports[i % len(ports)]))
+                taken += 1
+            except OSError:
+                pass
+            time.sleep(pause)
+    return taken
+
+
+def overrun(t, fail_open):
+    """A socket buffer of a few messages and a burst while the daemon sleeps:
+    most packet messages are lost on the way to the daemon."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    write_file(rules, OVERRUN_RULES)
+    queue_traffic(udp=UDP_PORTS, tcp=())
+    count_port_marks(UDP_PORTS, range(0, 5))
+    burst = 2000
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                          "--stats-interval", "0", "--socket-buffer", "4096", "--queue-maxlen",
+                                          str(burst * 2)] + (["--fail-open"] if fail_open else []))
+    try:
+        daemon.wait_bound()
+        daemon.signal(signal.SIGSTOP)
+        taken = send_udp_burst(burst, UDP_PORTS)
+        daemon.signal(signal.SIGCONT)
+        wait_stats(daemon, stats_path, lambda s: s["packets"] > 0)
+        # The gap in the packet ids shows once the next packet arrives; these
+        # come slowly enough for the small buffer.
+        taken += send_udp_burst(40, UDP_PORTS, pause=0.005)
+        stats = wait_stats(daemon, stats_path, lambda s: s["packets"] + s["queue_drops"]["missed"] == burst + 40)
+    finally:
+        status = daemon.stop()
+    counts = counted_by_port()
+    missed = stats["queue_drops"]["missed"]
+    print(f"burst {burst}, taken by the kernel {taken}, answered {stats['packets']}, missed {missed}, "
+          f"overruns {stats['queue_drops']['socket_overruns']}, undelivered {stats['queue_drops']['undelivered']}, "
+          f"counted {sorted(counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(missed > 0 and stats["queue_drops"]["socket_overruns"] > 0, "the burst overran the socket buffer")
+    wrong = {key: count for key, count in counts.items() if key[1] not in (0, key[0] - 5000)}
+    check(not wrong, f"packets carry another packet's mark: {wrong}")
+    marked = sum(count for key, count in counts.items() if key[1] != 0)
+    unmarked = sum(count for key, count in counts.items() if key[1] == 0)
+    check(marked == stats["packets"], "every packet the daemon answered carries its own mark")
+    if fail_open:
+        check(taken == burst + 40 and unmarked == missed, "packets lost to the daemon pass unmarked")
+        check(stats["failed_open"] == missed, "the statistics count them as failed open")
+    else:
+        check(unmarked == 0, "packets lost to the daemon are dropped")
+        check(stats["queue_drops"]["undelivered"] == missed, "the kernel counts the same packets as undelivered")
+
+
+def test_overrun_never_marks_another_packet(t):
+    overrun(t, fail_open=False)
+
+
+def test_overrun_failing_open_passes_unmarked(t):
+    overrun(t, fail_open=True)
+
+
+def test_mark_mask_keeps_other_bits(t):
+    """Marks set before the queue by another subsystem keep their bits outside the mask."""
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 5001 => 1\nudp.dport 5002 => 2\nudp.dport 5003 => 0\n")
+    # Bits 16..19 belong to routing, bits 0..7 to the daemon; 5002's packets
+    # arrive with daemon bits set too, which the result replaces.
+    run("iptables", "-t", "mangle", "-A", "OUTPUT", "-p", "udp", "--dport", "5001", "-j", "MARK", "--set-mark",
+        "0x50000")
+    run("iptables", "-t", "mangle", "-A", "OUTPUT", "-p", "udp", "--dport", "5002:5004", "-j", "MARK",
+        "--set-mark", "0x300ff")
+    queue_traffic(udp=(5001, 5002, 5003, 5004), tcp=())
+    count_port_marks((5001, 5002, 5003, 5004), (0x50001, 0x30002, 0x30000, 0x300ff, 0x1, 0x2, 0x0))
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--mark-mask", "0xff"])
+    try:
+        daemon.wait_bound()
+        for port in (5001, 5002, 5003, 5004):
+            send_udp(5, port)
+    finally:
+        status = daemon.stop()
+    counts = counted_by_port()
+    print(f"counted {sorted((port, hex(mark), count) for (port, mark), count in counts.items())}")
+    check(status == 0, f"exit status {status}")
+    check(counts == {(5001, 0x50001): 5, (5002, 0x30002): 5, (5003, 0x30000): 5, (5004, 0x300ff): 5},
+          "the result replaces the masked bits only; packets no rule applies to keep their mark")
+
+
+def test_mark_mask_refuses_results_outside(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 53 => 255\nudp.dport 54 =>   256\ntcp.dport 80 => 4096\n")
+    status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules, "--mark-mask", "0xff"])
+    print(output)
+    check(status == 2, f"exit status {status}")
+    check(f"{rules}:2:19: the result 256 has bits outside the mark mask 0xff" in output, "the error points at 256")
+    check(f"{rules}:3:17: the result 4096 has bits outside the mark mask 0xff" in output, "every such rule is named")
+    check(":1:" not in output, "255 fits the mask")
+    for wrong in ("0", "0x100000000", "ff", "-1"):
+        status, output = run_daemon(t.daemon, ["--queue", str(QUEUE), "--rules", rules, "--mark-mask", wrong])
+        check(status == 2 and "--mark-mask: a nonzero 32-bit number" in output, f"--mark-mask {wrong} is refused")
+
+
+def test_shipped_daemon_has_no_test_hooks(t):
+    """The shipped daemon needs nothing of the platform but its public interfaces."""
+    symbols = subprocess.run(["nm", "-D", "--undefined-only", t.daemon], check=True, capture_output=True,
+                             text=True).stdout
+    hooks = [line.split()[-1] for line in symbols.splitlines() if "nuvcsock_" in line]
+    check(not hooks, f"the shipped daemon calls test hooks: {hooks}")
+    test_symbols = subprocess.run(["nm", "-D", "--undefined-only", t.test_daemon], check=True, capture_output=True,
+                                  text=True).stdout
+    check("nuvcsock_fail_nth_allocation" in test_symbols, "the test build does call them (the check can fail)")
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, "udp.dport 5001 => 1\n")
+    status, output = run_daemon(t.daemon, ["--selftest-reloads", "1", "--rules", rules])
+    check(status == 2 and "only in the daemon's test build" in output, f"self-test refused: {status} {output}")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    queue_traffic(udp=(5001,), tcp=())
+    count_marks([1], udp=(5001,), tcp=())
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--stats", stats_path,
+                                          "--stats-interval", "0"], env={"NIKERKIOG_CLASSD_FAIL_ALLOCATION": "1"})
+    try:
+        daemon.wait_bound()
+        daemon.signal(signal.SIGHUP)
+        stats = wait_stats(daemon, stats_path, lambda s: s["reloads"]["done"] == 1)
+        send_udp(3, 5001)
+    finally:
+        status = daemon.stop()
+    check(status == 0, f"exit status {status}")
+    check("live_blocks" not in stats, "no live block count without the platform's measurements")
+    check(counted().get(1) == 3, "the reload succeeded: no allocation failure is injected")
+
+
+def test_version_and_help(t):
+    status, output = run_daemon(t.daemon, ["--version"])
+    check(status == 0 and re.fullmatch(r"nikerkiog-classd \d+\.\d+\.\d+\n", output), f"--version: {output!r}")
+    status, output = run_daemon(t.daemon, ["--help"])
+    check(status == 0, f"--help exit status {status}")
+    for option in ("--queue", "--rules", "--dev", "--optimise", "--fail-open", "--mark-mask", "--queue-maxlen",
+                   "--socket-buffer", "--stats", "--stats-interval", "--null", "--syslog", "--version", "--help"):
+        check(re.search(r"^  " + re.escape(option) + r"\b", output, re.M), f"--help lists {option}")
+    check("--selftest-reloads" not in output, "the test build's option is not shown")
+    for option, value, complaint in (("--socket-buffer", "4095", "--socket-buffer: bytes 4096..1073741824"),
+                                     ("--socket-buffer", "1073741825", "--socket-buffer: bytes 4096..1073741824"),
+                                     ("--queue", "65536", "--queue: a number 0..65535")):
+        status, output_wrong = run_daemon(t.daemon, ["--queue", "1", "--null", option, value])
+        check(status == 2 and complaint in output_wrong, f"{option} {value} is refused: {output_wrong}")
+    with open(MANUAL) as f:
+        manual = f.read()
+    for option in re.findall(r"^  (--[a-z-]+)", output, re.M):
+        check(f"*{option}*" in manual, f"the manual page describes {option}")
+
+
+CONNECTION_PORTS = range(7001, 7011)
+
+
+def per_connection_ruleset(marks):
+    """Only packets of connections without a mark go to the queue; the mark
+    the daemon gives is saved in the connection and restored on its later
+    packets.  Named counters count each port's packets, in all and with the
+    expected mark."""
+    counters = "".join(f"  counter all_{p} {{}}\n  counter marked_{p} {{}}\n" for p in CONNECTION_PORTS)
+    counting = "".join(f"    tcp dport {p} counter name all_{p}\n"
+                       f"    tcp dport {p} meta mark {marks[p]} counter name marked_{p}\n" for p in CONNECTION_PORTS)
+    ports = f"{CONNECTION_PORTS[0]}-{CONNECTION_PORTS[-1]}"
+    return f"""table inet classd_test {{
+{counters}  chain restore {{
+    type filter hook output priority mangle - 1; policy accept;
+    tcp dport {ports} ct mark != 0 meta mark set ct mark
+  }}
+  chain save {{
+    type filter hook output priority mangle + 1; policy accept;
+    tcp dport {ports} ct mark 0 meta mark != 0 ct mark set meta mark
+  }}
+  chain count {{
+    type filter hook postrouting priority 0; policy accept;
+{counting}  }}
+}}
+"""
+
+
+def queue_unclassified_connections(nft_match, ipt_match, hook="output"):
+    """Queues the packets of connections without a mark, between restoring
+    and saving marks: by nftables' queue statement, or where the kernel has
+    none by the iptables target (its mangle chains run at the same priority)."""
+    if kernel_queues_from_nftables():
+        nft_load(f"table inet classd_queue {{\n chain q {{\n  type filter hook {hook} priority mangle; policy accept;\n"
+                 f"  {nft_match} ct mark 0 queue num {QUEUE}\n }}\n}}\n")
+    else:
+        run("iptables", "-t", "mangle", "-A", hook.upper(), *ipt_match, "-m", "connmark", "--mark", "0", "-j",
+            "NFQUEUE", "--queue-num", str(QUEUE))
+
+
+def exchange_segments(port, count):
+    """One connection sending `count` small segments, each echoed back
+    before the next, so that each is a packet of its own."""
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as listener:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", port))
+        listener.listen(1)
+        with socket.create_connection(("127.0.0.1", port), timeout=WAIT) as client:
+            client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            server, _ = listener.accept()
+            with server:
+                server.settimeout(WAIT)
+                server.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                for i in range(count):
+                    client.sendall(b"%04d" % i)
+                    received = b""
+                    while len(received) < 4:
+                        received += server.recv(4 - len(received))
+                    server.sendall(received)
+                    echoed = b""
+                    while len(echoed) < 4:
+                        echoed += client.recv(4 - len(echoed))
+
+
+def test_per_connection_marks_whole_connections(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    marks = {p: 0x10 + i for i, p in enumerate(CONNECTION_PORTS)}
+    write_file(rules, "".join(f"tcp.dport {p} => {marks[p]}\n" for p in CONNECTION_PORTS))
+    nft_load(per_connection_ruleset(marks))
+    queue_unclassified_connections(f"tcp dport {CONNECTION_PORTS[0]}-{CONNECTION_PORTS[-1]}",
+                                   ["-p", "tcp", "--dport", f"{CONNECTION_PORTS[0]}:{CONNECTION_PORTS[-1]}"])
+    daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--per-connection", "--stats",
+                                          stats_path, "--stats-interval", "0"])
+    try:
+        daemon.wait_bound()
+        for port in CONNECTION_PORTS:
+            exchange_segments(port, 100)
+        stats = wait_stats(daemon, stats_path, lambda s: True)
+    finally:
+        status = daemon.stop()
+    counters = nft_counters("inet", "classd_test")
+    every = {p: counters[f"all_{p}"] for p in CONNECTION_PORTS}
+    marked = {p: counters[f"marked_{p}"] for p in CONNECTION_PORTS}
+    print(f"packets per connection {sorted(every.items())}; with the connection's mark {sorted(marked.items())}; "
+          f"seen by the daemon {stats['packets']}, hits {[r['hits'] for r in stats['rules']]}")
+    check(status == 0, f"exit status {status}")
+    check(sum(every.values()) >= 1000 and min(every.values()) >= 100, "100 segments on each of 10 connections")
+    check(marked == every, "every packet carries its connection's mark")
+    check(10 <= stats["packets"] <= 20 and all(1 <= r["hits"] <= 2 for r in stats["rules"]),
+          "the daemon saw only each connection's first packets")
+
+
+PER_PACKET_RULES = """\
+tcp.dport 80 => 1
+tcp.dport 443 tcp.flags 0x002/0x012 => 2
+udp.dport 53  ip.len >512 => 3
+udp.dport 67 dhcpoption 60 MSFT* clients => 4
+tcp.dport 25 packetmatch *EHLO* => 5
+"""
+
+
+def test_per_connection_warns_about_per_packet_conditions(t):
+    rules = os.path.join(t.workdir, "rules.txt")
+    write_file(rules, PER_PACKET_RULES)
+    queue_traffic(udp=(), tcp=(1,))
+    outputs = {}
+    for mode in ([], ["--per-connection"]):
+        daemon = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules] + mode,
+                        name="daemon" + str(len(mode)))
+        try:
+            daemon.wait_bound()
+        finally:
+            status = daemon.stop()
+        check(status == 0, f"exit status {status}")
+        outputs[bool(mode)] = daemon.output()
+    print(outputs[True])
+    check("warning" not in outputs[False], "no warning without --per-connection")
+    for where, keyword in (("2:15", "tcp.flags"), ("3:15", "ip.len"), ("4:14", "dhcpoption"), ("5:14", "packetmatch")):
+        check(f"{rules}:{where}: warning: {keyword} differs from packet to packet" in outputs[True],
+              f"{keyword} is warned about at {where}")
+    check(f"{rules}:1:" not in outputs[True], "a rule on ports only is fine")
+    check("5 rules" in outputs[True], "warnings do not refuse the rules")
+
+
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "daemon", "examples")
+
+# Run inside the client's namespace: three UDP flows (two forwarded, one to
+# the router), then one TCP connection that sends segments one by one.
+CLIENT_SCRIPT = """
+import socket, sys, time
+server, router = sys.argv[1], sys.argv[2]
+with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+    for i in range(20):
+        s.sendto(b"call", (server, 5060))
+        s.sendto(b"other", (server, 9999))
+        s.sendto(b"local", (router, 5060))
+        if i == 0:
+            time.sleep(0.3)  # a flow's later packets follow its first's verdict
+with socket.create_connection((server, 22), timeout=10) as c:
+    c.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    for i in range(50):
+        c.sendall(b"%04d" % i)
+        assert c.recv(4)
+"""
+
+# Run inside the server's namespace: echoes one TCP connection on port 22.
+SERVER_SCRIPT = """
+import socket
+with socket.socket() as l:
+    l.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    l.bind(("0.0.0.0", 22))
+    l.listen(1)
+    print("listening", flush=True)
+    l.settimeout(20)
+    c, _ = l.accept()
+    with c:
+        while True:
+            data = c.recv(4)
+            if not data:
+                break
+            c.sendall(data)
+"""
+
+
+class Host:
+    """A namespace of its own behind one end of a veth pair from this one."""
+
+    def __init__(self, name, router_if, address, router_address):
+        self.holder = subprocess.Popen(["unshare", "-n", "sleep", "120"])
+        self.pid = str(self.holder.pid)
+        deadline = time.monotonic() + WAIT
+        while os.readlink(f"/proc/{self.pid}/ns/net") == os.readlink("/proc/self/ns/net"):
+            check(time.monotonic() < deadline, "the host namespace was not made")
+            time.sleep(0.01)
+        run("ip", "link", "add", router_if, "type", "veth", "peer", "name", name)
+        run("ip", "link", "set", name, "netns", self.pid)
+        run("ip", "addr", "add", router_address + "/24", "dev", router_if)
+        run("ip", "link", "set", router_if, "up")
+        self.run("ip", "link", "set", "lo", "up")
+        self.run("ip", "addr", "add", address + "/24", "dev", name)
+        self.run("ip", "link", "set", name, "up")
+        self.run("ip", "route", "add", "default", "via", router_address)
+
+    def command(self, *command):
+        return ["nsenter", "-t", self.pid, "-n", *command]
+
+    def run(self, *command):
+        run(*self.command(*command))
+
+    def close(self):
+        self.holder.kill()
+        self.holder.wait(WAIT)
+
+
+CHECK_RULESET = """table inet classd_check {
+  counter forwarded_call {}
+  counter forwarded_call_marked {}
+  counter forwarded_other {}
+  counter forwarded_other_marked {}
+  counter forwarded_shell {}
+  counter forwarded_shell_marked {}
+  counter local_call {}
+  counter local_call_marked {}
+  chain postrouting {
+    type filter hook postrouting priority 100; policy accept;
+    oifname "wan0" udp dport 5060 counter name forwarded_call
+    oifname "wan0" udp dport 5060 meta mark 1 counter name forwarded_call_marked
+    oifname "wan0" udp dport 9999 counter name forwarded_other
+    oifname "wan0" udp dport 9999 meta mark 15 counter name forwarded_other_marked
+    oifname "wan0" tcp dport 22 counter name forwarded_shell
+    oifname "wan0" tcp dport 22 meta mark 2 counter name forwarded_shell_marked
+  }
+  chain input {
+    type filter hook input priority 100; policy accept;
+    iifname "lan0" udp dport 5060 counter name local_call
+    iifname "lan0" udp dport 5060 meta mark 1 counter name local_call_marked
+  }
+}
+"""
+
+
+def test_router_example_marks_forwarded_traffic(t):
+    """The shipped example, loaded as shipped, on a router between a LAN
+    host and a WAN host, each in a namespace of its own."""
+    stats_path = os.path.join(t.workdir, "stats.json")
+    with open("/proc/sys/net/ipv4/ip_forward", "w") as f:
+        f.write("1\n")
+    client = Host("eth0", "lan0", "10.1.0.2", "10.1.0.1")
+    server = Host("eth0", "wan0", "10.2.0.2", "10.2.0.1")
+    daemon = None
+    listener = None
+    try:
+        run("nft", "-f", os.path.join(EXAMPLES, "router.nft"))
+        if kernel_queues_from_nftables():
+            run("nft", "-f", os.path.join(EXAMPLES, "router-queue.nft"))
+            queued_by = "router-queue.nft"
+        else:
+            run("iptables-restore", "--noflush", os.path.join(EXAMPLES, "router-queue.iptables"))
+            queued_by = "router-queue.iptables (this kernel's nftables has no queue statement)"
+        nft_load(CHECK_RULESET)
+        daemon = Daemon(t.daemon, t.workdir, ["--queue", "0", "--rules", os.path.join(EXAMPLES, "router.rules"),
+                                              "--per-connection", "--mark-mask", "0xff", "--fail-open", "--stats",
+                                              stats_path, "--stats-interval", "0"])
+        daemon.wait_bound()
+        listener = subprocess.Popen(server.command(sys.executable, "-c", SERVER_SCRIPT), stdout=subprocess.PIPE,
+                                    text=True)
+        check(listener.stdout.readline().strip() == "listening", "the server listens")
+        sent = subprocess.run(client.command(sys.executable, "-c", CLIENT_SCRIPT, "10.2.0.2", "10.1.0.1"),
+                              capture_output=True, text=True, timeout=WAIT * 2)
+        check(sent.returncode == 0, f"the client failed: {sent.stderr}")
+        listener.wait(WAIT)
+        stats = wait_stats(daemon, stats_path, lambda s: True)
+    finally:
+        if daemon:
+            status = daemon.stop()
+        if listener and listener.poll() is None:
+            listener.kill()
+        client.close()
+        server.close()
+    counters = nft_counters("inet", "classd_check")
+    print(f"queued by {queued_by}; counters {sorted(counters.items())}; daemon saw {stats['packets']} packets, "
+          f"hits {[(r['rule'], r['hits']) for r in stats['rules']]}")
+    check(status == 0, f"exit status {status}")
+    for name, least in (("forwarded_call", 20), ("forwarded_other", 20), ("forwarded_shell", 50),
+                        ("local_call", 20)):
+        check(counters[name] >= least, f"{name}: {counters[name]} packets, {least} sent at least")
+        check(counters[name + "_marked"] == counters[name], f"{name}: every packet carries its class's mark")
+    check(stats["packets"] <= 8, "the daemon saw only the first packets of each connection")
+
+
 class Context:
-    def __init__(self, daemon, tool, workdir):
-        self.daemon, self.tool, self.workdir = daemon, tool, workdir
+    def __init__(self, daemon, test_daemon, tool, workdir):
+        self.daemon, self.test_daemon, self.tool, self.workdir = daemon, test_daemon, tool, workdir
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("name")
     parser.add_argument("--daemon", required=True)
+    parser.add_argument("--test-daemon", required=True)
     parser.add_argument("--tool", required=True)
     args = parser.parse_args()
     test = globals().get("test_" + args.name)
@@ -707,7 +1206,8 @@ def main():
     enter_namespace()
     workdir = tempfile.mkdtemp(prefix="classd-")
     try:
-        test(Context(os.path.abspath(args.daemon), os.path.abspath(args.tool), workdir))
+        test(Context(os.path.abspath(args.daemon), os.path.abspath(args.test_daemon), os.path.abspath(args.tool),
+                     workdir))
     except Failure as failure:
         print(f"FAILED: {args.name}: {failure}")
         return 1

@@ -29,10 +29,47 @@ if [ -x "$build/daemon/nikerkiog-classd" ]; then
     echo "nikerkiog-classd is not installed" >&2
     exit 1
   fi
+  for shipped in share/man/man8/nikerkiog-classd.8 share/doc/nikerkiog/examples/nikerkiog-classd/router.nft; do
+    if [ -x "$(command -v scdoc)" ] || [ "${shipped#share/man}" = "$shipped" ]; then
+      [ -f "$work/prefix/$shipped" ] || { echo "$shipped is not installed" >&2; exit 1; }
+    fi
+  done
+  "$installed" --version | grep -q '^nikerkiog-classd [0-9]'
   cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$here"/../../daemon/*.c \
      "$here"/../../sharedlibs/rulefile/rulefile_load.c -I"$here"/../../sharedlibs/rulefile \
      $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl) -Wl,-rpath,"$libdir"
   "$work/classd-pc" --help >/dev/null
   "$installed" --help >/dev/null
+  # A router links its own platform library, which has the platform's
+  # interfaces but not the test hooks of the portable one: make such a
+  # library from the installed archive, exporting everything but the hooks
+  # its test header declares, and run the installed daemon on it.
+  hooks=$(sed -n 's/^NUVCSOCK_API .*[ *]\(nuvcsock_[a-z0-9_]*\)(.*/\1/p' \
+          "$work/prefix/include/nikerkiog/nuvcsock_test.h")
+  if [ -z "$hooks" ]; then
+    echo "no test hooks found in the installed nuvcsock_test.h" >&2
+    exit 1
+  fi
+  shared=$(find "$work/prefix" -name 'libnuvcsock.so.*.*' -type f | head -n 1)
+  archive=$(find "$work/prefix" -name 'libnuvcsock.a' | head -n 1)
+  mkdir -p "$work/platform"
+  {
+    echo "NUVCSOCK_1 { global:"
+    nm -D --defined-only "$shared" | awk '$2 == "T" || $2 == "D" || $2 == "B" { sub(/@.*/, "", $3); print $3 }' |
+      grep -vxF "$hooks" | sed 's/$/;/'
+    echo "local: *; };"
+  } >"$work/platform/platform.map"
+  cc -shared -o "$work/platform/libnuvcsock.so.1" -Wl,-soname,libnuvcsock.so.1 \
+     -Wl,--whole-archive "$archive" -Wl,--no-whole-archive -Wl,--version-script="$work/platform/platform.map"
+  if nm -D --defined-only "$work/platform/libnuvcsock.so.1" | grep -qw nuvcsock_fail_nth_allocation; then
+    echo "the platform library made for the check still has the test hooks" >&2
+    exit 1
+  fi
+  LD_LIBRARY_PATH="$work/platform" LD_BIND_NOW=1 "$installed" --help >/dev/null
+  used=$(LD_LIBRARY_PATH="$work/platform" LD_BIND_NOW=1 ldd "$installed" | grep libnuvcsock)
+  case $used in
+    *"$work/platform/"*) ;;
+    *) echo "the daemon did not load the platform library without hooks: $used" >&2; exit 1 ;;
+  esac
 fi
 echo "install check passed"
