@@ -4,6 +4,7 @@
 set -eu
 build=$1
 here=$(cd "$(dirname "$0")" && pwd)
+source_root=$(cd "$here/../.." && pwd)
 work=$build/install-check
 rm -rf "$work"
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
@@ -35,8 +36,8 @@ if [ -x "$build/daemon/nikerkiog-classd" ]; then
     fi
   done
   "$installed" --version | grep -q '^nikerkiog-classd [0-9]'
-  cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$here"/../../daemon/*.c \
-     "$here"/../../sharedlibs/rulefile/rulefile_load.c -I"$here"/../../sharedlibs/rulefile \
+  cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$source_root"/daemon/*.c \
+     "$source_root"/sharedlibs/rulefile/rulefile_load.c -I"$source_root"/sharedlibs/rulefile \
      $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl) -Wl,-rpath,"$libdir"
   "$work/classd-pc" --help >/dev/null
   "$installed" --help >/dev/null
