@@ -151,6 +151,17 @@ inline Bytes dhcp_client_message(const std::uint8_t mac[6], std::uint8_t type, s
   return m;
 }
 
+// A DHCP client message from one of `macs`, of a random type (DISCOVER,
+// REQUEST, RELEASE or OFFER), requesting one of three addresses.
+template <std::size_t N>
+Bytes random_dhcp_client_message(Rng &rng, const std::uint8_t (&macs)[N][6]) {
+  static const std::uint8_t kTypes[] = {1, 3, 7, 2};
+  // One pick after the other: the order of a call's arguments is the compiler's.
+  const std::uint8_t *mac = pick_from(rng, macs);
+  const std::uint8_t type = pick_from(rng, kTypes);
+  return dhcp_client_message(mac, type, static_cast<std::uint8_t>(pick(rng, 3)));
+}
+
 // A packet to match: the bytes live in exact-size heap buffers, so a read past
 // the end is caught by AddressSanitizer.
 struct Packet {

@@ -210,13 +210,6 @@ std::string random_rule(Rng &rng, const std::string &tables, Sample &sample, boo
   return line.empty() ? "any" : line;
 }
 
-Bytes dhcp_message(Rng &rng) {
-  static const std::uint8_t kTypes[] = {1, 3, 7, 2};  // DISCOVER, REQUEST, RELEASE, OFFER
-  // One pick after the other: the order of a call's arguments is the compiler's.
-  const std::uint8_t *mac = pick_from(rng, kMacs);
-  const std::uint8_t type = pick_from(rng, kTypes);
-  return clfytest::dhcp_client_message(mac, type, static_cast<std::uint8_t>(pick(rng, 3)));
-}
 
 void put32(std::uint8_t out[4], std::uint32_t v) {
   out[0] = static_cast<std::uint8_t>(v >> 24), out[1] = static_cast<std::uint8_t>(v >> 16);
@@ -242,7 +235,7 @@ void random_packet(Rng &rng, const std::vector<Sample> &samples, Packet &p) {
   if (s.proto == 6) transport = clfytest::tcp_header(s.sport, s.dport, static_cast<std::uint16_t>(pick(rng, 0x40)), payload);
   else if (s.proto == 17) {
     const std::uint16_t dport = chance(rng, 20) ? 67 : s.dport;
-    transport = clfytest::udp_header(s.sport, dport, dport == 67 && chance(rng, 80) ? dhcp_message(rng) : payload);
+    transport = clfytest::udp_header(s.sport, dport, dport == 67 && chance(rng, 80) ? clfytest::random_dhcp_client_message(rng, kMacs) : payload);
   }
   else transport = Bytes{static_cast<std::uint8_t>(128 + pick(rng, 2)), 0, 0, 0, 0, 0, 0, 0};
   const bool v6 = chance(rng, 15);

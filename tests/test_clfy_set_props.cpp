@@ -63,22 +63,12 @@ std::string random_rule(Rng &rng, const std::string &tables) {
   return line.empty() ? "any" : line;
 }
 
-// A DHCP message from a client: fixed part, cookie, type and requested
-// address options.
-Bytes dhcp_message(Rng &rng) {
-  static const std::uint8_t kTypes[] = {1, 3, 7, 2};  // DISCOVER, REQUEST, RELEASE, OFFER
-  // One pick after the other: the order of a call's arguments is the compiler's.
-  const std::uint8_t *mac = pick_from(rng, kMacs);
-  const std::uint8_t type = pick_from(rng, kTypes);
-  return clfytest::dhcp_client_message(mac, type, static_cast<std::uint8_t>(pick(rng, 3)));
-}
-
 Bytes transport_part(Rng &rng, std::uint8_t proto) {
   const std::uint16_t sport = pick_from(rng, kPorts), dport = pick_from(rng, kPorts);
   const Bytes payload = chance(rng, 50) ? clfytest::text_bytes("data") : Bytes{};
   if (proto == 6) return clfytest::tcp_header(sport, dport, static_cast<std::uint16_t>(pick(rng, 0x40)), payload);
   if (proto == 17) return clfytest::udp_header(chance(rng, 30) ? 68 : sport, chance(rng, 30) ? 67 : dport,
-                                               chance(rng, 40) ? dhcp_message(rng) : payload);
+                                               chance(rng, 40) ? clfytest::random_dhcp_client_message(rng, kMacs) : payload);
   return Bytes{static_cast<std::uint8_t>(128 + pick(rng, 2)), 0, 0, 0, 0, 0, 0, 0};
 }
 
