@@ -2,9 +2,9 @@
 // fields, built once from a set and owned by the caller.
 //
 // Every list of the set (the top-level list and each sub-list) gets a tree
-// whose nodes cut the region of one field into equal pieces: the IPv4
-// source and destination address, the source and destination port and the
-// protocol.  A leaf holds, in list order, the rules whose conditions on
+// (a long list one per kind of rule, see ListRecord) whose nodes cut the
+// region of one field into equal pieces: the IPv4 source and destination
+// address, the source and destination port and the protocol.  A leaf holds, in list order, the rules whose conditions on
 // those fields can hold for a packet whose values lie in the leaf's region,
 // up to the first rule that holds for every packet there.  The search walks
 // to the leaf of the packet's values and tries the leaf's rules in order: a
@@ -140,8 +140,8 @@ constexpr std::uint32_t kLeafRules = 4;
 constexpr std::uint32_t kDirectRules = 2;
 // Decisions on the way to a leaf, at most.
 constexpr std::uint32_t kMaxDepth = 16;
-// Nodes and leaf entries a list's tree may take: this many per rule and
-// this many more.
+// Nodes and leaf entries a tree may take: this many per rule and this many
+// more.
 constexpr std::uint64_t kShareFactor = 256;
 constexpr std::uint64_t kShareBase = 65536;
 
@@ -544,7 +544,6 @@ int gather_lists(const nuv_clfy_set &set, Grow<nuv_clfy *> &rules, Grow<RuleBoun
   return NUV_CLFY_COMPILE_OK;
 }
 
-// The tree of list `l`: its rules that can match at all, in list order.
 // Lists shorter than this get one tree: walking more costs more than the
 // copies it saves.
 constexpr std::uint32_t kPartedListRules = 64;
