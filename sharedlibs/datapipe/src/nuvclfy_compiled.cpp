@@ -45,8 +45,9 @@ inline constexpr std::uint8_t kNeedSourcePort = 1u << kSourcePort;
 inline constexpr std::uint8_t kNeedDestinationPort = 1u << kDestinationPort;
 inline constexpr std::uint8_t kNeedProtocol = 1u << kProtocol;
 
-// The largest value of each field.
-constexpr std::uint32_t kFieldMax[kFields] = {0xffffffffu, 0xffffffffu, 0xffffu, 0xffffu, 0xffu};
+// Width of each field's whole range in bits, and its largest value.
+constexpr std::uint8_t kFieldBits[kFields] = {32, 32, 16, 16, 8};
+constexpr std::uint32_t field_max(unsigned f) { return kFieldBits[f] == 32 ? ~0u : (1u << kFieldBits[f]) - 1u; }
 
 // What a rule asks of the five fields, as the tree is built: for each, the
 // smallest range that holds every value its conditions accept (the whole
@@ -286,7 +287,7 @@ constexpr std::uint32_t kRecordedConditions = NUV_CLFY_F_IP_SADDR | NUV_CLFY_F_I
 
 RuleBounds record_of(const nuv_clfy &rule) {
   RuleBounds r{};
-  for (unsigned f = 0; f < kFields; ++f) r.hi[f] = kFieldMax[f];
+  for (unsigned f = 0; f < kFields; ++f) r.hi[f] = field_max(f);
   const std::uint32_t flags = rule.flags;
   bool exact = (flags & ~(kRecordedConditions | NUV_CLFY_F_ETH_PROTO)) == 0 && !rule.children;
   auto restrict_to = [&r](Field field, Range range) {
@@ -350,8 +351,6 @@ bool covers(const RuleBounds &r, const Box &box) {
   return true;
 }
 
-// Width of each field's whole range in bits.
-constexpr std::uint8_t kFieldBits[kFields] = {32, 32, 16, 16, 8};
 // Most bits one cut takes, and how many copies of its rules a cut may make
 // (times the rules of the node, plus its pieces) before it is too costly.
 constexpr std::uint32_t kMaxCutBits = 8;
@@ -517,7 +516,7 @@ class Builder {
 
 Box whole_fields() {
   Box box{};
-  for (unsigned f = 0; f < kFields; ++f) box.hi[f] = kFieldMax[f];
+  for (unsigned f = 0; f < kFields; ++f) box.hi[f] = field_max(f);
   return box;
 }
 

@@ -33,7 +33,6 @@ using dp::load_be16;
 
 using namespace dp::wire;
 
-
 // The hot path of a test is inlined into the per-packet loops; conditions
 // that are rare or costly stay out of line so that the loops stay small.
 #define CLFY_HOT inline
@@ -563,14 +562,6 @@ CLFY_HOT bool applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
   return true;
 }
 
-// The same verdict out of line, for the set search: one copy of the tests
-// serves every list it walks.
-CLFY_COLD bool applies_out_of_line(nuv_clfy &rule, PacketFacts &facts) {
-  // Reading the network layer has no effect but its cost, paid once a packet.
-  if (!(facts.read & kReadNetwork)) read_network(facts);
-  return applies<true>(rule, facts, 0);
-}
-
 }  // namespace
 
 bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark, Finding &finding) {
@@ -582,25 +573,19 @@ bool rule_explained(const nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark
 
 nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts) {
   for (; rule; rule = rule->next) {
-    if (!applies_out_of_line(*rule, facts)) continue;
+    if (!rule_applies(*rule, facts, 0)) continue;
     if (!rule->children) return rule;
     if (nuv_clfy *found = first_applying(rule->children, facts)) return found;
   }
   return nullptr;
 }
 
-bool rule_applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
+// Out of line: one copy of the tests serves the set search and every
+// compiled search.
+CLFY_COLD bool rule_applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark) {
+  // Reading the network layer has no effect but its cost, paid once a packet.
   if (!(facts.read & kReadNetwork)) read_network(facts);
   return applies<true>(rule, facts, mark);
-}
-
-void read_network_layer(PacketFacts &facts) {
-  if (!(facts.read & kReadNetwork)) read_network(facts);
-}
-
-void read_transport_layer(PacketFacts &facts) {
-  read_network_layer(facts);
-  if (facts.family && !(facts.read & kReadTransport)) read_transport(facts);
 }
 
 }  // namespace dp::clfy

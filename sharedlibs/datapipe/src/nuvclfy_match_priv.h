@@ -187,11 +187,6 @@ nuv_clfy *first_applying(nuv_clfy *rule, PacketFacts &facts);
 // (counting the hit and learning DHCP clients as nuv_clfy_matches does).
 bool rule_applies(nuv_clfy &rule, PacketFacts &facts, std::uint32_t mark);
 
-// Fill in the network layer (family, protocol, transport offset) and, for
-// an IP packet, the transport words, if not done yet.
-void read_network_layer(PacketFacts &facts);
-void read_transport_layer(PacketFacts &facts);
-
 }  // namespace dp::clfy
 
 #endif
