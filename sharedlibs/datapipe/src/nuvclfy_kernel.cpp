@@ -26,6 +26,18 @@ static_assert(sizeof(nuv_kclfy_more) == NUV_KCLFY_SLOT_BYTES);
 static_assert(sizeof(nuv_kclfy_node) == sizeof(Node) && sizeof(nuv_kclfy_ranges) == sizeof(RuleRecord));
 static_assert(kFields == NUV_KCLFY_FIELDS && kMaxTrees == NUV_KCLFY_MAX_TREES && kEndOfLeaf == NUV_KCLFY_END_OF_LEAF);
 
+static_assert(NUV_KCLFY_T_DEV == NUV_CLFY_F_DEV && NUV_KCLFY_T_ETH_PROTO == NUV_CLFY_F_ETH_PROTO &&
+              NUV_KCLFY_T_ETH_SOURCE == NUV_CLFY_F_ETH_SOURCE && NUV_KCLFY_T_ETH_DEST == NUV_CLFY_F_ETH_DEST &&
+              NUV_KCLFY_T_ETH_SOURCEOUI == NUV_CLFY_F_ETH_SOURCEOUI && NUV_KCLFY_T_ETH_DESTOUI == NUV_CLFY_F_ETH_DESTOUI &&
+              NUV_KCLFY_T_VLAN_ID == NUV_CLFY_F_VLAN_ID && NUV_KCLFY_T_VLAN_PRIO == NUV_CLFY_F_VLAN_PRIO &&
+              NUV_KCLFY_T_ETHSRCTAB == NUV_CLFY_F_ETHSRCTAB && NUV_KCLFY_T_IP_VERSION == NUV_CLFY_F_IP_VERSION &&
+              NUV_KCLFY_T_IP_PROTO == NUV_CLFY_F_IP_PROTO && NUV_KCLFY_T_IP_TOS == NUV_CLFY_F_IP_TOS &&
+              NUV_KCLFY_T_IP_SADDR == NUV_CLFY_F_IP_SADDR && NUV_KCLFY_T_IP_DADDR == NUV_CLFY_F_IP_DADDR &&
+              NUV_KCLFY_T_SPORTS == NUV_CLFY_F_SPORTS && NUV_KCLFY_T_DPORTS == NUV_CLFY_F_DPORTS &&
+              NUV_KCLFY_T_IP_LEN == NUV_CLFY_F_IP_LEN && NUV_KCLFY_T_ICMP_TYPE == NUV_CLFY_F_ICMP_TYPE &&
+              NUV_KCLFY_T_TCP_FLAGS == NUV_CLFY_F_TCP_FLAGS && NUV_KCLFY_T_IPDSTTAB == NUV_CLFY_F_IPDSTTAB &&
+              NUV_KCLFY_T_GROUP_IP == NUV_CLFY_GROUP_IP && NUV_KCLFY_T_LINK_ADDRESSES == kLinkAddressConditions);
+
 constexpr std::uint32_t kRuleSlots = 4;
 constexpr std::uint32_t kNodesPerSlot = NUV_KCLFY_SLOT_BYTES / sizeof(Node);
 constexpr std::uint32_t kWords = NUV_KCLFY_WORDS_PER_SLOT;
@@ -81,6 +93,32 @@ std::uint32_t list_intervals(const nuv_clfy_valuelist &list, Interval *out) {
 
 // Slots an interval list takes: its count word and one word per interval.
 std::uint32_t list_slots(std::uint32_t intervals) { return slots_for(1 + intervals, kWords); }
+
+// The length of an IPv6 packet (payload and fixed header) may pass 65535,
+// so "greater" tests become intervals open above.
+void write_length_test(const nuv_clfy_value &v, nuv_kclfy_tests &t) {
+  const std::uint16_t a = v.value1;
+  t.ip_len_test = NUV_KCLFY_LEN_WITHIN;
+  t.ip_len_lo = 0;
+  t.ip_len_hi = 0;
+  switch (v.op) {
+    case NUV_CLFY_OP_EQ: t.ip_len_lo = t.ip_len_hi = a; break;
+    case NUV_CLFY_OP_NE: t.ip_len_test = NUV_KCLFY_LEN_NOT; t.ip_len_lo = a; break;
+    case NUV_CLFY_OP_LT:
+      if (a == 0) t.ip_len_test = NUV_KCLFY_LEN_NONE;
+      t.ip_len_hi = static_cast<std::uint16_t>(a - 1);
+      break;
+    case NUV_CLFY_OP_LE: t.ip_len_hi = a; break;
+    case NUV_CLFY_OP_GT: t.ip_len_test = NUV_KCLFY_LEN_ABOVE; t.ip_len_lo = a; break;
+    case NUV_CLFY_OP_GE: t.ip_len_test = NUV_KCLFY_LEN_FROM; t.ip_len_lo = a; break;
+    case NUV_CLFY_OP_RANGE:
+      if (v.value1 > v.value2) t.ip_len_test = NUV_KCLFY_LEN_NONE;
+      t.ip_len_lo = v.value1;
+      t.ip_len_hi = v.value2;
+      break;
+    default: t.ip_len_test = NUV_KCLFY_LEN_FROM; break;  // 0 and unknown codes always hold
+  }
+}
 
 // ---- Layout ----
 
@@ -158,7 +196,7 @@ int Image::plan() {
   // (An allocation failure while checking reads as too deep: either way
   // there is no image.)
   if (!nesting_fits()) return NUV_CLFY_KERNEL_E_TOO_BIG;
-  std::uint64_t at = 1;
+  std::uint64_t at = 2;
   header_.magic = NUV_KCLFY_MAGIC;
   header_.rule_count = c_.rule_count;
   header_.list_count = c_.list_count;
@@ -211,7 +249,9 @@ void Image::write_tree() {
 void Image::write_tests(const nuv_clfy &rule, nuv_kclfy_tests &t) const {
   t.flags = rule.flags;
   t.result = rule.result;
-  t.kind = (rule.flags & kAskConditions) ? NUV_KCLFY_ASK : NUV_KCLFY_DECIDE;
+  t.kind = (rule.flags & kAskConditions)                                          ? NUV_KCLFY_ASK
+           : (rule.flags && !(rule.flags & (NUV_CLFY_GROUP_IP | kConditionsBeforeIp))) ? NUV_KCLFY_NEVER
+                                                                                       : NUV_KCLFY_DECIDE;
   t.counts = rule.flags != 0;
   t.dev_ifindex = rule.dev_ifindex;
   t.eth_proto = rule.eth_proto;
@@ -223,9 +263,7 @@ void Image::write_tests(const nuv_clfy &rule, nuv_kclfy_tests &t) const {
   t.icmp_type = rule.icmp_type;
   t.tcp_flags = net_to_host16(rule.tcp_flags);
   t.tcp_flags_mask = net_to_host16(rule.tcp_flags_mask);
-  t.ip_len_op = static_cast<std::uint8_t>(std::min<std::uint32_t>(rule.ip_len.op, 0xff));
-  t.ip_len_value1 = rule.ip_len.value1;
-  t.ip_len_value2 = rule.ip_len.value2;
+  write_length_test(rule.ip_len, t);
   t.saddr_family = rule.ip_saddr_family;
   t.daddr_family = rule.ip_daddr_family;
 }
