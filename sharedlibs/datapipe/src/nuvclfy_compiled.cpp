@@ -29,21 +29,14 @@
 #include "dp_bytes.h"
 #include "dp_wire.h"
 #include "nuvclfy.h"
+#include "nuvclfy_compiled_priv.h"
 #include "nuvclfy_match_priv.h"
 #include "nuvclfy_priv.h"
 
 namespace dp::clfy {
 namespace {
 
-// ---- The compiled form ----
-
-enum Field : std::uint8_t { kSource, kDestination, kSourcePort, kDestinationPort, kProtocol, kFields };
-
-inline constexpr std::uint8_t kNeedSource = 1u << kSource;
-inline constexpr std::uint8_t kNeedDestination = 1u << kDestination;
-inline constexpr std::uint8_t kNeedSourcePort = 1u << kSourcePort;
-inline constexpr std::uint8_t kNeedDestinationPort = 1u << kDestinationPort;
-inline constexpr std::uint8_t kNeedProtocol = 1u << kProtocol;
+// ---- Building records ----
 
 // Width of each field's whole range in bits, and its largest value.
 constexpr std::uint8_t kFieldBits[kFields] = {32, 32, 16, 16, 8};
@@ -60,19 +53,6 @@ struct RuleBounds {
   std::uint8_t covers;  // 1: the ranges are the whole rule (it has no other condition and no sub-rules), so
                         // it matches every packet inside them that has the fields it needs
   std::uint32_t children;  // 1 + index of its sub-list, 0 for none
-};
-
-// The same, packed into 32 bytes for the search: each field at its own
-// width.
-struct RuleRecord {
-  std::uint32_t source_lo, source_hi;
-  std::uint32_t destination_lo, destination_hi;
-  std::uint16_t source_port_lo, source_port_hi;
-  std::uint16_t destination_port_lo, destination_port_hi;
-  std::uint8_t protocol_lo, protocol_hi;
-  std::uint8_t needs;
-  std::uint8_t covers;
-  std::uint32_t children;
 };
 
 RuleRecord packed(const RuleBounds &b) {
@@ -92,38 +72,6 @@ RuleRecord packed(const RuleBounds &b) {
   r.children = b.children;
   return r;
 }
-
-// A cut or a leaf.  A cut divides its region of field `field` into
-// mask+1 equal pieces: the piece of a value is (value >> shift) & mask, and
-// piece i goes on at node first + i.  Every region is aligned to its
-// power-of-two size, so the piece is found by a shift and a mask, without
-// comparisons for the processor to guess, and each step of the walk waits
-// for one load only.  Equal neighbouring pieces hold copies of one node,
-// which lead on to the same places.  A leaf (`field` == kFields) holds the
-// entries from first on, up to kEndOfLeaf.
-struct Node {
-  std::uint32_t first;
-  std::uint8_t field;
-  std::uint8_t shift;
-  std::uint16_t mask;
-};
-
-// Ends the entries of a leaf; no rule has this index.
-constexpr std::uint32_t kEndOfLeaf = 0xffffffffu;
-
-// A long list's rules are parted by which addresses they leave (nearly)
-// open: a rule open in a field would be copied into every piece of a cut
-// of that field, so each part gets a tree of its own, cut where its rules
-// are narrow.  A packet walks every tree of the list and meets the rules of
-// its leaves merged back into list order.
-constexpr std::uint32_t kMaxTrees = 4;
-
-struct ListRecord {
-  std::uint32_t root[kMaxTrees];  // node indexes of the trees
-  std::uint32_t trees;            // 1 to kMaxTrees
-  std::uint32_t first_rule;       // the list's rules are first_rule .. first_rule+rule_count-1, in list order
-  std::uint32_t rule_count;
-};
 
 // The packet's five values and which of them it has.
 struct Keys {
@@ -148,21 +96,6 @@ constexpr std::uint64_t kShareBase = 65536;
 
 }  // namespace
 }  // namespace dp::clfy
-
-struct nuv_clfy_compiled {
-  std::uint32_t rule_count;
-  std::uint32_t list_count;
-  std::uint32_t node_count;
-  std::uint32_t entry_count;
-  std::uint32_t depth;
-  std::uint32_t bytes;
-  std::uint32_t direct;  // 1: a short flat list, whose rules are tried one by one
-  nuv_clfy **rules;
-  dp::clfy::RuleRecord *records;
-  dp::clfy::ListRecord *lists;
-  dp::clfy::Node *nodes;
-  std::uint32_t *entries;
-};
 
 namespace dp::clfy {
 namespace {

@@ -10,5 +10,6 @@
 #include "nuvdhcpcfg.h"
 #include "nuvrules.h"
 #include "nuvclfy.h"
+#include "nuvclfy_kernel.h"
 
 #endif

@@ -44,7 +44,8 @@
 /* Most decisions on the way to a leaf. */
 #define NUV_KCLFY_MAX_DEPTH 16u
 
-/* Slot 0. */
+/* Slot 0 is the header, slot 1 the settings (zero in the library's image;
+ * the loader writes them), the sections follow from slot 2 on. */
 struct nuv_kclfy_header {
   uint32_t magic;      /* NUV_KCLFY_MAGIC */
   uint32_t slot_count; /* slots of the image, header included */
@@ -54,6 +55,14 @@ struct nuv_kclfy_header {
   uint32_t entry_base; /* first slot of the leaf entries: entry i is in slot entry_base + i/8 */
   uint32_t list_base;  /* slot of list 0 */
   uint32_t rule_base;  /* first slot of rule 0; rule r takes slots rule_base + 4r .. + 4r+3 */
+};
+
+/* Slot 1: what the loader decides for a generation. */
+struct nuv_kclfy_settings {
+  uint32_t hits_base; /* the first per-CPU hit counter of this generation's rules */
+  uint32_t mark_mask; /* a verdict's mark: (mark & ~mark_mask) | (result & mark_mask) */
+  uint32_t ask_mark;  /* bits set on a packet that userspace must decide */
+  uint32_t reserved[5];
 };
 
 /* A cut or a leaf of a tree.  A cut sends value v of field `field` on to node
@@ -95,6 +104,40 @@ struct nuv_kclfy_ranges {
 /* How the kernel decides a rule that passed its ranges. */
 #define NUV_KCLFY_DECIDE 0u /* by the tests of rule slots 1 to 3 */
 #define NUV_KCLFY_ASK 1u    /* not at all: it needs userspace (DHCP, payload pattern, class map, bridge) */
+#define NUV_KCLFY_NEVER 2u  /* it matches no packet (presence bits that name no condition) */
+
+/* The presence bits of nuv_kclfy_tests.flags: the rule's own NUV_CLFY_F_*
+ * bits, under names the kernel program can use. */
+#define NUV_KCLFY_T_DEV 0x00000001u
+#define NUV_KCLFY_T_ETH_PROTO 0x00000020u
+#define NUV_KCLFY_T_ETH_SOURCE 0x00000100u
+#define NUV_KCLFY_T_ETH_DEST 0x00000200u
+#define NUV_KCLFY_T_ETH_SOURCEOUI 0x00000400u
+#define NUV_KCLFY_T_ETH_DESTOUI 0x00000800u
+#define NUV_KCLFY_T_VLAN_ID 0x00001000u
+#define NUV_KCLFY_T_VLAN_PRIO 0x00002000u
+#define NUV_KCLFY_T_ETHSRCTAB 0x00004000u
+#define NUV_KCLFY_T_IP_VERSION 0x00010000u
+#define NUV_KCLFY_T_IP_PROTO 0x00020000u
+#define NUV_KCLFY_T_IP_TOS 0x00040000u
+#define NUV_KCLFY_T_IP_SADDR 0x00080000u
+#define NUV_KCLFY_T_IP_DADDR 0x00100000u
+#define NUV_KCLFY_T_SPORTS 0x00200000u
+#define NUV_KCLFY_T_DPORTS 0x00400000u
+#define NUV_KCLFY_T_IP_LEN 0x01000000u
+#define NUV_KCLFY_T_ICMP_TYPE 0x04000000u
+#define NUV_KCLFY_T_TCP_FLAGS 0x08000000u
+#define NUV_KCLFY_T_IPDSTTAB 0x10000000u
+/* Every IP-layer bit: a rule with any of them needs an IP header. */
+#define NUV_KCLFY_T_GROUP_IP 0x1fff0000u
+#define NUV_KCLFY_T_LINK_ADDRESSES 0x00004f00u
+
+/* The ip.len test as an interval of the packet's length. */
+#define NUV_KCLFY_LEN_WITHIN 0u /* lo <= length <= hi */
+#define NUV_KCLFY_LEN_FROM 1u   /* lo <= length */
+#define NUV_KCLFY_LEN_NOT 2u    /* length != lo */
+#define NUV_KCLFY_LEN_NONE 3u   /* no length */
+#define NUV_KCLFY_LEN_ABOVE 4u  /* lo < length */
 
 /* Rule slot 1: the scalar tests.  `flags` are the rule's presence bits
  * (NUV_CLFY_F_*). */
@@ -113,11 +156,11 @@ struct nuv_kclfy_tests {
   uint8_t icmp_type;
   uint16_t tcp_flags;      /* host order, tested against the 16-bit word at offset 12 of TCP */
   uint16_t tcp_flags_mask; /* host order */
-  uint8_t ip_len_op;       /* NUV_CLFY_OP_* */
+  uint8_t ip_len_test;     /* NUV_KCLFY_LEN_* */
   uint8_t saddr_family;    /* 4 or 6, as the rule's address */
   uint8_t daddr_family;
   uint8_t reserved;
-  uint16_t ip_len_value1, ip_len_value2;
+  uint16_t ip_len_lo, ip_len_hi;
 };
 
 /* Rule slot 2: link-layer addresses, table references and IPv4 addresses. */
