@@ -33,7 +33,7 @@ typedef __u64 uint64_t;
 char LICENSE[] SEC("license") = "GPL";
 
 /* Rounds of the search loop; a search that needs more asks userspace. */
-#define MAX_STEPS 192
+#define MAX_STEPS 128
 /* Inline VLAN tags read; a frame with more asks userspace. */
 #define MAX_TAGS 4
 /* IPv6 extension headers walked for the ICMPv6 type. */
