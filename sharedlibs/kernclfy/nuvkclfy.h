@@ -87,7 +87,8 @@ int nuv_kclfy_detach_all(struct nuv_kclfy *k);
 /* What a test run decided. */
 enum nuv_kclfy_verdict {
   NUV_KCLFY_NO_RULE = 0, /* no rule applies: mark unchanged */
-  NUV_KCLFY_RULE = 1,    /* a rule applies: mark_out carries its result */
+  NUV_KCLFY_RULE = 1,    /* a rule applies: mark_out carries its result (a result that leaves the mark
+                            as it was reads as NUV_KCLFY_NO_RULE: pick mark_in so that none does) */
   NUV_KCLFY_ASK = 2      /* userspace must decide: mark_out = mark_in | ask_mark */
 };
 
@@ -95,9 +96,6 @@ enum nuv_kclfy_verdict {
 struct nuv_kclfy_run {
   uint32_t ifindex;  /* receiving interface (must exist; 0: the loopback) */
   uint32_t mark_in;  /* the frame's mark before the program */
-  uint16_t vlan_tci; /* an outer tag carried as metadata (VLAN_TAG_PRESENT bit 0x1000 in the sense of
-                        NUV_CLFY_VLAN_TAG_PRESENT), 0 for none; needs a kernel that passes it to test runs */
-  uint16_t reserved;
   uint32_t mark_out;
   int verdict;       /* enum nuv_kclfy_verdict */
 };

@@ -249,9 +249,9 @@ void Image::write_tree() {
 void Image::write_tests(const nuv_clfy &rule, nuv_kclfy_tests &t) const {
   t.flags = rule.flags;
   t.result = rule.result;
-  t.kind = (rule.flags & kAskConditions)                                          ? NUV_KCLFY_ASK
-           : (rule.flags && !(rule.flags & (NUV_CLFY_GROUP_IP | kConditionsBeforeIp))) ? NUV_KCLFY_NEVER
-                                                                                       : NUV_KCLFY_DECIDE;
+  t.kind = (rule.flags & kAskConditions)                                          ? NUV_KCLFY_KIND_ASK
+           : (rule.flags && !(rule.flags & (NUV_CLFY_GROUP_IP | kConditionsBeforeIp))) ? NUV_KCLFY_KIND_NEVER
+                                                                                       : NUV_KCLFY_KIND_DECIDE;
   t.counts = rule.flags != 0;
   t.dev_ifindex = rule.dev_ifindex;
   t.eth_proto = rule.eth_proto;
@@ -301,7 +301,12 @@ void Image::write_link(const nuv_clfy &rule, nuv_kclfy_link &l) {
 std::uint32_t Image::put_ipv6(const nuv_clfy_ipaddr &addr, std::uint8_t prefixlen) {
   const std::uint32_t at = next_value_++;
   std::memcpy(slot(at), addr.v6, 16);
-  slot(at)[16] = prefixlen;
+  // The mask of the prefix: a length beyond the address means all of it.
+  const unsigned bits = prefixlen > 128 ? 128u : prefixlen;
+  for (unsigned i = 0; i < 16; ++i) {
+    const unsigned start = 8 * i;
+    slot(at)[16 + i] = bits >= start + 8 ? 0xff : bits > start ? static_cast<std::uint8_t>(0xff << (start + 8 - bits)) : 0;
+  }
   return at;
 }
 
@@ -333,7 +338,7 @@ void Image::write_rule(std::uint32_t r) {
   std::memcpy(slot(base), &c_.records[r], sizeof(RuleRecord));
   nuv_kclfy_tests tests{};
   write_tests(rule, tests);
-  if (tests.kind == NUV_KCLFY_ASK) ++ask_rules_;
+  if (tests.kind == NUV_KCLFY_KIND_ASK) ++ask_rules_;
   std::memcpy(slot(base + 1), &tests, sizeof tests);
   nuv_kclfy_link link{};
   write_link(rule, link);

@@ -102,9 +102,9 @@ struct nuv_kclfy_ranges {
 };
 
 /* How the kernel decides a rule that passed its ranges. */
-#define NUV_KCLFY_DECIDE 0u /* by the tests of rule slots 1 to 3 */
-#define NUV_KCLFY_ASK 1u    /* not at all: it needs userspace (DHCP, payload pattern, class map, bridge) */
-#define NUV_KCLFY_NEVER 2u  /* it matches no packet (presence bits that name no condition) */
+#define NUV_KCLFY_KIND_DECIDE 0u /* by the tests of rule slots 1 to 3 */
+#define NUV_KCLFY_KIND_ASK 1u   /* not at all: it needs userspace (DHCP, payload pattern, class map, bridge) */
+#define NUV_KCLFY_KIND_NEVER 2u  /* it matches no packet (presence bits that name no condition) */
 
 /* The presence bits of nuv_kclfy_tests.flags: the rule's own NUV_CLFY_F_*
  * bits, under names the kernel program can use. */
@@ -144,7 +144,7 @@ struct nuv_kclfy_ranges {
 struct nuv_kclfy_tests {
   uint32_t flags;
   uint16_t result;     /* the rule's result, the mark it gives */
-  uint8_t kind;        /* NUV_KCLFY_DECIDE or NUV_KCLFY_ASK */
+  uint8_t kind;        /* NUV_KCLFY_KIND_DECIDE or NUV_KCLFY_ASK */
   uint8_t counts;      /* 1: a match counts as a hit (a rule with conditions) */
   int32_t dev_ifindex; /* -1: never resolved, matches no packet */
   uint16_t eth_proto;  /* network order, as the packet carries it */
@@ -176,8 +176,8 @@ struct nuv_kclfy_link {
 };
 
 /* Rule slot 3: the further IPv4 address, and references to value slots (0
- * for none).  An IPv6 address is one slot: 16 bytes of address and its
- * prefix length at byte 16.  An interval list is a run of 32-bit words from
+ * for none).  An IPv6 address is one slot: 16 bytes of address, then the
+ * 16-byte mask of its prefix.  An interval list is a run of 32-bit words from
  * the first word of its first slot on, eight words to a slot: word 0 is the
  * number of intervals, word i + 1 is interval i, its low value in the low 16
  * bits and its high value in the high 16 bits.  The intervals are sorted,
