@@ -93,6 +93,7 @@ struct daemon {
   uint64_t generation, reloads, reload_failures, unchanged;
   uint64_t asked, table_syncs, sync_failures;
   int tables_changed; /* DHCP learning may have changed a table since the last mirroring */
+  int sync_failing;   /* the last mirroring failed (and was logged) */
   time_t loaded_at, last_reload_at;
   long fail_allocation;
   int stop;
@@ -414,9 +415,15 @@ static void sync_tables(struct daemon *d) {
   if (!d->tables_changed || !d->kernel) return;
   d->tables_changed = 0;
   d->table_syncs++;
-  if (classd_kernel_sync_tables(d->kernel, why, sizeof why) == 0) return;
-  /* Said once per run of failures: the next successful mirroring catches up. */
-  if (d->sync_failures++ == 0 || d->table_syncs == d->sync_failures) say(LOG_ERR, "%s", why);
+  if (classd_kernel_sync_tables(d->kernel, why, sizeof why) == 0) {
+    d->sync_failing = 0;
+    return;
+  }
+  d->sync_failures++;
+  /* Said once per run of failures: each mirroring compares all of a table,
+   * so the next one that succeeds catches up. */
+  if (!d->sync_failing) say(LOG_ERR, "%s", why);
+  d->sync_failing = 1;
 }
 
 static void write_stats(struct daemon *d) {
