@@ -301,8 +301,9 @@ static int check_kernel_options(struct daemon *d) {
   struct options *o = &d->options;
   char why[256];
   if (!o->tc_interfaces) {
-    if (o->ask_mark_given || o->tc_required) say(LOG_ERR, "%s: only with --tc", o->tc_required ? "--tc-required" : "--ask-mark");
-    return o->ask_mark_given || o->tc_required ? -1 : 0;
+    if (!o->ask_mark_given && !o->tc_required) return 0;
+    say(LOG_ERR, "%s: only with --tc", o->tc_required ? "--tc-required" : "--ask-mark");
+    return -1;
   }
   if (o->null_mode) {
     say(LOG_ERR, "--null: not with --tc");
@@ -560,8 +561,10 @@ static int start_kernel(struct daemon *d) {
   if (code == NUV_KCLFY_OK) {
     why[0] = '\0';
     d->in_kernel = 1;
-    say(LOG_INFO, "classifying in the kernel at the ingress of %s: %zu rules; packets it asks about (mark bit 0x%" PRIx32
-        ") come through queue %ld", d->options.tc_interfaces, d->rules->count, d->options.ask_mark, d->options.queue);
+    say(LOG_INFO,
+        "classifying in the kernel at the ingress of %s: %zu rules; packets it asks about (mark bit 0x%" PRIx32
+        ") come through queue %ld",
+        d->options.tc_interfaces, d->rules->count, d->options.ask_mark, d->options.queue);
     return 0;
   }
   say(LOG_ERR, "cannot classify in the kernel: %s", why);

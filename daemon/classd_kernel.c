@@ -54,7 +54,8 @@ static int attach_all(struct nuv_kclfy *loaded, const struct classd_kernel_confi
   for (i = 0; i < config->interface_count; ++i) {
     int code = nuv_kclfy_attach(loaded, config->ifindexes[i], 0, details, sizeof details);
     if (code != NUV_KCLFY_OK) {
-      if (!if_indextoname((unsigned)config->ifindexes[i], name)) snprintf(name, sizeof name, "%d", config->ifindexes[i]);
+      if (!if_indextoname((unsigned)config->ifindexes[i], name))
+        snprintf(name, sizeof name, "%d", config->ifindexes[i]);
       snprintf(what, sizeof what, "attaching to %s", name);
       return explain(code, what, details, why, size);
     }
