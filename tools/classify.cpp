@@ -205,9 +205,13 @@ bool RuleSet::optimise() {
   return true;
 }
 
-std::size_t RuleSet::classify(const nuv_clfy_packet &packet) {
+const nuv_clfy_compiled *RuleSet::compiled() {
   if (!compiled_ && !compile_failed_) compile_failed_ = nuv_clfy_set_compile(&set_, &compiled_) != NUV_CLFY_COMPILE_OK;
-  if (compiled_) return static_cast<std::size_t>(nuv_clfy_compiled_execute(compiled_, nullptr, &packet));
+  return compiled_;
+}
+
+std::size_t RuleSet::classify(const nuv_clfy_packet &packet) {
+  if (compiled()) return static_cast<std::size_t>(nuv_clfy_compiled_execute(compiled_, nullptr, &packet));
   return static_cast<std::size_t>(nuv_clfy_set_execute(&set_, nullptr, &packet));
 }
 

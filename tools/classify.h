@@ -79,6 +79,9 @@ class RuleSet {
   // The set is searched through its compiled form, made on the first
   // packet after a change (the plain set search serves if compiling fails).
   std::size_t classify(const nuv_clfy_packet &packet);
+  // The set's compiled form (made now if needed), or null when compiling
+  // failed.  Owned by the rule set; valid until the set changes.
+  const nuv_clfy_compiled *compiled();
   // The result of the rule given by its line.
   std::uint16_t result_of(std::size_t line) const;
   // The line a rule of the set came from.

@@ -8,11 +8,11 @@
 #include <set>
 
 #include "classify.h"
+#include "classify_kernel.h"
 #include "commands.h"
 #include "output.h"
 
 namespace tool {
-namespace {
 
 // Reads and parses the rule file into `set`.  Rejected lines are reported
 // as `check` reports them; they make the command fail unless `keep_going`.
@@ -55,6 +55,8 @@ int build_rule_set(const ClassifyOptions &o, RuleSet &set, std::map<std::size_t,
   }
   return errors.empty() ? -1 : -2;
 }
+
+namespace {
 
 std::string verdict_text(std::size_t line, std::uint16_t result) {
   return line ? fmt::format("rule at line {} => {}", line, result) : std::string("no rule");
@@ -325,6 +327,9 @@ class ClassifyRun {
 
 }  // namespace
 
-int run_classify(const ClassifyOptions &options) { return ClassifyRun(options).run(); }
+int run_classify(const ClassifyOptions &options) {
+  if (options.kernel) return run_classify_kernel(options);
+  return ClassifyRun(options).run();
+}
 
 }  // namespace tool

@@ -26,6 +26,7 @@ struct ClassifyOptions {
   std::string live;                  // interface to capture on, instead of files
   std::size_t count = 0;             // live: stop after this many packets (0: no limit)
   double seconds = 0;                // live: stop after this many seconds (0: no limit)
+  bool kernel = false;               // also run every frame through the kernel program and compare
 };
 
 // nikerkiog classify RULES CAPTURE... / --live IFACE

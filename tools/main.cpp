@@ -80,6 +80,9 @@ int main(int argc, char **argv) {
   classify->add_flag("--optimise", co.optimise, "Restructure the rule set into a tree first");
   classify->add_flag("--json", co.json, "Write JSON Lines: one object per packet, then a summary with the rule set");
   classify->add_flag("--keep-going", co.keep_going, "Report rejected rule lines and use the others");
+  classify->add_flag("--kernel", co.kernel,
+                     "Also run every frame through the kernel's tc classifier (needs root and BPF); "
+                     "print both verdicts and exit 1 on any difference");
   classify->add_option("--explain", explain_items, "Explain the verdicts of these packets (3,5-9 or all)")
       ->expected(1)
       ->allow_extra_args(false)

@@ -39,7 +39,7 @@ struct attachment {
 struct nuv_kclfy {
   struct bpf_object *object;
   int program_fd;
-  int images_fd, hits_fd, ethersrc_fd, ipdst4_fd, ipdst6_fd;
+  int images_fd, hits_fd, ethersrc_fd, ipdst4_fd, ipdst6_fd, asked_fd;
   int image_fd; /* the generation in force, -1 before the first */
   uint32_t generation;
   uint32_t mark_mask, ask_mark;
@@ -52,6 +52,8 @@ struct nuv_kclfy {
   size_t attached_count;
   int cpus;
 };
+
+static int per_cpu_sum(struct nuv_kclfy *k, int fd, uint32_t key, uint64_t *sum);
 
 static const char *const result_texts[] = {
     "done",
@@ -162,7 +164,8 @@ int nuv_kclfy_open(const struct nuv_kclfy_options *options, struct nuv_kclfy **o
   k->ethersrc_fd = map_fd(k->object, "ethersrc");
   k->ipdst4_fd = map_fd(k->object, "ipdst4");
   k->ipdst6_fd = map_fd(k->object, "ipdst6");
-  if (k->program_fd < 0 || k->images_fd < 0 || k->hits_fd < 0 || k->ethersrc_fd < 0 || k->ipdst4_fd < 0 ||
+  k->asked_fd = map_fd(k->object, "asked");
+  if (k->asked_fd < 0 || k->program_fd < 0 || k->images_fd < 0 || k->hits_fd < 0 || k->ethersrc_fd < 0 || k->ipdst4_fd < 0 ||
       k->ipdst6_fd < 0) {
     nuv_kclfy_close(k);
     return fail(why, why_size, NUV_KCLFY_E_NO_BPF, "the program's maps are missing");
@@ -422,16 +425,28 @@ struct nuv_clfy *nuv_kclfy_rule(const struct nuv_kclfy *k, uint32_t index) {
 
 int nuv_kclfy_rule_hits(struct nuv_kclfy *k, uint32_t index, uint64_t *hits) {
   if (!k || !hits || !k->image || index >= k->image->rule_count) return NUV_KCLFY_E_INVALID;
-  uint64_t *values = calloc((size_t)k->cpus, sizeof *values);
-  if (!values) return NUV_KCLFY_E_NO_MEMORY;
   /* The generation in force counts from the base its load chose. */
   uint32_t key = ((k->generation - 1u) & 1u ? 0 : NUV_KCLFY_MAX_RULES) + index;
-  int rc = bpf_map_lookup_elem(k->hits_fd, &key, values);
-  uint64_t sum = 0;
-  for (int c = 0; c < k->cpus; ++c) sum += values[c];
+  return per_cpu_sum(k, k->hits_fd, key, hits);
+}
+
+/* The sum over CPUs of a per-CPU counter. */
+static int per_cpu_sum(struct nuv_kclfy *k, int fd, uint32_t key, uint64_t *sum) {
+  uint64_t *values = calloc((size_t)k->cpus, sizeof *values);
+  if (!values) return NUV_KCLFY_E_NO_MEMORY;
+  int rc = bpf_map_lookup_elem(fd, &key, values);
+  *sum = 0;
+  for (int c = 0; c < k->cpus; ++c) *sum += values[c];
   free(values);
-  if (rc != 0) return NUV_KCLFY_E_MAPS;
-  *hits = sum;
+  return rc == 0 ? NUV_KCLFY_OK : NUV_KCLFY_E_MAPS;
+}
+
+int nuv_kclfy_asked(struct nuv_kclfy *k, uint64_t counts[NUV_KCLFY_ASKED_REASONS]) {
+  if (!k || !counts) return NUV_KCLFY_E_INVALID;
+  for (uint32_t r = 0; r < NUV_KCLFY_ASKED_REASONS; ++r) {
+    int rc = per_cpu_sum(k, k->asked_fd, r, &counts[r]);
+    if (rc != NUV_KCLFY_OK) return rc;
+  }
   return NUV_KCLFY_OK;
 }
 

@@ -27,6 +27,7 @@
 #include <stdint.h>
 
 #include "nuvclfy.h"
+#include "nuvclfy_kernel.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -110,6 +111,10 @@ uint32_t nuv_kclfy_rule_count(const struct nuv_kclfy *k);
 int nuv_kclfy_rule_hits(struct nuv_kclfy *k, uint32_t index, uint64_t *hits);
 /* The rule with image index `index`, or null. */
 struct nuv_clfy *nuv_kclfy_rule(const struct nuv_kclfy *k, uint32_t index);
+
+/* How many packets the program asked userspace about, by reason
+ * (NUV_KCLFY_ASKED_* of nuvclfy_kernel.h), summed over CPUs, since open. */
+int nuv_kclfy_asked(struct nuv_kclfy *k, uint64_t counts[NUV_KCLFY_ASKED_REASONS]);
 
 /* Mirrors the named tables the set in force refers to into the kernel's
  * table maps: adds what the library's tables gained and removes what they

@@ -111,7 +111,15 @@ struct {
 } ipdst6 SEC(".maps");
 
 /* Why packets were asked about, for the loader's statistics. */
-enum ask_reason { ASK_RULE, ASK_LINK, ASK_ICMP, ASK_STEPS, ASK_NESTING, ASK_IMAGE, ASK_REASONS };
+enum ask_reason {
+  ASK_RULE = NUV_KCLFY_ASKED_RULE,
+  ASK_LINK = NUV_KCLFY_ASKED_LINK,
+  ASK_ICMP = NUV_KCLFY_ASKED_ICMP,
+  ASK_STEPS = NUV_KCLFY_ASKED_STEPS,
+  ASK_NESTING = NUV_KCLFY_ASKED_NESTING,
+  ASK_IMAGE = NUV_KCLFY_ASKED_IMAGE,
+  ASK_REASONS = NUV_KCLFY_ASKED_REASONS
+};
 
 struct {
   __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);

@@ -195,6 +195,16 @@ struct nuv_kclfy_more {
  * cannot make more disjoint ones). */
 #define NUV_KCLFY_MAX_INTERVALS 32768u
 
+/* Why the kernel program asked userspace about a packet: the index of its
+ * per-CPU counter of such packets. */
+#define NUV_KCLFY_ASKED_RULE 0u    /* the first rule that may apply needs userspace */
+#define NUV_KCLFY_ASKED_LINK 1u    /* the link layer is cut short or has more tags than it reads */
+#define NUV_KCLFY_ASKED_ICMP 2u    /* an ICMPv6 type behind a longer extension chain than it walks */
+#define NUV_KCLFY_ASKED_STEPS 3u   /* the search needs more rounds than its bound */
+#define NUV_KCLFY_ASKED_NESTING 4u /* more matching rules with sub-rules than it keeps */
+#define NUV_KCLFY_ASKED_IMAGE 5u   /* the image is inconsistent */
+#define NUV_KCLFY_ASKED_REASONS 6u
+
 /* Table kinds of the table ids. */
 #define NUV_KCLFY_TABLE_ETHERSRC 1u
 #define NUV_KCLFY_TABLE_IPDST 2u
