@@ -92,6 +92,7 @@ struct daemon {
   char kernel_refused[768];     /* why --tc fell back to queue mode; empty otherwise */
   uint64_t generation, reloads, reload_failures, unchanged;
   uint64_t asked, table_syncs, sync_failures;
+  uint64_t kernel_asked[NUV_KCLFY_ASKED_REASONS]; /* as last read from the kernel */
   int tables_changed; /* DHCP learning may have changed a table since the last mirroring */
   int sync_failing;   /* the last mirroring failed (and was logged) */
   time_t loaded_at, last_reload_at;
@@ -440,7 +441,11 @@ static void write_stats(struct daemon *d) {
   stats.asked = d->asked;
   stats.table_syncs = d->table_syncs;
   stats.sync_failures = d->sync_failures;
-  if (d->kernel) classd_kernel_read_hits(d->kernel, d->rules);
+  stats.kernel_asked = d->kernel_asked;
+  if (d->kernel) {
+    classd_kernel_read_hits(d->kernel, d->rules);
+    classd_kernel_read_asked(d->kernel, d->kernel_asked);
+  }
   stats.rules_path = d->options.rules_path;
   stats.queue = (uint16_t)d->options.queue;
   stats.mark_mask = d->options.mark_mask;
@@ -504,6 +509,7 @@ static int timer_descriptor(long seconds) {
 static void stop_kernel(struct daemon *d) {
   if (!d->kernel) return;
   classd_kernel_read_hits(d->kernel, d->rules);
+  classd_kernel_read_asked(d->kernel, d->kernel_asked);
   classd_kernel_stop(d->kernel);
   d->kernel = NULL;
 }

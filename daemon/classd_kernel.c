@@ -118,6 +118,11 @@ void classd_kernel_read_hits(struct classd_kernel *kernel, struct classd_ruleset
   }
 }
 
+void classd_kernel_read_asked(struct classd_kernel *kernel, uint64_t counts[NUV_KCLFY_ASKED_REASONS]) {
+  uint64_t read[NUV_KCLFY_ASKED_REASONS];
+  if (nuv_kclfy_asked(kernel->loaded, read) == NUV_KCLFY_OK) memcpy(counts, read, sizeof read);
+}
+
 void classd_kernel_stop(struct classd_kernel *kernel) {
   if (!kernel) return;
   nuv_kclfy_close(kernel->loaded);

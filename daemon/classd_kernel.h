@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <nikerkiog.h>
+
 #include "classd_rules.h"
 
 /* Most interfaces one daemon attaches to. */
@@ -49,6 +51,11 @@ int classd_kernel_sync_tables(struct classd_kernel *kernel, char *why, size_t si
 /* Sets the kernel_hits of each rule of `rules`, which must be the set in
  * force, to the kernel's count. */
 void classd_kernel_read_hits(struct classd_kernel *kernel, struct classd_ruleset *rules);
+
+/* The packets the program asked the daemon about since it was loaded, by
+ * reason (indexes NUV_KCLFY_ASKED_*); left as they were when the kernel
+ * cannot say. */
+void classd_kernel_read_asked(struct classd_kernel *kernel, uint64_t counts[NUV_KCLFY_ASKED_REASONS]);
 
 /* Detaches the program from every interface and unloads it.  Null is
  * ignored. */

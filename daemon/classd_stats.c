@@ -45,6 +45,18 @@ static void put_rules(FILE *out, const struct classd_ruleset *rules) {
   fputs(rules && rules->count ? "\n  ]" : "]", out);
 }
 
+/* Why the kernel asked about packets, by counter index (NUV_KCLFY_ASKED_*). */
+static const char *const kAskedReasons[NUV_KCLFY_ASKED_REASONS] = {"rule", "link", "icmp", "steps", "nesting",
+                                                                   "image"};
+
+static void put_kernel_asked(FILE *out, const uint64_t *counts) {
+  size_t i;
+  fputs(", \"kernel_asked\": {", out);
+  for (i = 0; i < NUV_KCLFY_ASKED_REASONS; ++i)
+    fprintf(out, "%s\"%s\": %" PRIu64, i ? ", " : "", kAskedReasons[i], counts ? counts[i] : 0);
+  fputs("}", out);
+}
+
 /* With --tc: where the program runs, or why it does not. */
 static void put_kernel(FILE *out, const struct classd_stats *s) {
   if (!s->tc_interfaces) return;
@@ -53,6 +65,7 @@ static void put_kernel(FILE *out, const struct classd_stats *s) {
   fprintf(out, ", \"ask_mark\": %" PRIu32 ", \"asked\": %" PRIu64 ", \"table_syncs\": %" PRIu64
                ", \"sync_failures\": %" PRIu64,
           s->ask_mark, s->asked, s->table_syncs, s->sync_failures);
+  put_kernel_asked(out, s->kernel_asked);
   if (s->kernel_refused && s->kernel_refused[0]) {
     fputs(", \"refused\": ", out);
     put_string(out, s->kernel_refused);

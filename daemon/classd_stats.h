@@ -5,6 +5,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <nikerkiog.h>
+
 #include "classd_rules.h"
 
 /* Everything the statistics file reports. */
@@ -14,6 +16,7 @@ struct classd_stats {
   uint32_t ask_mark;         /* with --tc */
   const char *kernel_refused; /* why --tc fell back to queue mode; empty when it did not */
   uint64_t asked;           /* queued packets that carried the ask bit */
+  const uint64_t *kernel_asked; /* packets the kernel asked about, by reason (NUV_KCLFY_ASKED_*) */
   uint64_t table_syncs;     /* mirrorings of the tables into the kernel after DHCP learning */
   uint64_t sync_failures;   /* mirrorings that failed */
   const char *rules_path;

@@ -291,6 +291,9 @@ def test_tc_marks_equal_library_verdicts(t):
     check(asking == 0, "no packet keeps the ask bit")
     check(stats["mode"] == "tc" and stats["packets"] == len(dhcp) == learned["tc"]["asked"],
           "only the DHCP requests went through the queue")
+    check(stats["tc"]["kernel_asked"] == {"rule": len(dhcp), "link": 0, "icmp": 0, "steps": 0, "nesting": 0,
+                                          "image": 0},
+          "the kernel asked about the DHCP requests for their rule")
     check(hits[2] == (10, 0), "the phone's requests were decided by the daemon")
     check(hits[3][0] > 0 and hits[3][1] == hits[3][0], "the learned phone's later packets were decided in the kernel")
     check({line: all_hits for line, (all_hits, _) in hits.items() if all_hits} == expected_lines,
@@ -409,7 +412,8 @@ def test_tc_stats_fields_documented(t):
         daemon.stop()
     with open(MANUAL) as f:
         manual = f.read()
-    fields = list(stats) + list(stats["tc"]) + list(stats["rules"][0]) + ["refused"]
+    fields = list(stats) + list(stats["tc"]) + list(stats["tc"]["kernel_asked"]) + list(stats["rules"][0]) + \
+        ["refused"]
     for field in fields:
         check(f"*{field}*" in manual, f"the manual page describes the statistics field {field}")
     check(stats["mode"] == "tc" and stats["mark_mask"] == 0x7FFFFFFF and stats["tc"]["ask_mark"] == ASK,
