@@ -351,6 +351,17 @@ static int parse_options(struct daemon *d, int argc, char **argv) {
   return 0;
 }
 
+/* Makes `fresh` the kernel's set; in the test build the hook may refuse it
+ * as the kernel would. */
+static int load_into_kernel(struct daemon *d, const struct classd_ruleset *fresh, char *why, size_t size) {
+  if (classd_hooks_refuse_kernel() == CLASSD_HOOKS_REFUSE_RELOADS) {
+    snprintf(why, size, "loading the rule set into the kernel: %s: refused by the test build "
+             "(NIKERKIOG_CLASSD_REFUSE_KERNEL)", nuv_kclfy_strerror(NUV_KCLFY_E_MAPS));
+    return NUV_KCLFY_E_MAPS;
+  }
+  return classd_kernel_load(d->kernel, fresh, why, size);
+}
+
 /* Loads the rule file; the new set replaces the one in use only when it
  * was read and built without any error. */
 static int load_rules(struct daemon *d, int reload) {
@@ -370,7 +381,7 @@ static int load_rules(struct daemon *d, int reload) {
     return -1;
   }
   if (error.length) say_lines(LOG_WARNING, error.text);
-  if (d->kernel && classd_kernel_load(d->kernel, fresh, error.text, sizeof error.text) != 0) {
+  if (d->kernel && load_into_kernel(d, fresh, error.text, sizeof error.text) != 0) {
     /* The kernel keeps deciding with the old set: so does the queue. */
     d->reload_failures++;
     say(LOG_ERR, "reload failed, the rules in use stay: %s", error.text);
@@ -557,7 +568,7 @@ static int start_kernel(struct daemon *d) {
   char *why = d->kernel_refused;
   const size_t size = sizeof d->kernel_refused;
   int code;
-  if (classd_hooks_refuse_kernel()) {
+  if (classd_hooks_refuse_kernel() == CLASSD_HOOKS_REFUSE_LOADING) {
     code = NUV_KCLFY_E_NO_BPF;
     snprintf(why, size, "loading the program: %s: refused by the test build (NIKERKIOG_CLASSD_REFUSE_KERNEL)",
              nuv_kclfy_strerror(code));

@@ -17,9 +17,14 @@ long classd_hooks_live_blocks(void);
 /* The classifier's allocations so far, or -1 when not measured. */
 long classd_hooks_allocations(void);
 
-/* Whether loading the classifier into the kernel is to fail as on a kernel
- * without BPF (the test build: when NIKERKIOG_CLASSD_REFUSE_KERNEL=1 is in
- * the environment); 0 in the daemon that is shipped. */
+/* What of the classifier in the kernel is to fail (the test build: the
+ * environment variable NIKERKIOG_CLASSD_REFUSE_KERNEL); always
+ * CLASSD_HOOKS_REFUSE_NOTHING in the daemon that is shipped. */
+enum classd_hooks_refusal {
+  CLASSD_HOOKS_REFUSE_NOTHING = 0,
+  CLASSD_HOOKS_REFUSE_LOADING = 1, /* "1": loading fails as on a kernel without BPF */
+  CLASSD_HOOKS_REFUSE_RELOADS = 2  /* "reload": every set after the first is refused */
+};
 int classd_hooks_refuse_kernel(void);
 
 #endif

@@ -9,4 +9,4 @@ long classd_hooks_live_blocks(void) { return -1; }
 
 long classd_hooks_allocations(void) { return -1; }
 
-int classd_hooks_refuse_kernel(void) { return 0; }
+int classd_hooks_refuse_kernel(void) { return CLASSD_HOOKS_REFUSE_NOTHING; }

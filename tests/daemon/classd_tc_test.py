@@ -190,8 +190,8 @@ def require_bpf():
         sys.exit(SKIP)
 
 
-def start_in_kernel(t, rules, stats_path, env=None):
-    process = Daemon(t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--tc", ROUTER_IF, "--stats",
+def start_in_kernel(t, rules, stats_path, env=None, daemon=None):
+    process = Daemon(daemon or t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--tc", ROUTER_IF, "--stats",
                                            stats_path, "--stats-interval", "0"], env=env)
     wait_for(process, "classifying in the kernel")
     return process
@@ -226,6 +226,7 @@ eth.sourceoui 02:aa:00 udp.dport 5004 => 5
 tcp.dport 6001 tcp.flags 0x002/0x012 => 6
 tcp.dport 6001 => 7
 ip.version 6 udp.dport 5004 => 8
+udp.dport 5006 packetmatch *VOIP* => 11
 """
 
 PHONE, LAPTOP, TABLET = "02:aa:00:00:00:02", "02:bb:00:00:00:03", "02:cc:00:00:00:04"
@@ -243,24 +244,32 @@ def live_traffic(count):
         lambda i: tcp4_frame(TABLET, "10.9.0.7", 6001, (0x02, 0x12, 0x10, 0x11)[i % 4]),
         lambda i: udp4_frame((PHONE, TABLET)[i % 2], "10.9.0.8", 5005),
         lambda i: udp4_frame(LAPTOP, "10.9.0.9", 5999),
+        lambda i: ethernet(TABLET, ROUTER_MAC, 0x0800,
+                           ipv4("10.9.0.10", ROUTER_IP, 17, udp(40000, 5006, (b"a VOIP call", b"a game")[i % 2]))),
     ]
     for i in range(count):
         frames.append(kinds[i % len(kinds)](i // len(kinds)))
     return frames
 
 
+def payload_matched(frames):
+    """The frames to port 5006, which the payload pattern's rule may apply to."""
+    return sum(1 for f in frames if f[12:14] == b"\x08\x00" and f[23] == 17 and f[36:38] == b"\x13\x8e")
+
+
 def test_tc_marks_equal_library_verdicts(t):
     """10,000 frames through the classifier at the ingress of an interface:
     the marks they carry after the queue are the library's verdicts for the
-    same frames; DHCP requests go through the queue, and the client learned
-    from them is recognised in the kernel at once."""
+    same frames; DHCP requests and packets for a payload pattern go through
+    the queue, and the client learned from the requests is recognised in
+    the kernel at once."""
     require_bpf()
     rules = os.path.join(t.workdir, "rules.txt")
     stats_path = os.path.join(t.workdir, "stats.json")
     write_file(rules, LIVE_RULES)
     make_link()
     queued_by = queue_asked_packets()
-    count_marks(range(0, 11))
+    count_marks(range(0, 12))
     dhcp = [dhcp_discover(PHONE, "phone-a1") for _ in range(10)] + [dhcp_discover(LAPTOP, "laptop") for _ in range(5)]
     before, after = live_traffic(5000), live_traffic(10000 - 5000 - len(dhcp))
     daemon = start_in_kernel(t, rules, stats_path)
@@ -269,8 +278,8 @@ def test_tc_marks_equal_library_verdicts(t):
         send_frames(dhcp)
         # The phone is learned by the daemon, and its learning mirrored into
         # the kernel, before the rest is sent.
-        learned = wait_stats(daemon, stats_path, lambda s: s["tc"]["asked"] == len(dhcp) and
-                             s["tc"]["table_syncs"] >= 1)
+        learned = wait_stats(daemon, stats_path, lambda s: s["tc"]["asked"] == len(dhcp) + payload_matched(before)
+                             and s["tc"]["table_syncs"] >= 1)
         send_frames(after)
         stats = wait_stats(daemon, stats_path, lambda s: counted_marks()[1] >= 10000)
     finally:
@@ -286,20 +295,21 @@ def test_tc_marks_equal_library_verdicts(t):
           f"counted after the queue {sorted(actual.items())}; queued {stats['packets']}, "
           f"hits (all, kernel) {sorted(hits.items())}")
     check(total == len(frames) == 10000, f"every frame reaches the input hook ({total})")
-    check(len(expected) == 11, "the traffic reaches every class of the rule file and none")
+    check(len(expected) == 12, "the traffic reaches every class of the rule file and none")
     check(actual == expected, "marks counted after the queue differ from the tool's verdicts")
     check(asking == 0, "no packet keeps the ask bit")
-    check(stats["mode"] == "tc" and stats["packets"] == len(dhcp) == learned["tc"]["asked"],
-          "only the DHCP requests went through the queue")
-    check(stats["tc"]["kernel_asked"] == {"rule": len(dhcp), "link": 0, "icmp": 0, "steps": 0, "nesting": 0,
-                                          "image": 0},
-          "the kernel asked about the DHCP requests for their rule")
+    asked = len(dhcp) + payload_matched(frames)
+    check(stats["mode"] == "tc" and stats["packets"] == asked == stats["tc"]["asked"],
+          "only the DHCP requests and the packets a payload pattern may match went through the queue")
+    check(stats["tc"]["kernel_asked"] == {"rule": asked, "link": 0, "icmp": 0, "steps": 0, "nesting": 0, "image": 0},
+          "the kernel asked about them for their rules")
     check(hits[2] == (10, 0), "the phone's requests were decided by the daemon")
     check(hits[3][0] > 0 and hits[3][1] == hits[3][0], "the learned phone's later packets were decided in the kernel")
     check({line: all_hits for line, (all_hits, _) in hits.items() if all_hits} == expected_lines,
           "each rule applied to the packets the tool finds it applies to")
-    check(all(kernel == all_hits for line, (all_hits, kernel) in hits.items() if line != 2),
-          "the kernel decided every packet but the DHCP requests")
+    check(hits[12][0] > 0 and hits[12][1] == 0, "the payload pattern was matched by the daemon")
+    check(all(kernel == all_hits for line, (all_hits, kernel) in hits.items() if line not in (2, 12)),
+          "the kernel decided every other packet")
 
 
 def test_tc_reload_and_detach(t):
@@ -339,6 +349,38 @@ def test_tc_reload_and_detach(t):
     check(ingress_filters() == "", "no filter is left at the ingress after SIGTERM")
     qdiscs = subprocess.run(["tc", "qdisc", "show", "dev", ROUTER_IF], capture_output=True, text=True).stdout
     check("clsact" not in qdiscs, f"the clsact discipline the daemon added is gone: {qdiscs}")
+
+
+def test_tc_reload_refused_by_kernel_keeps_old_set(t):
+    """When the kernel does not take a reloaded set, the old one stays in
+    force, in the kernel and in the daemon alike, and the log says why."""
+    require_bpf()
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    write_file(rules, "udp.dport 5001 => 1\nudp.dport 5002 packetmatch *VOIP* => 3\n")
+    make_link()
+    queue_asked_packets()
+    count_marks(range(0, 5))
+    frames = [udp4_frame(LAPTOP, "10.9.0.2", 5001) for _ in range(10)] + \
+        [ethernet(LAPTOP, ROUTER_MAC, 0x0800, ipv4("10.9.0.2", ROUTER_IP, 17, udp(40000, 5002, b"a VOIP call")))
+         for _ in range(10)]
+    daemon = start_in_kernel(t, rules, stats_path, env={"NIKERKIOG_CLASSD_REFUSE_KERNEL": "reload"},
+                             daemon=t.test_daemon)
+    try:
+        write_file(rules, "udp.dport 5001 => 2\nudp.dport 5002 packetmatch *VOIP* => 4\n")
+        daemon.signal(signal.SIGHUP)
+        stats = wait_stats(daemon, stats_path, lambda s: s["reloads"]["failed"] == 1)
+        send_frames(frames)
+        stats = wait_stats(daemon, stats_path, lambda s: s["packets"] == 10 and s["rules"][0]["kernel_hits"] == 10)
+    finally:
+        status = daemon.stop()
+    actual, total, _ = counted_marks()
+    print(f"counted {sorted(actual.items())} of {total}; {daemon.output()}")
+    check(status == 0, f"exit status {status}")
+    check("reload failed, the rules in use stay: loading the rule set into the kernel: " in daemon.output(),
+          "the log says why the reload failed")
+    check(stats["generation"] == 1 and stats["reloads"]["done"] == 0, "the first set is still in force")
+    check(actual == {1: 10, 3: 10}, "the kernel and the daemon both decide with the first set")
 
 
 def test_tc_refused_falls_back_to_queue(t):

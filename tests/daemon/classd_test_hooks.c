@@ -17,5 +17,7 @@ long classd_hooks_allocations(void) { return nuvcsock_allocations(); }
 
 int classd_hooks_refuse_kernel(void) {
   const char *refuse = getenv("NIKERKIOG_CLASSD_REFUSE_KERNEL");
-  return refuse && strcmp(refuse, "1") == 0;
+  if (refuse && strcmp(refuse, "1") == 0) return CLASSD_HOOKS_REFUSE_LOADING;
+  if (refuse && strcmp(refuse, "reload") == 0) return CLASSD_HOOKS_REFUSE_RELOADS;
+  return CLASSD_HOOKS_REFUSE_NOTHING;
 }
