@@ -15,7 +15,7 @@ what=${1:-native}
 native=(make cmake ninja-build g++ clang pkg-config ccache libgtest-dev libgmock-dev librapidcheck-dev
         libbenchmark-dev libclang-rt-14-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev libtins-dev
         scdoc python3 tshark wireshark-common python3-scapy binutils file valgrind
-        libnetfilter-queue-dev libmnl-dev iptables iproute2 util-linux nftables dpdk-dev)
+        libnetfilter-queue-dev libmnl-dev iptables iproute2 util-linux nftables dpdk-dev libbpf-dev)
 cross=(g++-arm-linux-gnueabi g++-s390x-linux-gnu qemu-user
        libgtest-dev:armel libgmock-dev:armel libstdc++6:armel librapidcheck-dev:armel
        libgtest-dev:s390x libgmock-dev:s390x libstdc++6:s390x librapidcheck-dev:s390x)
