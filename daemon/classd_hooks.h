@@ -17,4 +17,9 @@ long classd_hooks_live_blocks(void);
 /* The classifier's allocations so far, or -1 when not measured. */
 long classd_hooks_allocations(void);
 
+/* Whether loading the classifier into the kernel is to fail as on a kernel
+ * without BPF (the test build: when NIKERKIOG_CLASSD_REFUSE_KERNEL=1 is in
+ * the environment); 0 in the daemon that is shipped. */
+int classd_hooks_refuse_kernel(void);
+
 #endif

@@ -243,6 +243,7 @@ static int add_rule(struct classd_ruleset *rules, size_t *capacity, const char *
   }
   memcpy(rule->action_data, &index, sizeof index);
   rule->result = line->result;
+  if (rule->flags & NUV_CLFY_F_DHCP) rules->learns = 1;
   resolve_interfaces(rule, devs);
   rules->last = nuv_clfy_add_tail_after(&rules->set, rules->last, rule);
   return 0;

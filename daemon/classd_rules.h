@@ -35,7 +35,8 @@ struct classd_rule {
   uint32_t line;     /* 1-based line in the file */
   uint16_t result;   /* the mark given to packets it applies to */
   uint32_t slot;     /* verdict counter of its result in classd_classes */
-  uint64_t hits;     /* packets it applied to */
+  uint64_t hits;     /* packets from the queue it applied to */
+  uint64_t kernel_hits; /* packets the kernel's program decided by it (as last read) */
   char *text;        /* the rule text as written, without "=> N" */
 };
 
@@ -50,6 +51,7 @@ struct classd_ruleset {
   struct classd_rule *rules;
   size_t count;
   uint32_t checksum; /* CRC-32 (as zlib and Ethernet compute it) of the file's bytes */
+  int learns;        /* a rule has a DHCP condition: a search may change a table */
 };
 
 /* Why loading failed: one line per error, "FILE:LINE:COLUMN: reason" for

@@ -39,13 +39,46 @@ static void put_rules(FILE *out, const struct classd_ruleset *rules) {
     const struct classd_rule *rule = &rules->rules[i];
     fprintf(out, "%s\n    {\"line\": %u, \"rule\": ", i ? "," : "", (unsigned)rule->line);
     put_string(out, rule->text);
-    fprintf(out, ", \"result\": %u, \"hits\": %" PRIu64 "}", (unsigned)rule->result, rule->hits);
+    fprintf(out, ", \"result\": %u, \"hits\": %" PRIu64 ", \"kernel_hits\": %" PRIu64 "}", (unsigned)rule->result,
+            rule->hits + rule->kernel_hits, rule->kernel_hits);
   }
   fputs(rules && rules->count ? "\n  ]" : "]", out);
 }
 
+/* Why the kernel asked about packets, by counter index (NUV_KCLFY_ASKED_*). */
+static const char *const kAskedReasons[NUV_KCLFY_ASKED_REASONS] = {"rule", "link", "icmp", "steps", "nesting",
+                                                                   "image"};
+
+static void put_kernel_asked(FILE *out, const uint64_t *counts) {
+  size_t i;
+  fputs(", \"kernel_asked\": {", out);
+  for (i = 0; i < NUV_KCLFY_ASKED_REASONS; ++i)
+    fprintf(out, "%s\"%s\": %" PRIu64, i ? ", " : "", kAskedReasons[i], counts ? counts[i] : 0);
+  fputs("}", out);
+}
+
+/* With --tc: where the program runs, or why it does not. */
+static void put_kernel(FILE *out, const struct classd_stats *s) {
+  if (!s->tc_interfaces) return;
+  fputs("  \"tc\": {\"interfaces\": ", out);
+  put_string(out, s->tc_interfaces);
+  fprintf(out, ", \"ask_mark\": %" PRIu32 ", \"asked\": %" PRIu64 ", \"table_syncs\": %" PRIu64
+               ", \"sync_failures\": %" PRIu64,
+          s->ask_mark, s->asked, s->table_syncs, s->sync_failures);
+  put_kernel_asked(out, s->kernel_asked);
+  if (s->kernel_refused && s->kernel_refused[0]) {
+    fputs(", \"refused\": ", out);
+    put_string(out, s->kernel_refused);
+  }
+  fputs("},\n", out);
+}
+
 static void put_stats(FILE *out, const struct classd_stats *s) {
-  fputs("{\n  \"rules_file\": ", out);
+  fputs("{\n  \"mode\": ", out);
+  put_string(out, s->mode ? s->mode : "queue");
+  fputs(",\n", out);
+  put_kernel(out, s);
+  fputs("  \"rules_file\": ", out);
   put_string(out, s->rules_path ? s->rules_path : "");
   fprintf(out, ",\n  \"queue\": %u,\n", (unsigned)s->queue);
   fprintf(out, "  \"mark_mask\": %" PRIu32 ",\n", s->mark_mask);

@@ -5,10 +5,20 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <nikerkiog.h>
+
 #include "classd_rules.h"
 
 /* Everything the statistics file reports. */
 struct classd_stats {
+  const char *mode;          /* "tc": classifying in the kernel too; "queue": only here */
+  const char *tc_interfaces; /* --tc as given; null without */
+  uint32_t ask_mark;         /* with --tc */
+  const char *kernel_refused; /* why --tc fell back to queue mode; empty when it did not */
+  uint64_t asked;           /* queued packets that carried the ask bit */
+  const uint64_t *kernel_asked; /* packets the kernel asked about, by reason (NUV_KCLFY_ASKED_*) */
+  uint64_t table_syncs;     /* mirrorings of the tables into the kernel after DHCP learning */
+  uint64_t sync_failures;   /* mirrorings that failed */
   const char *rules_path;
   uint16_t queue;
   uint32_t mark_mask;       /* the mark bits the daemon sets */

@@ -36,9 +36,14 @@ if [ -x "$build/daemon/nikerkiog-classd" ]; then
     fi
   done
   "$installed" --version | grep -q '^nikerkiog-classd [0-9]'
+  # The loader of the kernel's classifier is built with the daemon, as the
+  # rule-file reader is: from its sources and the program the build embeds.
+  cc -std=c11 -Wall -Wextra -Werror -D_DEFAULT_SOURCE -c -o "$work/nuvkclfy.o" \
+     "$source_root"/sharedlibs/kernclfy/nuvkclfy.c $(pkg-config --cflags nikerkiog libbpf)
   cc -std=c11 -Wall -Wextra -Werror -o "$work/classd-pc" "$source_root"/daemon/*.c \
      "$source_root"/sharedlibs/rulefile/rulefile_load.c -I"$source_root"/sharedlibs/rulefile \
-     $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl) -Wl,-rpath,"$libdir"
+     "$work/nuvkclfy.o" "$build"/sharedlibs/kernclfy/nuvclfy_tc_object.c -I"$source_root"/sharedlibs/kernclfy \
+     $(pkg-config --cflags --libs nikerkiog libnetfilter_queue libmnl libbpf) -Wl,-rpath,"$libdir"
   "$work/classd-pc" --help >/dev/null
   "$installed" --help >/dev/null
   # A router links its own platform library, which has the platform's
