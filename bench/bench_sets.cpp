@@ -41,8 +41,8 @@
 #endif
 
 #include "capture_frames.h"
+#include "generated_sets.h"
 #include "nikerkiog.h"
-#include "ruleset_files.h"
 
 namespace {
 
@@ -54,32 +54,18 @@ using testsupport::TracedPacket;
 using testsupport::TraceKind;
 using testsupport::TupleRule;
 
+using benchsupport::Flavour;
+using benchsupport::kFlavours;
+using benchsupport::OwnedCompiled;
+using benchsupport::OwnedSet;
+
 volatile unsigned long g_sink;
 
-struct Flavour {
-  const char *file;
-  const char *name;
-};
-constexpr Flavour kFlavours[] = {{"acl", "ACL-like"}, {"fw", "firewall-like"}, {"ipc", "IP-chain-like"}};
 constexpr int kSizes[] = {1, 10, 100, 1000, 10000};
 // rte_acl classifies this many packets per call.
 constexpr std::size_t kBatch = 64;
 // The list searches of large sets are timed on the first packets only.
 constexpr std::size_t kSlowSubset = 256;
-
-struct OwnedSet {
-  nuv_clfy_set set{};
-  OwnedSet() = default;
-  OwnedSet(const OwnedSet &) = delete;
-  ~OwnedSet() { nuv_clfy_del_and_free_all(&set); }
-};
-
-struct OwnedCompiled {
-  nuv_clfy_compiled *c = nullptr;
-  OwnedCompiled() = default;
-  OwnedCompiled(const OwnedCompiled &) = delete;
-  ~OwnedCompiled() { nuv_clfy_compiled_free(c); }
-};
 
 [[noreturn]] void die(const std::string &message) {
   std::fprintf(stderr, "bench_sets: %s\n", message.c_str());
@@ -181,21 +167,10 @@ struct Row {
   nuv_clfy_compiled_stats stats{};
 };
 
-struct Loaded {
-  std::vector<std::string> lines;
-  std::vector<TupleRule> tuples;
-  std::vector<TracedPacket> packets;
-};
-
-Loaded load(const std::string &stem) {
-  Loaded l;
-  l.lines = testsupport::content_lines(stem + ".rules");
-  l.tuples = testsupport::read_tuples(stem + ".tuples");
+benchsupport::LoadedSet load(const std::string &stem) {
+  benchsupport::LoadedSet l;
   std::string error;
-  l.packets = testsupport::read_trace(stem + ".trace", error);
-  if (!error.empty()) die(error);
-  if (l.lines.empty() || l.lines.size() != l.tuples.size())
-    die(stem + ": missing rule set, or .rules and .tuples of different lengths (run the bench_rulesets target)");
+  if (!benchsupport::load_generated_set(stem, l, error)) die(error);
   return l;
 }
 
@@ -207,7 +182,7 @@ struct AclReference {};
 
 Row run_set(const Flavour &flavour, int n, const std::string &dir, int repetitions, bool with_acl) {
   const std::string name = std::string(flavour.file) + "-" + std::to_string(n);
-  const Loaded set = load(dir + "/" + name);
+  const benchsupport::LoadedSet set = load(benchsupport::set_stem(dir, flavour, n));
   Row row;
   row.flavour = flavour.name;
   row.rules = n;

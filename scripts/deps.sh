@@ -11,12 +11,12 @@ what=${1:-native}
 # scdoc builds the manual pages; python3, tshark, editcap (wireshark-common)
 # and scapy are the tests' references; iproute2, iptables, nftables and
 # util-linux (unshare, nsenter, setpriv) run the live and daemon tests in
-# network namespaces; libbpf-dev builds the loader of the classifier in the
-# kernel's data path (the tool and the daemon link it).
+# network namespaces; libbpf-dev and linux-libc-dev build the kernel
+# classifier's program (clang for the BPF target) and its loader.
 native=(make cmake ninja-build g++ clang pkg-config ccache libgtest-dev libgmock-dev librapidcheck-dev
         libbenchmark-dev libclang-rt-14-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev libtins-dev
         scdoc python3 tshark wireshark-common python3-scapy binutils file valgrind
-        libnetfilter-queue-dev libmnl-dev libbpf-dev iptables iproute2 util-linux nftables dpdk-dev)
+        libnetfilter-queue-dev libmnl-dev iptables iproute2 util-linux nftables dpdk-dev libbpf-dev linux-libc-dev)
 cross=(g++-arm-linux-gnueabi g++-s390x-linux-gnu qemu-user
        libgtest-dev:armel libgmock-dev:armel libstdc++6:armel librapidcheck-dev:armel
        libgtest-dev:s390x libgmock-dev:s390x libstdc++6:s390x librapidcheck-dev:s390x)

@@ -75,7 +75,7 @@ class KernelRun {
         status = kExitError;
       }
     }
-    fmt::print("# kernel: {} frames, {} agree, {} asked userspace where it may, {} not run (not Ethernet), {} differ; "
+    fmt::print("# kernel: {} frames, {} agree, {} asked userspace where it may, {} not run (not Ethernet, or shorter than the IP header), {} differ; "
                "the verifier processed {} instructions\n",
                frames_, agree_, asked_, not_run_, differ_, nuv_kclfy_verified_instructions(kernel_));
     if (differ_) status = std::max(status, kExitFindings);
@@ -132,6 +132,12 @@ class KernelRun {
     }
   }
 
+  static bool shorter_than_ip_header(const Frame &frame) {
+    const std::size_t ip = frame.link_complete ? frame.network_offset : 14;
+    const std::size_t fixed = frame.is_ipv6() ? 40 : frame.is_ipv4() ? 20 : 0;
+    return frame.bytes.size() < ip + fixed;
+  }
+
   std::string library_text(bool described, const std::string &why, std::size_t line) {
     if (!described) return why;
     return line ? fmt::format("rule at line {} => {}", line, set_.result_of(line)) : std::string("no rule");
@@ -156,6 +162,12 @@ class KernelRun {
     std::string library = library_text(descriptor.has_value(), why, line);
     std::string kernel;
     bool same = false;
+    if (rc != NUV_KCLFY_OK && shorter_than_ip_header(frame)) {
+      ++not_run_;
+      fmt::print("{:>5}  {:<40} kernel: not run (the kernel tests no frame shorter than its IP header)\n",
+                 frame.number, library);
+      return;
+    }
     if (rc != NUV_KCLFY_OK) {
       kernel = fmt::format("test run failed: {}", nuv_kclfy_strerror(rc));
     } else if (run.verdict == NUV_KCLFY_ASK) {

@@ -102,7 +102,10 @@ struct nuv_kclfy_run {
 };
 
 /* Runs the program once on the Ethernet frame `frame` of `length` bytes
- * (BPF_PROG_TEST_RUN).  Counts hits as a real packet does. */
+ * (BPF_PROG_TEST_RUN).  Counts hits as a real packet does.  The kernel
+ * refuses test runs of IPv4 and IPv6 frames shorter than their fixed IP
+ * header (NUV_KCLFY_E_TEST_RUN); such frames never pass the IP layer of a
+ * router, and the program itself reads them as the library does. */
 int nuv_kclfy_test_run(struct nuv_kclfy *k, const void *frame, uint32_t length, struct nuv_kclfy_run *run);
 
 /* The number of rules of the set in force, and the kernel's hit count of
