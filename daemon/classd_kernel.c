@@ -13,6 +13,13 @@ struct classd_kernel {
   struct nuv_kclfy *loaded;
 };
 
+static int is_listed(const struct classd_kernel_config *config, unsigned index) {
+  size_t i;
+  for (i = 0; i < config->interface_count; ++i)
+    if (config->ifindexes[i] == (int)index) return 1;
+  return 0;
+}
+
 int classd_kernel_interfaces(const char *list, struct classd_kernel_config *config, char *why, size_t size) {
   const char *name = list;
   config->interface_count = 0;
@@ -29,6 +36,10 @@ int classd_kernel_interfaces(const char *list, struct classd_kernel_config *conf
     index = if_nametoindex(copy);
     if (index == 0) {
       snprintf(why, size, "--tc: no interface named %s", copy);
+      return -1;
+    }
+    if (is_listed(config, index)) {
+      snprintf(why, size, "--tc: %s named twice", copy);
       return -1;
     }
     if (config->interface_count == CLASSD_KERNEL_MAX_INTERFACES) {

@@ -27,7 +27,7 @@ struct classd_kernel;
 
 /* Reads "NAME[,NAME...]" into `config`'s interface indexes.  Returns 0, or
  * -1 with `why` (of `size` bytes) filled when a name is empty, is no
- * interface of the system, or there are too many. */
+ * interface of the system or is given twice, or there are too many. */
 int classd_kernel_interfaces(const char *list, struct classd_kernel_config *config, char *why, size_t size);
 
 /* Loads the program with `rules`' compiled set and attaches it at the

@@ -190,9 +190,9 @@ def require_bpf():
         sys.exit(SKIP)
 
 
-def start_in_kernel(t, rules, stats_path, env=None, daemon=None):
-    process = Daemon(daemon or t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--tc", ROUTER_IF, "--stats",
-                                           stats_path, "--stats-interval", "0"], env=env)
+def start_in_kernel(t, rules, stats_path, env=None, daemon=None, interfaces=ROUTER_IF):
+    process = Daemon(daemon or t.daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--tc", interfaces,
+                                                     "--stats", stats_path, "--stats-interval", "0"], env=env)
     wait_for(process, "classifying in the kernel")
     return process
 
@@ -314,7 +314,7 @@ def test_tc_marks_equal_library_verdicts(t):
 
 def test_tc_reload_and_detach(t):
     """SIGHUP switches the kernel's set (a wrong file keeps the old one);
-    SIGTERM leaves no filter on the interface."""
+    SIGTERM leaves no filter on the interfaces."""
     require_bpf()
     rules = os.path.join(t.workdir, "rules.txt")
     stats_path = os.path.join(t.workdir, "stats.json")
@@ -323,9 +323,9 @@ def test_tc_reload_and_detach(t):
     queue_asked_packets()
     count_marks(range(0, 4))
     frames = [udp4_frame(LAPTOP, "10.9.0.2", 5001) for _ in range(100)]
-    daemon = start_in_kernel(t, rules, stats_path)
+    daemon = start_in_kernel(t, rules, stats_path, interfaces=f"{ROUTER_IF},{SENDER_IF}")
     try:
-        check(ingress_filters(), "the program is attached at the ingress")
+        check(ingress_filters() and ingress_filters(SENDER_IF), "the program is attached at both ingresses")
         send_frames(frames)
         first = wait_stats(daemon, stats_path, lambda s: s["rules"][0]["kernel_hits"] == 100)
         write_file(rules, "udp.dport 5001 => 2\n")
@@ -346,9 +346,10 @@ def test_tc_reload_and_detach(t):
     check(status == 0, f"exit status {status}: {daemon.output()}")
     check(actual == {1: 100, 2: 200}, "the reload switched the marks; the wrong file changed nothing")
     check(third["generation"] == 2 and third["packets"] == 0, "two sets loaded, nothing queued")
-    check(ingress_filters() == "", "no filter is left at the ingress after SIGTERM")
-    qdiscs = subprocess.run(["tc", "qdisc", "show", "dev", ROUTER_IF], capture_output=True, text=True).stdout
-    check("clsact" not in qdiscs, f"the clsact discipline the daemon added is gone: {qdiscs}")
+    for interface in (ROUTER_IF, SENDER_IF):
+        check(ingress_filters(interface) == "", f"no filter is left at the ingress of {interface} after SIGTERM")
+        qdiscs = subprocess.run(["tc", "qdisc", "show", "dev", interface], capture_output=True, text=True).stdout
+        check("clsact" not in qdiscs, f"the clsact discipline the daemon added to {interface} is gone: {qdiscs}")
 
 
 def test_tc_reload_refused_by_kernel_keeps_old_set(t):
@@ -424,6 +425,7 @@ def test_tc_options_refused(t):
     base = ["--queue", str(QUEUE), "--rules", rules]
     for args, complaint in ((["--tc", "nosuch0"], "--tc: no interface named nosuch0"),
                             (["--tc", f"{ROUTER_IF},"], "give interface names separated by commas"),
+                            (["--tc", f"{ROUTER_IF},{SENDER_IF},{ROUTER_IF}"], f"--tc: {ROUTER_IF} named twice"),
                             (["--ask-mark", "0x1"], "--ask-mark: only with --tc"),
                             (["--tc-required"], "--tc-required: only with --tc"),
                             (["--tc", ROUTER_IF, "--ask-mark", "0"], "--ask-mark: a nonzero 32-bit number"),
