@@ -13,20 +13,18 @@ Loading a BPF program needs root: without it a test says so and exits 77
 (skipped).  As root a kernel that refuses the program fails the test: the
 machines these tests run on can load it.
 """
-import argparse
 import json
 import os
 import re
-import shutil
 import signal
 import socket
 import struct
 import subprocess
 import sys
-import tempfile
 import time
 
-from classd_test import (MANUAL, WAIT, Daemon, Failure, Host, check, enter_namespace, kernel_queues_from_nftables,
+from classd_test import main as run_named_test
+from classd_test import (MANUAL, WAIT, Daemon, Failure, Host, check, kernel_queues_from_nftables,
                          nft_counters, nft_load, run, run_daemon, wait_stats, write_file)
 
 SKIP = 77
@@ -278,8 +276,8 @@ def test_tc_marks_equal_library_verdicts(t):
         send_frames(dhcp)
         # The phone is learned by the daemon, and its learning mirrored into
         # the kernel, before the rest is sent.
-        learned = wait_stats(daemon, stats_path, lambda s: s["tc"]["asked"] == len(dhcp) + payload_matched(before)
-                             and s["tc"]["table_syncs"] >= 1)
+        wait_stats(daemon, stats_path,
+                   lambda s: s["tc"]["asked"] == len(dhcp) + payload_matched(before) and s["tc"]["table_syncs"] >= 1)
         send_frames(after)
         stats = wait_stats(daemon, stats_path, lambda s: counted_marks()[1] >= 10000)
     finally:
@@ -607,35 +605,5 @@ with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as s:
 """
 
 
-class Context:
-    def __init__(self, daemon, test_daemon, tool, workdir):
-        self.daemon, self.test_daemon, self.tool, self.workdir = daemon, test_daemon, tool, workdir
-
-
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("name")
-    parser.add_argument("--daemon", required=True)
-    parser.add_argument("--test-daemon", required=True)
-    parser.add_argument("--tool", required=True)
-    args = parser.parse_args()
-    test = globals().get("test_" + args.name)
-    if test is None:
-        print(f"no test named {args.name}")
-        return 2
-    enter_namespace()
-    workdir = tempfile.mkdtemp(prefix="classd-tc-")
-    try:
-        test(Context(os.path.abspath(args.daemon), os.path.abspath(args.test_daemon), os.path.abspath(args.tool),
-                     workdir))
-    except Failure as failure:
-        print(f"FAILED: {args.name}: {failure}")
-        return 1
-    finally:
-        shutil.rmtree(workdir, ignore_errors=True)
-    print(f"passed: {args.name}")
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_named_test(globals(), "classd-tc-"))

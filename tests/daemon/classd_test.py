@@ -1192,19 +1192,21 @@ class Context:
         self.daemon, self.test_daemon, self.tool, self.workdir = daemon, test_daemon, tool, workdir
 
 
-def main():
+def main(tests=None, prefix="classd-"):
+    """Runs the test named on the command line among `tests` (this file's
+    when none are given: the functions named test_NAME)."""
     parser = argparse.ArgumentParser()
     parser.add_argument("name")
     parser.add_argument("--daemon", required=True)
     parser.add_argument("--test-daemon", required=True)
     parser.add_argument("--tool", required=True)
     args = parser.parse_args()
-    test = globals().get("test_" + args.name)
+    test = (tests or globals()).get("test_" + args.name)
     if test is None:
         print(f"no test named {args.name}")
         return 2
     enter_namespace()
-    workdir = tempfile.mkdtemp(prefix="classd-")
+    workdir = tempfile.mkdtemp(prefix=prefix)
     try:
         test(Context(os.path.abspath(args.daemon), os.path.abspath(args.test_daemon), os.path.abspath(args.tool),
                      workdir))
