@@ -570,7 +570,7 @@ static int start_kernel(struct daemon *d) {
   int code;
   if (classd_hooks_refuse_kernel() == CLASSD_HOOKS_REFUSE_LOADING) {
     code = NUV_KCLFY_E_NO_BPF;
-    snprintf(why, size, "loading the program: %s: refused by the test build (NIKERKIOG_CLASSD_REFUSE_KERNEL)",
+    snprintf(why, size, "%s: refused by the test build (NIKERKIOG_CLASSD_REFUSE_KERNEL)",
              nuv_kclfy_strerror(code));
   } else {
     code = classd_kernel_start(&d->kernel_config, d->rules, &d->kernel, why, size);

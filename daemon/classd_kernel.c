@@ -52,10 +52,11 @@ int classd_kernel_interfaces(const char *list, struct classd_kernel_config *conf
   }
 }
 
-/* "WHAT: the loader's text for `code`: the details", the details being the
- * kernel's words where the loader gave any. */
+/* "[WHAT: ]the loader's text for `code`: the details", the details being
+ * the loader's and the kernel's words where it gave any. */
 static int explain(int code, const char *what, const char *details, char *why, size_t size) {
-  snprintf(why, size, "%s: %s%s%s", what, nuv_kclfy_strerror(code), details[0] ? ": " : "", details);
+  snprintf(why, size, "%s%s%s%s%s", what ? what : "", what ? ": " : "", nuv_kclfy_strerror(code),
+           details[0] ? ": " : "", details);
   return code;
 }
 
@@ -80,14 +81,14 @@ int classd_kernel_start(const struct classd_kernel_config *config, const struct 
   struct classd_kernel *kernel = calloc(1, sizeof *kernel);
   char details[512] = "";
   int code;
-  if (!kernel) return explain(NUV_KCLFY_E_NO_MEMORY, "loading the program", "", why, size);
+  if (!kernel) return explain(NUV_KCLFY_E_NO_MEMORY, NULL, "", why, size);
   memset(&options, 0, sizeof options);
   options.mark_mask = config->mark_mask;
   options.ask_mark = config->ask_mark;
   code = nuv_kclfy_open(&options, &kernel->loaded, details, sizeof details);
   if (code != NUV_KCLFY_OK) {
     free(kernel);
-    return explain(code, "loading the program", details, why, size);
+    return explain(code, NULL, details, why, size); /* the details say what was done */
   }
   code = classd_kernel_load(kernel, rules, why, size);
   if (code == NUV_KCLFY_OK) code = attach_all(kernel->loaded, config, why, size);

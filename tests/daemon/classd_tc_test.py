@@ -394,8 +394,9 @@ def test_tc_refused_falls_back_to_queue(t):
     refuse = {"NIKERKIOG_CLASSD_REFUSE_KERNEL": "1"}
     status, output = run_daemon(t.test_daemon, ["--queue", str(QUEUE), "--rules", rules, "--tc", ROUTER_IF,
                                                 "--tc-required"], env=refuse)
-    check(status == 2 and "cannot classify in the kernel: loading the program: the kernel or the privileges do not "
-          "allow loading the program" in output and "--tc-required" in output, f"--tc-required: {status} {output}")
+    check(status == 2 and "cannot classify in the kernel: the kernel or the privileges do not allow loading the "
+          "program: refused by the test build" in output and "--tc-required" in output,
+          f"--tc-required: {status} {output}")
     daemon = Daemon(t.test_daemon, t.workdir, ["--queue", str(QUEUE), "--rules", rules, "--tc", ROUTER_IF,
                                                "--stats", stats_path, "--stats-interval", "0"], env=refuse)
     try:
@@ -414,6 +415,37 @@ def test_tc_refused_falls_back_to_queue(t):
           "the statistics say queue mode and why")
     check(filters == "", "nothing is attached")
     check(actual == {1: 10, 2: 10, 0: 10}, "the daemon classified every packet from the queue")
+
+
+def test_tc_without_bpf_rights_falls_back_to_queue(t):
+    """A daemon that may bind the queue but not load BPF programs (no
+    CAP_BPF, CAP_SYS_ADMIN or CAP_PERFMON) says so in the kernel's words,
+    and classifies in queue mode; with --tc-required it stops."""
+    require_bpf()  # root, to have the rights to drop
+    rules = os.path.join(t.workdir, "rules.txt")
+    stats_path = os.path.join(t.workdir, "stats.json")
+    write_file(rules, "udp.dport 5001 => 1\n")
+    make_link()
+    queue_asked_packets(everything=True)
+    count_marks(range(0, 2))
+    drop = ["setpriv", "--inh-caps=-bpf,-sys_admin,-perfmon", "--bounding-set=-bpf,-sys_admin,-perfmon"]
+    base = ["--queue", str(QUEUE), "--rules", rules, "--tc", ROUTER_IF]
+    status, output = run_daemon(t.daemon, base + ["--tc-required"], wrapper=drop)
+    check(status == 2 and "cannot classify in the kernel: the kernel or the privileges do not allow loading the "
+          "program: " in output and "Operation not permitted" in output, f"--tc-required: {status} {output}")
+    daemon = Daemon(t.daemon, t.workdir, base + ["--stats", stats_path, "--stats-interval", "0"], wrapper=drop)
+    try:
+        daemon.wait_bound()
+        send_frames([udp4_frame(LAPTOP, "10.9.0.2", 5001) for _ in range(10)])
+        stats = wait_stats(daemon, stats_path, lambda s: s["packets"] == 10)
+    finally:
+        status = daemon.stop()
+    actual, _, _ = counted_marks()
+    print(f"{output}\n{daemon.output()}\ncounted {sorted(actual.items())}")
+    check(status == 0, f"exit status {status}")
+    check(stats["mode"] == "queue" and "Operation not permitted" in stats["tc"]["refused"],
+          "the statistics say queue mode and the kernel's reason")
+    check(actual == {1: 10} and ingress_filters() == "", "the daemon classified the queued packets; nothing attached")
 
 
 def test_tc_options_refused(t):
