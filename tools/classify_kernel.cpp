@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 #include <pcap/dlt.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -122,14 +123,38 @@ class KernelRun {
     return counts;
   }
 
-  // Whether asking userspace about this frame is what the kernel should do.
-  bool ask_allowed(int reason, bool described, std::size_t line) const {
+  // Whether asking userspace about this frame is what the kernel should do:
+  // where the frame's link layer is cut short or stacks more tags than the
+  // program reads, where an ICMPv6 type lies behind more extension headers
+  // than it walks, or where a rule only userspace decides may apply.
+  bool ask_allowed(int reason, const Frame &frame, bool described, std::size_t line) const {
     switch (reason) {
-      case NUV_KCLFY_ASKED_LINK: return !described;
-      case NUV_KCLFY_ASKED_ICMP: return true;
+      case NUV_KCLFY_ASKED_LINK: return !described || frame.vlan_tcis.size() > NUV_KCLFY_MAX_INLINE_TAGS;
+      case NUV_KCLFY_ASKED_ICMP: return extension_headers(frame) > NUV_KCLFY_MAX_EXTENSIONS;
       case NUV_KCLFY_ASKED_RULE: return first_ask_line_ && (!line || first_ask_line_ <= line);
       default: return false;
     }
+  }
+
+  // The IPv6 extension headers the walk to the upper-layer header steps
+  // through, within the packet's stated length and the captured bytes (a
+  // fragment or no-next-header value ends the walk).
+  static std::size_t extension_headers(const Frame &frame) {
+    auto ip = frame.network();
+    if (!frame.is_ipv6() || ip.size() < 40) return 0;
+    const std::size_t stated = 40u + static_cast<std::size_t>(ip[4] << 8 | ip[5]);
+    const std::size_t available = std::min(stated, ip.size());
+    std::uint8_t next = ip[6];
+    std::size_t remaining = stated - 40, at = 40, count = 0;
+    auto is_extension = [](std::uint8_t n) { return n == 0 || n == 43 || n == 44 || n == 59 || n == 60; };
+    while (is_extension(next) && next != 44 && next != 59 && remaining >= 2 && at + 2 <= available) {
+      const std::size_t size = (ip[at + 1] + 1u) * 8u;
+      next = ip[at];
+      at += size;
+      remaining = remaining > size ? remaining - size : 0;
+      ++count;
+    }
+    return count;
   }
 
   static bool shorter_than_ip_header(const Frame &frame) {
@@ -172,7 +197,7 @@ class KernelRun {
       kernel = fmt::format("test run failed: {}", nuv_kclfy_strerror(rc));
     } else if (run.verdict == NUV_KCLFY_ASK) {
       int reason = asked_reason(before, asked_now());
-      same = ask_allowed(reason, descriptor.has_value(), line);
+      same = ask_allowed(reason, frame, descriptor.has_value(), line);
       kernel = fmt::format("asks userspace ({})", reason_text(reason));
       if (same) ++asked_;
     } else {

@@ -195,6 +195,13 @@ struct nuv_kclfy_more {
  * cannot make more disjoint ones). */
 #define NUV_KCLFY_MAX_INTERVALS 32768u
 
+/* How far the kernel program reads a packet: the VLAN tags in the frame
+ * (besides a tag the kernel carries as metadata), and the IPv6 extension
+ * headers it walks to reach an ICMPv6 type.  A packet with more is asked
+ * about (NUV_KCLFY_ASKED_LINK, NUV_KCLFY_ASKED_ICMP). */
+#define NUV_KCLFY_MAX_INLINE_TAGS 4u
+#define NUV_KCLFY_MAX_EXTENSIONS 8u
+
 /* Why the kernel program asked userspace about a packet: the index of its
  * per-CPU counter of such packets. */
 #define NUV_KCLFY_ASKED_RULE 0u    /* the first rule that may apply needs userspace */
