@@ -35,9 +35,9 @@ char LICENSE[] SEC("license") = "GPL";
 /* Rounds of the search loop; a search that needs more asks userspace. */
 #define MAX_STEPS 128
 /* Inline VLAN tags read; a frame with more asks userspace. */
-#define MAX_TAGS 4
+#define MAX_TAGS ((int)NUV_KCLFY_MAX_INLINE_TAGS)
 /* IPv6 extension headers walked for the ICMPv6 type. */
-#define MAX_EXTENSIONS 8
+#define MAX_EXTENSIONS ((int)NUV_KCLFY_MAX_EXTENSIONS)
 /* Matched rules with sub-rules whose hits wait for the verdict. */
 #define MAX_PENDING 16
 
@@ -269,11 +269,14 @@ ALWAYS void read_icmp6(struct __sk_buff *skb, struct scratch *s, __u32 ip, __u32
   __u16 remaining = payload;
   __u32 pos = 40;
   int done = 0;
+  /* One round more than the headers walked: a chain of exactly that many
+   * headers ends in the last round's first tests. */
 #pragma unroll
-  for (int i = 0; i < MAX_EXTENSIONS; i++) {
+  for (int i = 0; i <= MAX_EXTENSIONS; i++) {
     if (done) break;
     if (!(nh == 0 || (nh & ~0x10) == 43 || (nh & ~0x10) == 44)) { done = 1; break; }
     if (remaining < 2 || nh == 59 || nh == 44) { done = 1; break; }
+    if (i == MAX_EXTENSIONS) break;
     if (pos + 2 > available) {
       s->icmp_state = ICMP_FAILS;
       return;
@@ -295,7 +298,7 @@ ALWAYS void read_icmp6(struct __sk_buff *skb, struct scratch *s, __u32 ip, __u32
   pos = 40;
   done = 0;
 #pragma unroll
-  for (int i = 0; i < MAX_EXTENSIONS; i++) {
+  for (int i = 0; i <= MAX_EXTENSIONS; i++) {
     if (done) break;
     if (!(nh == 0 || (nh & ~0x10) == 43 || (nh & ~0x10) == 44)) { done = 1; break; }
     if ((__u16)left < 2 || left < 0) {
@@ -303,6 +306,7 @@ ALWAYS void read_icmp6(struct __sk_buff *skb, struct scratch *s, __u32 ip, __u32
       return;
     }
     if (nh == 59 || nh == 44) { done = 1; break; }
+    if (i == MAX_EXTENSIONS) break;
     __u8 hdr[2];
     if (pos + 2 > available || bpf_skb_load_bytes(skb, ip + pos, hdr, 2) < 0) {
       s->icmp_state = ICMP_UNREAD;
