@@ -2,6 +2,8 @@
 // the kernel itself (BPF_PROG_TEST_RUN).  Needs root and BPF; CI has both,
 // so a program that cannot be loaded fails these tests.
 #include <bpf/bpf.h>
+#include <net/if.h>
+#include <sched.h>
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <linux/bpf.h>
@@ -300,7 +302,7 @@ TEST(KernelClassifier, AThousandReloadsNeverMixTwoSets) {
 
 TEST(KernelClassifier, MarkMaskAndAskBitMustNotOverlap) {
   nuv_kclfy *k = nullptr;
-  nuv_kclfy_options o{0xff, 0x80};
+  nuv_kclfy_options o{0xff, 0x80, 0};
   char why[256] = "";
   EXPECT_EQ(nuv_kclfy_open(&o, &k, why, sizeof why), NUV_KCLFY_E_INVALID);
   EXPECT_EQ(k, nullptr);
@@ -309,7 +311,7 @@ TEST(KernelClassifier, MarkMaskAndAskBitMustNotOverlap) {
 
 TEST(KernelClassifier, ResultsOutsideTheMaskKeepThePacketsOtherBits) {
   nuv_kclfy *k = nullptr;
-  nuv_kclfy_options o{0x00ff, 0x8000};
+  nuv_kclfy_options o{0x00ff, 0x8000, 0};
   char why[512] = "";
   ASSERT_EQ(nuv_kclfy_open(&o, &k, why, sizeof why), NUV_KCLFY_OK) << why;
   Rules rules({{"udp.dport 53", 0x1234}});
@@ -321,6 +323,69 @@ TEST(KernelClassifier, ResultsOutsideTheMaskKeepThePacketsOtherBits) {
   ASSERT_EQ(nuv_kclfy_test_run(k, f.data(), static_cast<std::uint32_t>(f.size()), &r), NUV_KCLFY_OK);
   EXPECT_EQ(r.mark_out, 0xabcd0f34u);
   nuv_kclfy_close(k);
+}
+
+// The program id attached at an interface's ingress (0: none).
+std::uint32_t attached_program(int ifindex) {
+  LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = ifindex, .attach_point = BPF_TC_INGRESS);
+  LIBBPF_OPTS(bpf_tc_opts, opts, .handle = 1, .priority = 1);
+  return bpf_tc_query(&hook, &opts) == 0 ? opts.prog_id : 0;
+}
+
+std::uint32_t program_id(int fd) {
+  bpf_prog_info info{};
+  std::uint32_t length = sizeof info;
+  return bpf_obj_get_info_by_fd(fd, &info, &length) == 0 ? info.id : 0;
+}
+
+TEST(KernelClassifier, ASetLargerThanTheRoomMovesEveryInterfaceToALargerProgram) {
+  // In a network namespace of its own, with a veth pair of its own.
+  ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
+  ASSERT_EQ(std::system("ip link add nkgrow0 type veth peer name nkgrow1 && ip link set nkgrow0 up && "
+                        "ip link set nkgrow1 up"),
+            0);
+  const int ifindex = static_cast<int>(if_nametoindex("nkgrow0"));
+  ASSERT_GT(ifindex, 0);
+  nuv_kclfy *k = nullptr;
+  nuv_kclfy_options o{0, 0, 4096};
+  char why[1024] = "";
+  ASSERT_EQ(nuv_kclfy_open(&o, &k, why, sizeof why), NUV_KCLFY_OK) << why;
+  Rules small({{"udp.dport 53", 1}, {"ipdsttab kernel.grow", 2}});
+  ASSERT_EQ(nuv_kclfy_load_set(k, small.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  ASSERT_EQ(nuv_kclfy_attach(k, ifindex, 0, why, sizeof why), NUV_KCLFY_OK) << why;
+  const std::uint32_t first = program_id(nuv_kclfy_program_fd(k));
+  EXPECT_EQ(attached_program(ifindex), first);
+  const std::uint8_t dst[4] = {10, 9, 9, 9};
+  std::uint32_t addr;
+  std::memcpy(&addr, dst, 4);
+  ASSERT_EQ(nuv_clfy_ipdsttab_add4("kernel.grow", addr), 0);
+
+  // About 1,000 rules need more than 4,096 slots.
+  std::vector<std::pair<std::string, std::uint16_t>> texts;
+  for (int p = 1; p <= 1000; ++p)
+    texts.push_back({"ip.saddr 10." + std::to_string(p % 200) + ".0.0/16 udp.dport " + std::to_string(1000 + p), 3});
+  texts.push_back({"ipdsttab kernel.grow", 4});
+  Rules large(texts);
+  ASSERT_EQ(nuv_kclfy_load_set(k, large.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  const std::uint32_t second = program_id(nuv_kclfy_program_fd(k));
+  EXPECT_NE(second, first);
+  EXPECT_EQ(attached_program(ifindex), second) << "the interface runs the larger program";
+  nuv_kclfy_run run{};
+  run.ifindex = 1;
+  run.mark_in = kMarkIn;
+  auto f = frame(false, 17, 0x0a070001, 0x0a090909, 9, 1007);
+  ASSERT_EQ(nuv_kclfy_test_run(k, f.data(), static_cast<std::uint32_t>(f.size()), &run), NUV_KCLFY_OK);
+  EXPECT_EQ(run.mark_out, 3u);
+  f = frame(false, 17, 0x0b000001, 0x0a090909, 9, 9);
+  ASSERT_EQ(nuv_kclfy_test_run(k, f.data(), static_cast<std::uint32_t>(f.size()), &run), NUV_KCLFY_OK);
+  EXPECT_EQ(run.mark_out, 4u) << "the table moved with the classifier";
+  EXPECT_EQ(run.mark_out, large.mark(f));
+
+  // Back to a small set: it fits the larger room, the program stays.
+  ASSERT_EQ(nuv_kclfy_load_set(k, small.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  EXPECT_EQ(program_id(nuv_kclfy_program_fd(k)), second);
+  nuv_kclfy_close(k);
+  EXPECT_EQ(attached_program(ifindex), 0u) << "closing detaches";
 }
 
 }  // namespace
