@@ -787,9 +787,12 @@ ALWAYS void count(void *map, __u32 index) {
 
 ALWAYS void count_hits(const struct nuv_kclfy_settings *settings, struct scratch *s, __u32 rule, int with_rule) {
   __u32 base = settings->hits_base;
+  /* Matching rules with sub-rules are rare: most packets skip the loop. */
+  if (s->pending_count) {
 #pragma unroll
-  for (int i = 0; i < MAX_PENDING; i++)
-    if ((__u32)i < s->pending_count) count(&hits, base + s->pending[i]);
+    for (int i = 0; i < MAX_PENDING; i++)
+      if ((__u32)i < s->pending_count) count(&hits, base + s->pending[i]);
+  }
   if (with_rule) count(&hits, base + rule);
 }
 
