@@ -45,6 +45,7 @@ constexpr std::uint32_t kWords = NUV_KCLFY_WORDS_PER_SLOT;
 // Conditions only userspace can decide.
 constexpr std::uint32_t kAskConditions =
     NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH | NUV_CLFY_F_LOCALMARK | NUV_CLFY_F_BRDEV;
+static_assert(kAskConditions == NUV_KCLFY_ASK_CONDITIONS);
 
 std::uint32_t slots_for(std::uint32_t count, std::uint32_t per_slot) { return (count + per_slot - 1) / per_slot; }
 
