@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <random>
 #include <set>
 #include <string>
@@ -283,6 +284,87 @@ TEST(KernelClassifier, RandomPacketsGetTheLibrarysMarkAndHits) {
     ASSERT_EQ(nuv_kclfy_rule_hits(kernel.k, r, &hits), NUV_KCLFY_OK);
     EXPECT_EQ(hits, nuv_kclfy_rule(kernel.k, r)->hits) << "rule " << r;
   }
+}
+
+// A DHCP discovery from `mac` whose vendor class (option 60) is `vendor`.
+std::vector<std::uint8_t> dhcp_discover(const std::uint8_t mac[6], const std::string &vendor) {
+  std::vector<std::uint8_t> f = frame(false, 17, 0, 0xffffffff, 68, 67);
+  std::memcpy(&f[6], mac, 6);
+  std::vector<std::uint8_t> bootp(236, 0);
+  bootp[0] = 1, bootp[1] = 1, bootp[2] = 6;
+  std::memcpy(&bootp[28], mac, 6);
+  bootp.insert(bootp.end(), {99, 130, 83, 99, 53, 1, 1, 60, static_cast<std::uint8_t>(vendor.size())});
+  bootp.insert(bootp.end(), vendor.begin(), vendor.end());
+  bootp.push_back(255);
+  f.insert(f.end(), bootp.begin(), bootp.end());
+  // The IPv4 total length and the UDP length cover the message.
+  const std::size_t ip_length = f.size() - 14, udp_length = ip_length - 20;
+  f[16] = static_cast<std::uint8_t>(ip_length >> 8), f[17] = static_cast<std::uint8_t>(ip_length);
+  f[38] = static_cast<std::uint8_t>(udp_length >> 8), f[39] = static_cast<std::uint8_t>(udp_length);
+  return f;
+}
+
+// The rules of the replay below, with the name of their DHCP client table.
+std::vector<std::pair<std::string, std::uint16_t>> replay_rules(const std::string &table) {
+  return {{"tcp.dport 22", 1},
+          {"dhcpoption 60 android-* " + table, 2},
+          {"ethsrctab " + table, 3},
+          {"udp.dport 53", 4},
+          {"packetmatch GET*", 5},
+          {"ip.version 4", 6}};
+}
+
+// Kernel plus userspace: the kernel decides what it can, the library
+// decides what the kernel asks about (learning DHCP clients, which are then
+// mirrored into the kernel).  Their hits together are those of the library
+// deciding every packet alone.
+TEST(KernelClassifier, KernelAndUserspaceHitsTogetherEqualTheLibrarysAlone) {
+  Kernel kernel;
+  ASSERT_NE(kernel.k, nullptr) << kernel.why;
+  Rules split(replay_rules("replay.split")), alone(replay_rules("replay.alone"));
+  char why[512] = "";
+  ASSERT_EQ(nuv_kclfy_load_set(kernel.k, split.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  std::mt19937 random(11);
+  const std::uint8_t phone[6] = {0x02, 0, 0, 0, 0, 7}, laptop[6] = {0x02, 0, 0, 0, 0, 8};
+  std::vector<std::vector<std::uint8_t>> frames;
+  for (int i = 0; i < 400; ++i) {
+    const std::uint8_t *mac = random() % 2 ? phone : laptop;
+    std::vector<std::uint8_t> f;
+    switch (random() % 5) {
+      case 0: f = dhcp_discover(mac, random() % 2 ? "android-12" : "dhcpcd-9"); break;
+      case 1: f = frame(false, 6, 1, 2, 1234, 22); break;
+      case 2: f = frame(false, 17, 1, 2, 1234, static_cast<std::uint16_t>(random() % 2 ? 53 : 54)); break;
+      default: f = frame(random() % 4 == 0, 6, 1, 2, 1234, 80); break;
+    }
+    if (f[12] == 0x08) std::memcpy(&f[6], mac, 6);
+    frames.push_back(f);
+  }
+  std::size_t asked = 0, in_kernel = 0;
+  for (const auto &f : frames) {
+    int verdict = 0;
+    const std::uint32_t mark = kernel.run(f, &verdict);
+    const std::uint32_t expected = alone.mark(f);
+    if (verdict == NUV_KCLFY_ASK) {
+      ++asked;
+      EXPECT_EQ(split.mark(f), expected) << "userspace decides as the library alone";
+      ASSERT_EQ(nuv_kclfy_sync_tables(kernel.k, why, sizeof why), NUV_KCLFY_OK) << why;
+    } else {
+      ++in_kernel;
+      EXPECT_EQ(mark, expected);
+    }
+  }
+  EXPECT_GT(asked, 0u);
+  EXPECT_GT(in_kernel, 0u);
+  std::map<std::uint16_t, std::uint64_t> together, library;
+  for (std::uint32_t r = 0; r < nuv_kclfy_rule_count(kernel.k); ++r) {
+    std::uint64_t hits = 0;
+    ASSERT_EQ(nuv_kclfy_rule_hits(kernel.k, r, &hits), NUV_KCLFY_OK);
+    const nuv_clfy *rule = nuv_kclfy_rule(kernel.k, r);
+    together[rule->result] = hits + rule->hits;
+  }
+  for (const nuv_clfy *rule = alone.head(); rule; rule = rule->next) library[rule->result] = rule->hits;
+  EXPECT_EQ(together, library);
+  EXPECT_GT(library[3], 0u) << "a learned phone's packets are decided by its table's rule";
 }
 
 TEST(KernelClassifier, AskRulesSendOnlyThePacketsThatReachThemToUserspace) {
