@@ -31,10 +31,6 @@ constexpr std::uint32_t kMarkIn = 0x40000000u;
 // which is the index the rule set gives the --dev interface.
 constexpr std::uint32_t kRunIfindex = 1;
 
-// Conditions only userspace decides.
-constexpr std::uint32_t kAskConditions =
-    NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH | NUV_CLFY_F_LOCALMARK | NUV_CLFY_F_BRDEV;
-
 using AskCounts = std::array<std::uint64_t, NUV_KCLFY_ASKED_REASONS>;
 
 // The reason of the one packet asked about between two readings.
@@ -100,20 +96,14 @@ class KernelRun {
     return true;
   }
 
-  // The first line of a rule only userspace decides (0: none).
+  // The first line of a rule only userspace decides (0: none), over the
+  // kernel's copy of the set's rules (every level).
   void note_ask_rules() {
-    nuv_clfy_set_walk_head(set_.head(), [this](const nuv_clfy *rule) {
-      if (!(rule->flags & kAskConditions)) return;
+    for (std::uint32_t r = 0; r < nuv_kclfy_rule_count(kernel_); ++r) {
+      const nuv_clfy *rule = nuv_kclfy_rule(kernel_, r);
+      if (!(rule->flags & NUV_KCLFY_ASK_CONDITIONS)) continue;
       std::size_t line = RuleSet::line_of(rule);
       if (line && (!first_ask_line_ || line < first_ask_line_)) first_ask_line_ = line;
-    });
-  }
-
-  template <class F>
-  static void nuv_clfy_set_walk_head(const nuv_clfy *rule, F &&visit) {
-    for (; rule; rule = rule->next) {
-      visit(rule);
-      nuv_clfy_set_walk_head(rule->children, visit);
     }
   }
 

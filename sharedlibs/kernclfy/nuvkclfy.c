@@ -36,14 +36,24 @@ struct attachment {
   int added_hook;
 };
 
-struct nuv_kclfy {
+/* A loaded program and its maps.  Every image map of a program has the
+ * same number of slots (`capacity`): then the verifier turns the program's
+ * slot lookups into a few instructions instead of calls.  A set that needs
+ * more gets a new instance with room for it. */
+struct instance {
   struct bpf_object *object;
+  uint32_t capacity;
+  uint32_t verified;
   int program_fd;
   int images_fd, hits_fd, ethersrc_fd, ipdst4_fd, ipdst6_fd, asked_fd;
+};
+
+struct nuv_kclfy {
+  struct instance program;
+  uint64_t asked_before[NUV_KCLFY_ASKED_REASONS]; /* by instances replaced since open */
   int image_fd; /* the generation in force, -1 before the first */
   uint32_t generation;
   uint32_t mark_mask, ask_mark;
-  uint32_t verified;
   nuv_clfy_kernel_image *image;
   struct mirrored *tables;
   size_t table_count, table_capacity;
@@ -107,68 +117,93 @@ static int map_fd(struct bpf_object *object, const char *name) {
   return map ? bpf_map__fd(map) : -1;
 }
 
-int nuv_kclfy_open(const struct nuv_kclfy_options *options, struct nuv_kclfy **out, char *why, size_t why_size) {
-  struct nuv_kclfy *k;
-  struct bpf_program *program;
-  char *log;
-  int err;
-  uint32_t ask = options && options->ask_mark ? options->ask_mark : NUV_KCLFY_DEFAULT_ASK_MARK;
-  uint32_t mask = options && options->mark_mask ? options->mark_mask : ~ask;
-  if (!out) return fail(why, why_size, NUV_KCLFY_E_INVALID, "no place for the classifier");
-  if (mask & ask)
-    return fail(why, why_size, NUV_KCLFY_E_INVALID, "the ask-userspace bits 0x%x overlap the mark mask 0x%x", ask, mask);
-  libbpf_set_print(quiet);
-  k = calloc(1, sizeof *k);
-  log = calloc(1, VERIFIER_LOG_SIZE);
-  if (!k || !log) {
-    free(k);
-    free(log);
-    return fail(why, why_size, NUV_KCLFY_E_NO_MEMORY, "out of memory");
+static void free_instance(struct instance *p) {
+  bpf_object__close(p->object);
+  memset(p, 0, sizeof *p);
+}
+
+/* Loads the program with room for `capacity` slots per image. */
+static int load_instance(struct instance *p, uint32_t capacity, char *why, size_t why_size) {
+  memset(p, 0, sizeof *p);
+  p->capacity = capacity;
+  p->object = bpf_object__open_mem(nuvclfy_tc_object, nuvclfy_tc_object_size, NULL);
+  if (!p->object) return fail(why, why_size, NUV_KCLFY_E_NO_BPF, "reading the program object: %s", strerror(errno));
+  struct bpf_program *program = bpf_object__find_program_by_name(p->object, "nuvclfy_classify");
+  struct bpf_map *images = bpf_object__find_map_by_name(p->object, "images");
+  /* The pattern of the image maps: the kernel takes their size from it. */
+  int pattern = bpf_map_create(BPF_MAP_TYPE_ARRAY, "nuvclfy_pattern", 4, NUV_KCLFY_SLOT_BYTES, capacity, NULL);
+  if (pattern < 0) {
+    int err = errno;
+    free_instance(p);
+    return fail(why, why_size, err == EPERM ? NUV_KCLFY_E_NO_BPF : NUV_KCLFY_E_MAPS, "creating a map: %s",
+                strerror(err));
   }
-  k->image_fd = -1;
-  k->mark_mask = mask;
-  k->ask_mark = ask;
-  k->next_table_id = 1;
-  k->cpus = libbpf_num_possible_cpus();
-  k->object = bpf_object__open_mem(nuvclfy_tc_object, nuvclfy_tc_object_size, NULL);
-  if (!k->object) {
-    err = errno;
-    free(log);
-    free(k);
-    return fail(why, why_size, NUV_KCLFY_E_NO_BPF, "reading the program object: %s", strerror(err));
-  }
-  program = bpf_object__find_program_by_name(k->object, "nuvclfy_classify");
-  if (!program || k->cpus <= 0) {
-    nuv_kclfy_close(k);
-    free(log);
+  if (!program || !images || bpf_map__set_inner_map_fd(images, pattern) != 0) {
+    close(pattern);
+    free_instance(p);
     return fail(why, why_size, NUV_KCLFY_E_NO_BPF, "the program object is incomplete");
+  }
+  char *log = calloc(1, VERIFIER_LOG_SIZE);
+  if (!log) {
+    free_instance(p);
+    return fail(why, why_size, NUV_KCLFY_E_NO_MEMORY, "out of memory");
   }
   bpf_program__set_log_buf(program, log, VERIFIER_LOG_SIZE);
   bpf_program__set_log_level(program, 4); /* statistics: the instructions processed */
-  err = bpf_object__load(k->object);
+  int err = bpf_object__load(p->object);
+  close(pattern);
   if (err) {
     int code = (err == -EPERM || err == -EACCES || err == -ENOSYS || err == -EOPNOTSUPP) ? NUV_KCLFY_E_NO_BPF
                : log[0] ? NUV_KCLFY_E_REFUSED
                         : NUV_KCLFY_E_NO_BPF;
     fail(why, why_size, code, "loading the program: %s%s%s", strerror(-err), log[0] ? "; the verifier says: " : "",
          log_tail(log, 400));
-    nuv_kclfy_close(k);
     free(log);
+    free_instance(p);
     return code;
   }
-  k->verified = processed_instructions(log);
+  p->verified = processed_instructions(log);
   free(log);
-  k->program_fd = bpf_program__fd(program);
-  k->images_fd = map_fd(k->object, "images");
-  k->hits_fd = map_fd(k->object, "hits");
-  k->ethersrc_fd = map_fd(k->object, "ethersrc");
-  k->ipdst4_fd = map_fd(k->object, "ipdst4");
-  k->ipdst6_fd = map_fd(k->object, "ipdst6");
-  k->asked_fd = map_fd(k->object, "asked");
-  if (k->asked_fd < 0 || k->program_fd < 0 || k->images_fd < 0 || k->hits_fd < 0 || k->ethersrc_fd < 0 || k->ipdst4_fd < 0 ||
-      k->ipdst6_fd < 0) {
-    nuv_kclfy_close(k);
+  p->program_fd = bpf_program__fd(program);
+  p->images_fd = map_fd(p->object, "images");
+  p->hits_fd = map_fd(p->object, "hits");
+  p->ethersrc_fd = map_fd(p->object, "ethersrc");
+  p->ipdst4_fd = map_fd(p->object, "ipdst4");
+  p->ipdst6_fd = map_fd(p->object, "ipdst6");
+  p->asked_fd = map_fd(p->object, "asked");
+  if (p->asked_fd < 0 || p->program_fd < 0 || p->images_fd < 0 || p->hits_fd < 0 || p->ethersrc_fd < 0 ||
+      p->ipdst4_fd < 0 || p->ipdst6_fd < 0) {
+    free_instance(p);
     return fail(why, why_size, NUV_KCLFY_E_NO_BPF, "the program's maps are missing");
+  }
+  return NUV_KCLFY_OK;
+}
+
+int nuv_kclfy_open(const struct nuv_kclfy_options *options, struct nuv_kclfy **out, char *why, size_t why_size) {
+  uint32_t ask = options && options->ask_mark ? options->ask_mark : NUV_KCLFY_DEFAULT_ASK_MARK;
+  uint32_t mask = options && options->mark_mask ? options->mark_mask : ~ask;
+  uint32_t slots = options && options->slots ? options->slots : NUV_KCLFY_DEFAULT_SLOTS;
+  if (!out) return fail(why, why_size, NUV_KCLFY_E_INVALID, "no place for the classifier");
+  if (mask & ask)
+    return fail(why, why_size, NUV_KCLFY_E_INVALID, "the ask-userspace bits 0x%x overlap the mark mask 0x%x", ask, mask);
+  if (slots > NUV_KCLFY_MAX_SLOTS)
+    return fail(why, why_size, NUV_KCLFY_E_INVALID, "room for %u slots asked, at most %u", slots, NUV_KCLFY_MAX_SLOTS);
+  libbpf_set_print(quiet);
+  struct nuv_kclfy *k = calloc(1, sizeof *k);
+  if (!k) return fail(why, why_size, NUV_KCLFY_E_NO_MEMORY, "out of memory");
+  k->image_fd = -1;
+  k->mark_mask = mask;
+  k->ask_mark = ask;
+  k->next_table_id = 1;
+  k->cpus = libbpf_num_possible_cpus();
+  if (k->cpus <= 0) {
+    free(k);
+    return fail(why, why_size, NUV_KCLFY_E_NO_BPF, "the number of processors is unknown");
+  }
+  int rc = load_instance(&k->program, slots, why, why_size);
+  if (rc != NUV_KCLFY_OK) {
+    free(k);
+    return rc;
   }
   *out = k;
   return NUV_KCLFY_OK;
@@ -276,22 +311,22 @@ static int contains(const uint8_t *keys, size_t count, size_t size, const uint8_
 }
 
 /* Writes or deletes one key of a table in its map. */
-static int write_key(struct nuv_kclfy *k, uint32_t kind, const uint8_t *key, int add) {
+static int write_key(const struct instance *p, uint32_t kind, const uint8_t *key, int add) {
   uint8_t one = 1;
   if (kind == NUV_KCLFY_TABLE_ETHERSRC)
-    return add ? bpf_map_update_elem(k->ethersrc_fd, key, &one, BPF_ANY) : bpf_map_delete_elem(k->ethersrc_fd, key);
+    return add ? bpf_map_update_elem(p->ethersrc_fd, key, &one, BPF_ANY) : bpf_map_delete_elem(p->ethersrc_fd, key);
   struct ipdst6_key wide;
   memcpy(&wide, key, sizeof wide);
   if (wide.prefixlen & IPV6_KEY) {
     wide.prefixlen &= ~IPV6_KEY;
-    return add ? bpf_map_update_elem(k->ipdst6_fd, &wide, &one, BPF_ANY) : bpf_map_delete_elem(k->ipdst6_fd, &wide);
+    return add ? bpf_map_update_elem(p->ipdst6_fd, &wide, &one, BPF_ANY) : bpf_map_delete_elem(p->ipdst6_fd, &wide);
   }
   struct ipdst4_key narrow = {.prefixlen = wide.prefixlen, .table = wide.table};
   memcpy(narrow.addr, wide.addr, 4);
-  return add ? bpf_map_update_elem(k->ipdst4_fd, &narrow, &one, BPF_ANY) : bpf_map_delete_elem(k->ipdst4_fd, &narrow);
+  return add ? bpf_map_update_elem(p->ipdst4_fd, &narrow, &one, BPF_ANY) : bpf_map_delete_elem(p->ipdst4_fd, &narrow);
 }
 
-static int sync_table(struct nuv_kclfy *k, struct mirrored *m, char *why, size_t why_size) {
+static int sync_table(const struct instance *p, struct mirrored *m, char *why, size_t why_size) {
   size_t size = key_size(m->kind);
   size_t room = m->kind == NUV_KCLFY_TABLE_ETHERSRC ? ((const ethersrctab *)m->table)->count
                                                     : ((const ipdsttab *)m->table)->capacity;
@@ -304,14 +339,14 @@ static int sync_table(struct nuv_kclfy *k, struct mirrored *m, char *why, size_t
   }
   for (size_t i = 0; i < m->count; ++i) {
     const uint8_t *key = m->entries + i * size;
-    if (!contains(keys, (size_t)n, size, key) && write_key(k, m->kind, key, 0) != 0 && errno != ENOENT) {
+    if (!contains(keys, (size_t)n, size, key) && write_key(p, m->kind, key, 0) != 0 && errno != ENOENT) {
       free(keys);
       return fail(why, why_size, NUV_KCLFY_E_MAPS, "removing a table entry: %s", strerror(errno));
     }
   }
   for (long i = 0; i < n; ++i) {
     const uint8_t *key = keys + (size_t)i * size;
-    if (!contains(m->entries, m->count, size, key) && write_key(k, m->kind, key, 1) != 0) {
+    if (!contains(m->entries, m->count, size, key) && write_key(p, m->kind, key, 1) != 0) {
       int err = errno;
       /* What was written stays recorded, so that a later call removes it. */
       free(m->entries);
@@ -330,7 +365,7 @@ static int sync_table(struct nuv_kclfy *k, struct mirrored *m, char *why, size_t
 int nuv_kclfy_sync_tables(struct nuv_kclfy *k, char *why, size_t why_size) {
   if (!k) return fail(why, why_size, NUV_KCLFY_E_INVALID, "no classifier");
   for (size_t i = 0; i < k->table_count; ++i) {
-    int rc = sync_table(k, &k->tables[i], why, why_size);
+    int rc = sync_table(&k->program, &k->tables[i], why, why_size);
     if (rc != NUV_KCLFY_OK) return rc;
   }
   return NUV_KCLFY_OK;
@@ -338,12 +373,12 @@ int nuv_kclfy_sync_tables(struct nuv_kclfy *k, char *why, size_t why_size) {
 
 /* ---- Generations ---- */
 
-static int zero_hits(struct nuv_kclfy *k, uint32_t base, uint32_t count) {
+static int zero_hits(const struct nuv_kclfy *k, const struct instance *p, uint32_t base, uint32_t count) {
   uint64_t *zeros = calloc((size_t)k->cpus, sizeof *zeros);
   if (!zeros) return -1;
   for (uint32_t i = 0; i < count; ++i) {
     uint32_t index = base + i;
-    if (bpf_map_update_elem(k->hits_fd, &index, zeros, BPF_ANY) != 0) {
+    if (bpf_map_update_elem(p->hits_fd, &index, zeros, BPF_ANY) != 0) {
       free(zeros);
       return -1;
     }
@@ -373,6 +408,103 @@ static int write_slots(int fd, const uint8_t *slots, uint32_t count) {
   return rc;
 }
 
+/* Mirrors every table into the maps of a new instance, from empty.  The
+ * records of what the old instance holds are kept until `commit`. */
+struct saved_shadows {
+  uint8_t **entries;
+  size_t *counts;
+};
+
+static int mirror_into_new(struct nuv_kclfy *k, const struct instance *p, struct saved_shadows *saved, char *why,
+                           size_t why_size) {
+  saved->entries = calloc(k->table_count + 1, sizeof *saved->entries);
+  saved->counts = calloc(k->table_count + 1, sizeof *saved->counts);
+  if (!saved->entries || !saved->counts) return fail(why, why_size, NUV_KCLFY_E_NO_MEMORY, "out of memory");
+  for (size_t i = 0; i < k->table_count; ++i) {
+    saved->entries[i] = k->tables[i].entries;
+    saved->counts[i] = k->tables[i].count;
+    k->tables[i].entries = NULL;
+    k->tables[i].count = 0;
+  }
+  for (size_t i = 0; i < k->table_count; ++i) {
+    int rc = sync_table(p, &k->tables[i], why, why_size);
+    if (rc != NUV_KCLFY_OK) return rc;
+  }
+  return NUV_KCLFY_OK;
+}
+
+/* Keeps the new records (commit) or goes back to the old ones. */
+static void end_mirroring(struct nuv_kclfy *k, struct saved_shadows *saved, int commit) {
+  for (size_t i = 0; saved->entries && saved->counts && i < k->table_count; ++i) {
+    uint8_t **drop = commit ? &saved->entries[i] : &k->tables[i].entries;
+    free(*drop);
+    if (!commit) {
+      k->tables[i].entries = saved->entries[i];
+      k->tables[i].count = saved->counts[i];
+    }
+  }
+  free(saved->entries);
+  free(saved->counts);
+}
+
+/* Puts instance `p`'s program in place of the current one on every
+ * interface; on a failure the interfaces done are put back. */
+static int move_attachments(struct nuv_kclfy *k, const struct instance *p, char *why, size_t why_size) {
+  for (size_t i = 0; i < k->attached_count; ++i) {
+    const struct attachment *a = &k->attached[i];
+    LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = a->ifindex, .attach_point = a->egress ? BPF_TC_EGRESS : BPF_TC_INGRESS);
+    LIBBPF_OPTS(bpf_tc_opts, opts, .prog_fd = p->program_fd, .handle = 1, .priority = 1, .flags = BPF_TC_F_REPLACE);
+    int err = bpf_tc_attach(&hook, &opts);
+    if (err) {
+      for (size_t j = 0; j < i; ++j) {
+        const struct attachment *b = &k->attached[j];
+        LIBBPF_OPTS(bpf_tc_hook, back, .ifindex = b->ifindex, .attach_point = b->egress ? BPF_TC_EGRESS : BPF_TC_INGRESS);
+        LIBBPF_OPTS(bpf_tc_opts, old, .prog_fd = k->program.program_fd, .handle = 1, .priority = 1,
+                    .flags = BPF_TC_F_REPLACE);
+        bpf_tc_attach(&back, &old);
+      }
+      return fail(why, why_size, NUV_KCLFY_E_ATTACH, "moving interface %d to the larger program: %s", a->ifindex,
+                  strerror(-err));
+    }
+  }
+  return NUV_KCLFY_OK;
+}
+
+/* The room a set of `slots` slots needs: the capacity doubled until it fits. */
+static uint32_t room_for(uint32_t capacity, uint32_t slots) {
+  while (capacity < slots && capacity < NUV_KCLFY_MAX_SLOTS) capacity *= 2;
+  return capacity;
+}
+
+/* Writes `image` into a new image map of instance `p`: the slots, cleared
+ * hit counters and the tables.  Returns the map, or -1 with `why`. */
+static int write_generation(struct nuv_kclfy *k, const struct instance *p, const nuv_clfy_kernel_image *image,
+                            uint32_t hits_base, int fresh_tables, struct saved_shadows *saved, char *why,
+                            size_t why_size) {
+  int fd = bpf_map_create(BPF_MAP_TYPE_ARRAY, "nuvclfy_image", 4, NUV_KCLFY_SLOT_BYTES, p->capacity, NULL);
+  if (fd < 0) {
+    fail(why, why_size, NUV_KCLFY_E_MAPS, "creating the image map: %s", strerror(errno));
+    return -1;
+  }
+  int rc = NUV_KCLFY_OK;
+  if (write_slots(fd, image->slots, image->slot_count) != 0)
+    rc = fail(why, why_size, NUV_KCLFY_E_MAPS, "writing the image: %s", strerror(errno));
+  else if (zero_hits(k, p, hits_base, image->rule_count) != 0)
+    rc = fail(why, why_size, NUV_KCLFY_E_MAPS, "clearing the hit counters: %s", strerror(errno));
+  else if (fresh_tables)
+    rc = mirror_into_new(k, p, saved, why, why_size);
+  else
+    rc = nuv_kclfy_sync_tables(k, why, why_size);
+  uint32_t zero = 0;
+  if (rc == NUV_KCLFY_OK && bpf_map_update_elem(p->images_fd, &zero, &fd, BPF_ANY) != 0)
+    rc = fail(why, why_size, NUV_KCLFY_E_MAPS, "switching to the new set: %s", strerror(errno));
+  if (rc != NUV_KCLFY_OK) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 int nuv_kclfy_load_set(struct nuv_kclfy *k, const struct nuv_clfy_compiled *compiled, char *why, size_t why_size) {
   nuv_clfy_kernel_image *image = NULL;
   if (!k || !compiled) return fail(why, why_size, NUV_KCLFY_E_INVALID, "no classifier or no compiled set");
@@ -387,27 +519,33 @@ int nuv_kclfy_load_set(struct nuv_kclfy *k, const struct nuv_clfy_compiled *comp
   settings.ask_mark = k->ask_mark;
   memcpy(image->slots + NUV_KCLFY_SLOT_BYTES, &settings, sizeof settings);
 
-  LIBBPF_OPTS(bpf_map_create_opts, create, .map_flags = BPF_F_INNER_MAP);
-  int fd = bpf_map_create(BPF_MAP_TYPE_ARRAY, "nuvclfy_image", 4, NUV_KCLFY_SLOT_BYTES, image->slot_count, &create);
-  if (fd < 0) {
-    int err = errno;
-    nuv_clfy_kernel_image_free(image);
-    return fail(why, why_size, NUV_KCLFY_E_MAPS, "creating the image map: %s", strerror(err));
+  /* A set larger than the program's room moves the classifier to a new
+   * program with room for it; each interface switches in one step. */
+  struct instance grown;
+  struct saved_shadows saved = {NULL, NULL};
+  const int growing = image->slot_count > k->program.capacity;
+  if (growing) {
+    rc = load_instance(&grown, room_for(k->program.capacity, image->slot_count), why, why_size);
+    if (rc != NUV_KCLFY_OK) {
+      nuv_clfy_kernel_image_free(image);
+      return rc;
+    }
   }
-  rc = NUV_KCLFY_OK;
-  if (write_slots(fd, image->slots, image->slot_count) != 0)
-    rc = fail(why, why_size, NUV_KCLFY_E_MAPS, "writing the image: %s", strerror(errno));
-  else if (zero_hits(k, settings.hits_base, image->rule_count) != 0)
-    rc = fail(why, why_size, NUV_KCLFY_E_MAPS, "clearing the hit counters: %s", strerror(errno));
-  else
-    rc = nuv_kclfy_sync_tables(k, why, why_size);
-  uint32_t zero = 0;
-  if (rc == NUV_KCLFY_OK && bpf_map_update_elem(k->images_fd, &zero, &fd, BPF_ANY) != 0)
-    rc = fail(why, why_size, NUV_KCLFY_E_MAPS, "switching to the new set: %s", strerror(errno));
+  const struct instance *target = growing ? &grown : &k->program;
+  int fd = write_generation(k, target, image, settings.hits_base, growing, &saved, why, why_size);
+  rc = fd < 0 ? NUV_KCLFY_E_MAPS : growing ? move_attachments(k, &grown, why, why_size) : NUV_KCLFY_OK;
+  if (growing) end_mirroring(k, &saved, rc == NUV_KCLFY_OK);
   if (rc != NUV_KCLFY_OK) {
-    close(fd);
+    if (fd >= 0) close(fd);
+    if (growing) free_instance(&grown);
     nuv_clfy_kernel_image_free(image);
     return rc;
+  }
+  if (growing) {
+    uint64_t counts[NUV_KCLFY_ASKED_REASONS];
+    if (nuv_kclfy_asked(k, counts) == NUV_KCLFY_OK) memcpy(k->asked_before, counts, sizeof counts);
+    free_instance(&k->program);
+    k->program = grown;
   }
   if (k->image_fd >= 0) close(k->image_fd);
   nuv_clfy_kernel_image_free(k->image);
@@ -427,7 +565,7 @@ int nuv_kclfy_rule_hits(struct nuv_kclfy *k, uint32_t index, uint64_t *hits) {
   if (!k || !hits || !k->image || index >= k->image->rule_count) return NUV_KCLFY_E_INVALID;
   /* The generation in force counts from the base its load chose. */
   uint32_t key = ((k->generation - 1u) & 1u ? 0 : NUV_KCLFY_MAX_RULES) + index;
-  return per_cpu_sum(k, k->hits_fd, key, hits);
+  return per_cpu_sum(k, k->program.hits_fd, key, hits);
 }
 
 /* The sum over CPUs of a per-CPU counter. */
@@ -444,8 +582,9 @@ static int per_cpu_sum(struct nuv_kclfy *k, int fd, uint32_t key, uint64_t *sum)
 int nuv_kclfy_asked(struct nuv_kclfy *k, uint64_t counts[NUV_KCLFY_ASKED_REASONS]) {
   if (!k || !counts) return NUV_KCLFY_E_INVALID;
   for (uint32_t r = 0; r < NUV_KCLFY_ASKED_REASONS; ++r) {
-    int rc = per_cpu_sum(k, k->asked_fd, r, &counts[r]);
+    int rc = per_cpu_sum(k, k->program.asked_fd, r, &counts[r]);
     if (rc != NUV_KCLFY_OK) return rc;
+    counts[r] += k->asked_before[r];
   }
   return NUV_KCLFY_OK;
 }
@@ -462,7 +601,7 @@ int nuv_kclfy_test_run(struct nuv_kclfy *k, const void *frame, uint32_t length, 
   memset(&ctx_out, 0, sizeof ctx_out);
   LIBBPF_OPTS(bpf_test_run_opts, opts, .data_in = frame, .data_size_in = length, .ctx_in = &ctx,
               .ctx_size_in = sizeof ctx, .ctx_out = &ctx_out, .ctx_size_out = sizeof ctx_out, .repeat = 1);
-  if (bpf_prog_test_run_opts(k->program_fd, &opts) != 0) return NUV_KCLFY_E_TEST_RUN;
+  if (bpf_prog_test_run_opts(k->program.program_fd, &opts) != 0) return NUV_KCLFY_E_TEST_RUN;
   run->mark_out = ctx_out.mark;
   if ((ctx_out.mark & k->ask_mark) && !(run->mark_in & k->ask_mark))
     run->verdict = NUV_KCLFY_ASK;
@@ -482,7 +621,7 @@ int nuv_kclfy_attach(struct nuv_kclfy *k, int ifindex, int egress, char *why, si
   int err = bpf_tc_hook_create(&hook);
   if (err == 0) added = 1;
   else if (err != -EEXIST) return fail(why, why_size, NUV_KCLFY_E_ATTACH, "adding clsact: %s", strerror(-err));
-  LIBBPF_OPTS(bpf_tc_opts, opts, .prog_fd = k->program_fd, .handle = 1, .priority = 1);
+  LIBBPF_OPTS(bpf_tc_opts, opts, .prog_fd = k->program.program_fd, .handle = 1, .priority = 1);
   err = bpf_tc_attach(&hook, &opts);
   if (err) {
     if (added) bpf_tc_hook_destroy(&hook);
@@ -512,9 +651,9 @@ int nuv_kclfy_detach_all(struct nuv_kclfy *k) {
   return rc;
 }
 
-int nuv_kclfy_program_fd(const struct nuv_kclfy *k) { return k ? k->program_fd : -1; }
+int nuv_kclfy_program_fd(const struct nuv_kclfy *k) { return k ? k->program.program_fd : -1; }
 
-uint32_t nuv_kclfy_verified_instructions(const struct nuv_kclfy *k) { return k ? k->verified : 0; }
+uint32_t nuv_kclfy_verified_instructions(const struct nuv_kclfy *k) { return k ? k->program.verified : 0; }
 
 void nuv_kclfy_close(struct nuv_kclfy *k) {
   if (!k) return;
@@ -523,6 +662,6 @@ void nuv_kclfy_close(struct nuv_kclfy *k) {
   nuv_clfy_kernel_image_free(k->image);
   for (size_t i = 0; i < k->table_count; ++i) free(k->tables[i].entries);
   free(k->tables);
-  bpf_object__close(k->object);
+  free_instance(&k->program);
   free(k);
 }

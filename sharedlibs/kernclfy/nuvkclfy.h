@@ -54,9 +54,17 @@ struct nuv_kclfy_options {
   uint32_t mark_mask; /* the mark bits a verdict sets; 0 means all but ask_mark */
   uint32_t ask_mark;  /* the "ask userspace" bit(s); 0 means NUV_KCLFY_DEFAULT_ASK_MARK.
                          Must not overlap mark_mask. */
+  uint32_t slots;     /* room for a rule set, in 32-byte image slots; 0 means NUV_KCLFY_DEFAULT_SLOTS */
 };
 
 #define NUV_KCLFY_DEFAULT_ASK_MARK 0x80000000u
+/* Room for about 2,000 rules (1 MiB per generation).  Every generation
+ * takes the whole room, since the program's lookups are fastest when all
+ * image maps have one size.  A set that needs more makes the classifier
+ * load the program anew with twice the room (or more), and move every
+ * interface it is attached to over to it in one step each; that load takes
+ * as long as the first. */
+#define NUV_KCLFY_DEFAULT_SLOTS 32768u
 
 struct nuv_kclfy;
 

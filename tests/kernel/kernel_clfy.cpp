@@ -2,12 +2,17 @@
 // the kernel itself (BPF_PROG_TEST_RUN).  Needs root and BPF; CI has both,
 // so a program that cannot be loaded fails these tests.
 #include <bpf/bpf.h>
+#include <net/if.h>
+#include <sched.h>
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <linux/bpf.h>
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <random>
 #include <set>
 #include <string>
@@ -147,9 +152,70 @@ void expect_plain_instructions(const bpf_insn *insns, std::size_t count, const c
   }
 }
 
+// The instructions of the program section "tc" of an ELF object of either
+// byte order, read without libbpf (which reads objects of the host's order
+// only): the section headers give the section, and each instruction's
+// multi-byte fields and register nibbles are put into this host's order.
+std::vector<bpf_insn> program_section(const char *path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<std::uint8_t> elf((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<bpf_insn> out;
+  if (elf.size() < 64 || std::memcmp(elf.data(), "\x7f" "ELF", 4) != 0 || elf[4] != 2) return out;
+  const bool big = elf[5] == 2;
+  auto u16 = [&](std::size_t at) {
+    return static_cast<std::uint16_t>(big ? elf[at] << 8 | elf[at + 1] : elf[at + 1] << 8 | elf[at]);
+  };
+  auto u32 = [&](std::size_t at) {
+    return big ? std::uint32_t{u16(at)} << 16 | u16(at + 2) : std::uint32_t{u16(at + 2)} << 16 | u16(at);
+  };
+  auto u64 = [&](std::size_t at) {
+    return big ? std::uint64_t{u32(at)} << 32 | u32(at + 4) : std::uint64_t{u32(at + 4)} << 32 | u32(at);
+  };
+  const std::uint64_t sections = u64(0x28);
+  const std::uint16_t entry = u16(0x3a), count = u16(0x3c), names = u16(0x3e);
+  const std::uint64_t names_at = u64(sections + std::uint64_t{names} * entry + 0x18);
+  for (std::uint16_t i = 0; i < count; ++i) {
+    const std::uint64_t header = sections + std::uint64_t{i} * entry;
+    const char *name = reinterpret_cast<const char *>(elf.data() + names_at + u32(header));
+    if (std::strcmp(name, "tc") != 0) continue;
+    const std::uint64_t at = u64(header + 0x18), size = u64(header + 0x20);
+    for (std::uint64_t off = at; off + 8 <= at + size; off += 8) {
+      bpf_insn insn{};
+      insn.code = elf[off];
+      const std::uint8_t regs = elf[off + 1];
+      insn.dst_reg = big ? regs >> 4 : regs & 0xf;
+      insn.src_reg = big ? regs & 0xf : regs >> 4;
+      insn.off = static_cast<std::int16_t>(u16(off + 2));
+      insn.imm = static_cast<std::int32_t>(u32(off + 4));
+      out.push_back(insn);
+    }
+  }
+  return out;
+}
+
+// The helpers a program calls.
+std::set<std::int32_t> helpers_called(const std::vector<bpf_insn> &insns) {
+  std::set<std::int32_t> helpers;
+  for (const bpf_insn &in : insns)
+    if (in.code == (BPF_JMP | BPF_CALL) && in.src_reg == 0) helpers.insert(in.imm);
+  return helpers;
+}
+
+TEST(KernelClassifier, TheBigEndianProgramIsAsPlainAndCallsTheSameHelpers) {
+  const std::vector<bpf_insn> little = program_section(NIKERKIOG_KCLFY_OBJECT_EL);
+  const std::vector<bpf_insn> big = program_section(NIKERKIOG_KCLFY_OBJECT_EB);
+  ASSERT_GT(little.size(), 100u);
+  ASSERT_GT(big.size(), 100u);
+  expect_plain_instructions(big.data(), big.size(), NIKERKIOG_KCLFY_OBJECT_EB);
+  expect_plain_instructions(little.data(), little.size(), NIKERKIOG_KCLFY_OBJECT_EL);
+  const std::set<std::int32_t> expected = {BPF_FUNC_map_lookup_elem, BPF_FUNC_skb_load_bytes, BPF_FUNC_skb_pull_data};
+  EXPECT_EQ(helpers_called(little), expected);
+  EXPECT_EQ(helpers_called(big), expected);
+}
+
 TEST(KernelClassifier, ProgramUsesNoFunctionCallsLoopHelperTailCallsOrAtomics) {
   // (libbpf reads objects of this host's byte order only; the big-endian
-  // object is built from the same source.)
+  // object is read by the test above.)
   for (const char *path : {NIKERKIOG_KCLFY_OBJECT_EL}) {
     bpf_object *object = bpf_object__open_file(path, nullptr);
     ASSERT_NE(object, nullptr) << path;
@@ -218,6 +284,87 @@ TEST(KernelClassifier, RandomPacketsGetTheLibrarysMarkAndHits) {
     ASSERT_EQ(nuv_kclfy_rule_hits(kernel.k, r, &hits), NUV_KCLFY_OK);
     EXPECT_EQ(hits, nuv_kclfy_rule(kernel.k, r)->hits) << "rule " << r;
   }
+}
+
+// A DHCP discovery from `mac` whose vendor class (option 60) is `vendor`.
+std::vector<std::uint8_t> dhcp_discover(const std::uint8_t mac[6], const std::string &vendor) {
+  std::vector<std::uint8_t> f = frame(false, 17, 0, 0xffffffff, 68, 67);
+  std::memcpy(&f[6], mac, 6);
+  std::vector<std::uint8_t> bootp(236, 0);
+  bootp[0] = 1, bootp[1] = 1, bootp[2] = 6;
+  std::memcpy(&bootp[28], mac, 6);
+  bootp.insert(bootp.end(), {99, 130, 83, 99, 53, 1, 1, 60, static_cast<std::uint8_t>(vendor.size())});
+  bootp.insert(bootp.end(), vendor.begin(), vendor.end());
+  bootp.push_back(255);
+  f.insert(f.end(), bootp.begin(), bootp.end());
+  // The IPv4 total length and the UDP length cover the message.
+  const std::size_t ip_length = f.size() - 14, udp_length = ip_length - 20;
+  f[16] = static_cast<std::uint8_t>(ip_length >> 8), f[17] = static_cast<std::uint8_t>(ip_length);
+  f[38] = static_cast<std::uint8_t>(udp_length >> 8), f[39] = static_cast<std::uint8_t>(udp_length);
+  return f;
+}
+
+// The rules of the replay below, with the name of their DHCP client table.
+std::vector<std::pair<std::string, std::uint16_t>> replay_rules(const std::string &table) {
+  return {{"tcp.dport 22", 1},
+          {"dhcpoption 60 android-* " + table, 2},
+          {"ethsrctab " + table, 3},
+          {"udp.dport 53", 4},
+          {"packetmatch GET*", 5},
+          {"ip.version 4", 6}};
+}
+
+// Kernel plus userspace: the kernel decides what it can, the library
+// decides what the kernel asks about (learning DHCP clients, which are then
+// mirrored into the kernel).  Their hits together are those of the library
+// deciding every packet alone.
+TEST(KernelClassifier, KernelAndUserspaceHitsTogetherEqualTheLibrarysAlone) {
+  Kernel kernel;
+  ASSERT_NE(kernel.k, nullptr) << kernel.why;
+  Rules split(replay_rules("replay.split")), alone(replay_rules("replay.alone"));
+  char why[512] = "";
+  ASSERT_EQ(nuv_kclfy_load_set(kernel.k, split.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  std::mt19937 random(11);
+  const std::uint8_t phone[6] = {0x02, 0, 0, 0, 0, 7}, laptop[6] = {0x02, 0, 0, 0, 0, 8};
+  std::vector<std::vector<std::uint8_t>> frames;
+  for (int i = 0; i < 400; ++i) {
+    const std::uint8_t *mac = random() % 2 ? phone : laptop;
+    std::vector<std::uint8_t> f;
+    switch (random() % 5) {
+      case 0: f = dhcp_discover(mac, random() % 2 ? "android-12" : "dhcpcd-9"); break;
+      case 1: f = frame(false, 6, 1, 2, 1234, 22); break;
+      case 2: f = frame(false, 17, 1, 2, 1234, static_cast<std::uint16_t>(random() % 2 ? 53 : 54)); break;
+      default: f = frame(random() % 4 == 0, 6, 1, 2, 1234, 80); break;
+    }
+    if (f[12] == 0x08) std::memcpy(&f[6], mac, 6);
+    frames.push_back(f);
+  }
+  std::size_t asked = 0, in_kernel = 0;
+  for (const auto &f : frames) {
+    int verdict = 0;
+    const std::uint32_t mark = kernel.run(f, &verdict);
+    const std::uint32_t expected = alone.mark(f);
+    if (verdict == NUV_KCLFY_ASK) {
+      ++asked;
+      EXPECT_EQ(split.mark(f), expected) << "userspace decides as the library alone";
+      ASSERT_EQ(nuv_kclfy_sync_tables(kernel.k, why, sizeof why), NUV_KCLFY_OK) << why;
+    } else {
+      ++in_kernel;
+      EXPECT_EQ(mark, expected);
+    }
+  }
+  EXPECT_GT(asked, 0u);
+  EXPECT_GT(in_kernel, 0u);
+  std::map<std::uint16_t, std::uint64_t> together, library;
+  for (std::uint32_t r = 0; r < nuv_kclfy_rule_count(kernel.k); ++r) {
+    std::uint64_t hits = 0;
+    ASSERT_EQ(nuv_kclfy_rule_hits(kernel.k, r, &hits), NUV_KCLFY_OK);
+    const nuv_clfy *rule = nuv_kclfy_rule(kernel.k, r);
+    together[rule->result] = hits + rule->hits;
+  }
+  for (const nuv_clfy *rule = alone.head(); rule; rule = rule->next) library[rule->result] = rule->hits;
+  EXPECT_EQ(together, library);
+  EXPECT_GT(library[3], 0u) << "a learned phone's packets are decided by its table's rule";
 }
 
 TEST(KernelClassifier, AskRulesSendOnlyThePacketsThatReachThemToUserspace) {
@@ -300,7 +447,7 @@ TEST(KernelClassifier, AThousandReloadsNeverMixTwoSets) {
 
 TEST(KernelClassifier, MarkMaskAndAskBitMustNotOverlap) {
   nuv_kclfy *k = nullptr;
-  nuv_kclfy_options o{0xff, 0x80};
+  nuv_kclfy_options o{0xff, 0x80, 0};
   char why[256] = "";
   EXPECT_EQ(nuv_kclfy_open(&o, &k, why, sizeof why), NUV_KCLFY_E_INVALID);
   EXPECT_EQ(k, nullptr);
@@ -309,7 +456,7 @@ TEST(KernelClassifier, MarkMaskAndAskBitMustNotOverlap) {
 
 TEST(KernelClassifier, ResultsOutsideTheMaskKeepThePacketsOtherBits) {
   nuv_kclfy *k = nullptr;
-  nuv_kclfy_options o{0x00ff, 0x8000};
+  nuv_kclfy_options o{0x00ff, 0x8000, 0};
   char why[512] = "";
   ASSERT_EQ(nuv_kclfy_open(&o, &k, why, sizeof why), NUV_KCLFY_OK) << why;
   Rules rules({{"udp.dport 53", 0x1234}});
@@ -321,6 +468,69 @@ TEST(KernelClassifier, ResultsOutsideTheMaskKeepThePacketsOtherBits) {
   ASSERT_EQ(nuv_kclfy_test_run(k, f.data(), static_cast<std::uint32_t>(f.size()), &r), NUV_KCLFY_OK);
   EXPECT_EQ(r.mark_out, 0xabcd0f34u);
   nuv_kclfy_close(k);
+}
+
+// The program id attached at an interface's ingress (0: none).
+std::uint32_t attached_program(int ifindex) {
+  LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = ifindex, .attach_point = BPF_TC_INGRESS);
+  LIBBPF_OPTS(bpf_tc_opts, opts, .handle = 1, .priority = 1);
+  return bpf_tc_query(&hook, &opts) == 0 ? opts.prog_id : 0;
+}
+
+std::uint32_t program_id(int fd) {
+  bpf_prog_info info{};
+  std::uint32_t length = sizeof info;
+  return bpf_obj_get_info_by_fd(fd, &info, &length) == 0 ? info.id : 0;
+}
+
+TEST(KernelClassifier, ASetLargerThanTheRoomMovesEveryInterfaceToALargerProgram) {
+  // In a network namespace of its own, with a veth pair of its own.
+  ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
+  ASSERT_EQ(std::system("ip link add nkgrow0 type veth peer name nkgrow1 && ip link set nkgrow0 up && "
+                        "ip link set nkgrow1 up"),
+            0);
+  const int ifindex = static_cast<int>(if_nametoindex("nkgrow0"));
+  ASSERT_GT(ifindex, 0);
+  nuv_kclfy *k = nullptr;
+  nuv_kclfy_options o{0, 0, 4096};
+  char why[1024] = "";
+  ASSERT_EQ(nuv_kclfy_open(&o, &k, why, sizeof why), NUV_KCLFY_OK) << why;
+  Rules small({{"udp.dport 53", 1}, {"ipdsttab kernel.grow", 2}});
+  ASSERT_EQ(nuv_kclfy_load_set(k, small.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  ASSERT_EQ(nuv_kclfy_attach(k, ifindex, 0, why, sizeof why), NUV_KCLFY_OK) << why;
+  const std::uint32_t first = program_id(nuv_kclfy_program_fd(k));
+  EXPECT_EQ(attached_program(ifindex), first);
+  const std::uint8_t dst[4] = {10, 9, 9, 9};
+  std::uint32_t addr;
+  std::memcpy(&addr, dst, 4);
+  ASSERT_EQ(nuv_clfy_ipdsttab_add4("kernel.grow", addr), 0);
+
+  // About 1,000 rules need more than 4,096 slots.
+  std::vector<std::pair<std::string, std::uint16_t>> texts;
+  for (int p = 1; p <= 1000; ++p)
+    texts.push_back({"ip.saddr 10." + std::to_string(p % 200) + ".0.0/16 udp.dport " + std::to_string(1000 + p), 3});
+  texts.push_back({"ipdsttab kernel.grow", 4});
+  Rules large(texts);
+  ASSERT_EQ(nuv_kclfy_load_set(k, large.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  const std::uint32_t second = program_id(nuv_kclfy_program_fd(k));
+  EXPECT_NE(second, first);
+  EXPECT_EQ(attached_program(ifindex), second) << "the interface runs the larger program";
+  nuv_kclfy_run run{};
+  run.ifindex = 1;
+  run.mark_in = kMarkIn;
+  auto f = frame(false, 17, 0x0a070001, 0x0a090909, 9, 1007);
+  ASSERT_EQ(nuv_kclfy_test_run(k, f.data(), static_cast<std::uint32_t>(f.size()), &run), NUV_KCLFY_OK);
+  EXPECT_EQ(run.mark_out, 3u);
+  f = frame(false, 17, 0x0b000001, 0x0a090909, 9, 9);
+  ASSERT_EQ(nuv_kclfy_test_run(k, f.data(), static_cast<std::uint32_t>(f.size()), &run), NUV_KCLFY_OK);
+  EXPECT_EQ(run.mark_out, 4u) << "the table moved with the classifier";
+  EXPECT_EQ(run.mark_out, large.mark(f));
+
+  // Back to a small set: it fits the larger room, the program stays.
+  ASSERT_EQ(nuv_kclfy_load_set(k, small.compiled(), why, sizeof why), NUV_KCLFY_OK) << why;
+  EXPECT_EQ(program_id(nuv_kclfy_program_fd(k)), second);
+  nuv_kclfy_close(k);
+  EXPECT_EQ(attached_program(ifindex), 0u) << "closing detaches";
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ constexpr std::uint32_t kWords = NUV_KCLFY_WORDS_PER_SLOT;
 // Conditions only userspace can decide.
 constexpr std::uint32_t kAskConditions =
     NUV_CLFY_F_DHCP | NUV_CLFY_F_PACKETMATCH | NUV_CLFY_F_LOCALMARK | NUV_CLFY_F_BRDEV;
+static_assert(kAskConditions == NUV_KCLFY_ASK_CONDITIONS);
 
 std::uint32_t slots_for(std::uint32_t count, std::uint32_t per_slot) { return (count + per_slot - 1) / per_slot; }
 
@@ -139,7 +140,7 @@ class Image {
   nuv_clfy_kernel_image *release();
 
  private:
-  bool nesting_fits() const;
+  int check_nesting() const;
   int plan();
   void write_header();
   void write_tree();
@@ -170,13 +171,13 @@ class Image {
   std::uint32_t scratch_room_ = 0;
 };
 
-// Whether no list is nested deeper than the kernel search follows: each
-// list's parent is the list of the rule that opens it, and the top-level
-// list (0) is level 1.
-bool Image::nesting_fits() const {
+// NUV_CLFY_KERNEL_OK when no list is nested deeper than the kernel search
+// follows: each list's parent is the list of the rule that opens it, and
+// the top-level list (0) is level 1.
+int Image::check_nesting() const {
   const std::uint32_t n = c_.list_count;
   auto *parent = static_cast<std::uint32_t *>(CLFY_ZALLOC(sizeof(std::uint32_t) * (n ? n : 1)));
-  if (!parent) return false;
+  if (!parent) return NUV_CLFY_KERNEL_E_NO_MEMORY;
   for (std::uint32_t p = 0; p < n; ++p)
     for (std::uint32_t r = c_.lists[p].first_rule; r < c_.lists[p].first_rule + c_.lists[p].rule_count; ++r)
       if (c_.records[r].children && c_.records[r].children <= n) parent[c_.records[r].children - 1] = p;
@@ -187,15 +188,13 @@ bool Image::nesting_fits() const {
     fits = level <= NUV_KCLFY_MAX_NESTING;
   }
   CLFY_FREE(parent);
-  return fits;
+  return fits ? NUV_CLFY_KERNEL_OK : NUV_CLFY_KERNEL_E_TOO_BIG;
 }
 
 // Counts the slots: sections in order, then the values rules refer to.
 int Image::plan() {
   if (c_.rule_count > NUV_KCLFY_MAX_RULES) return NUV_CLFY_KERNEL_E_TOO_BIG;
-  // (An allocation failure while checking reads as too deep: either way
-  // there is no image.)
-  if (!nesting_fits()) return NUV_CLFY_KERNEL_E_TOO_BIG;
+  if (const int rc = check_nesting(); rc != NUV_CLFY_KERNEL_OK) return rc;
   std::uint64_t at = 2;
   header_.magic = NUV_KCLFY_MAGIC;
   header_.rule_count = c_.rule_count;

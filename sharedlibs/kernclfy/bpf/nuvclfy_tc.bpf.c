@@ -45,21 +45,17 @@ struct slot {
   __u8 bytes[NUV_KCLFY_SLOT_BYTES];
 };
 
-struct image_map {
-  __uint(type, BPF_MAP_TYPE_ARRAY);
-  __uint(map_flags, BPF_F_INNER_MAP);
-  __uint(max_entries, 1);
-  __uint(key_size, sizeof(__u32));
-  __uint(value_size, NUV_KCLFY_SLOT_BYTES);
-};
-
-/* Slot 0 of this outer map is the generation in force: replacing it is one
- * pointer swap, and a packet holds the map it looked up until it is done. */
+/* Slot 0 of this outer map is the generation in force: an array map of
+ * slots.  Replacing it is one pointer swap, and a packet holds the map it
+ * looked up until it is done.  The loader gives every image map of one
+ * program the same size, handing the kernel a map of that size as the
+ * pattern of the slot (see nuvkclfy.c): slot lookups are then a bounds
+ * check and an address, with no call. */
 struct {
   __uint(type, BPF_MAP_TYPE_ARRAY_OF_MAPS);
   __uint(max_entries, 1);
-  __type(key, __u32);
-  __array(values, struct image_map);
+  __uint(key_size, sizeof(__u32));
+  __uint(value_size, sizeof(__u32));
 } images SEC(".maps");
 
 struct {
@@ -213,40 +209,59 @@ ALWAYS int word_at(void *image, __u32 first, __u32 index, __u32 *out) {
 
 ALWAYS int is_vlan_tag(__u16 type) { return type == 0x8100 || type == 0x88a8 || type == 0x9100; }
 
-ALWAYS __u16 load16(struct __sk_buff *skb, __u32 offset, int *ok) {
-  __u16 v = 0;
-  if (bpf_skb_load_bytes(skb, offset, &v, 2) < 0) *ok = 0;
-  return bpf_ntohs(v);
+/* The first bytes of the frame, read directly: every header the program
+ * reads lies in them except an IPv6 extension chain's far end (four VLAN
+ * tags, a PPPoE header, IPv4 options and the transport words end by byte
+ * 112).  `end` is the first byte past them (or past the frame). */
+#define DIRECT_BYTES 128
+
+struct frame {
+  const __u8 *data;
+  const __u8 *end;
+};
+
+/* Makes the first DIRECT_BYTES (or the whole frame) readable directly,
+ * pulling them into the packet's linear part when a driver left them in
+ * fragments.  Returns 0 when they cannot be had. */
+ALWAYS int direct_frame(struct __sk_buff *skb, struct frame *f) {
+  __u32 want = skb->len < DIRECT_BYTES ? skb->len : DIRECT_BYTES;
+  f->data = (const __u8 *)(long)skb->data;
+  f->end = (const __u8 *)(long)skb->data_end;
+  if (f->data + want <= f->end) return 1;
+  if (bpf_skb_pull_data(skb, want) < 0) return 0;
+  f->data = (const __u8 *)(long)skb->data;
+  f->end = (const __u8 *)(long)skb->data_end;
+  return f->data + want <= f->end;
 }
+
+ALWAYS __u16 be16(const __u8 *p) { return (__u16)(p[0] << 8 | p[1]); }
 
 /* The link layer.  Returns the offset of the network layer, or -1 when
  * the frame's link layer is cut short or has more tags than are read.  */
-ALWAYS int read_link(struct __sk_buff *skb, struct scratch *s, __u16 *type_out) {
-  int ok = 1;
-  if (skb->len < 14) return -1;
-  if (bpf_skb_load_bytes(skb, 0, s->eth, 12) < 0) return -1;
+ALWAYS int read_link(struct __sk_buff *skb, const struct frame *f, struct scratch *s, __u16 *type_out) {
+  const __u8 *d = f->data;
+  if (d + 14 > f->end) return -1;
+  __builtin_memcpy(s->eth, d, 12);
   s->eth_present = 1;
   s->vlan_tci = 0;
   if (skb->vlan_present) s->vlan_tci = (skb->vlan_tci & 0xefff) | 0x1000;
-  __u32 at = 12;
-  __u16 type = load16(skb, at, &ok);
-  at += 2;
-  int tags = 0;
+  __u16 type = be16(d + 12);
+  __u32 at = 14;
 #pragma unroll
   for (int i = 0; i < MAX_TAGS; i++) {
     if (!is_vlan_tag(type)) break;
-    if (skb->len < at + 4) return -1;
-    __u16 tci = load16(skb, at, &ok);
-    if (!s->vlan_tci) s->vlan_tci = (tci & 0xefff) | 0x1000;
-    type = load16(skb, at + 2, &ok);
+    const __u8 *tag = d + at;
+    if (tag + 4 > f->end) return -1;
+    if (!s->vlan_tci) s->vlan_tci = (be16(tag) & 0xefff) | 0x1000;
+    type = be16(tag + 2);
     at += 4;
-    tags++;
   }
-  if (is_vlan_tag(type) || !ok) return -1;
+  if (is_vlan_tag(type)) return -1;
   if (type == 0x8864) {
     /* A PPPoE session: the router's PPP interface sees the IP packet alone. */
-    if (skb->len < at + 8) return -1;
-    __u16 ppp = load16(skb, at + 6, &ok);
+    const __u8 *pppoe = d + at;
+    if (pppoe + 8 > f->end) return -1;
+    __u16 ppp = be16(pppoe + 6);
     if (ppp == 0x0021 || ppp == 0x0057) {
       s->eth_present = 0;
       s->vlan_tci = 0;
@@ -255,7 +270,7 @@ ALWAYS int read_link(struct __sk_buff *skb, struct scratch *s, __u16 *type_out) 
     }
   }
   *type_out = type;
-  return ok ? (int)at : -1;
+  return (int)at;
 }
 
 /* The IPv6 extension-header walks of the ICMPv6 type condition: whether the
@@ -334,95 +349,91 @@ ALWAYS void read_icmp6(struct __sk_buff *skb, struct scratch *s, __u32 ip, __u32
   s->icmp_type = type;
 }
 
-/* The transport words that lie inside the packet. */
-ALWAYS void read_transport(struct __sk_buff *skb, struct scratch *s, __u32 at, __u32 room) {
-  __u8 t[14] = {};
+/* The transport words that lie inside the packet.  Returns 0 when they
+ * are not where the frame was made readable (which the bounds above rule
+ * out). */
+ALWAYS int read_transport(const struct frame *f, struct scratch *s, const __u8 *t, __u32 room) {
   s->readable = 0;
   s->tcp_word = 0;
-  if (room >= 14) {
-    if (bpf_skb_load_bytes(skb, at, t, 14) < 0) return;
-    s->readable = HAS_SPORT | HAS_DPORT | HAS_TCP_WORD;
-  } else if (room >= 4) {
-    if (bpf_skb_load_bytes(skb, at, t, 4) < 0) return;
-    s->readable = HAS_SPORT | HAS_DPORT;
-  } else if (room >= 2) {
-    if (bpf_skb_load_bytes(skb, at, t, 2) < 0) return;
+  if (room >= 2) {
+    if (t + 2 > f->end) return 0;
+    s->key[NUV_KCLFY_FIELD_SOURCE_PORT] = be16(t);
+    s->has |= 1u << NUV_KCLFY_FIELD_SOURCE_PORT;
     s->readable = HAS_SPORT;
   }
-  if (s->readable & HAS_SPORT) {
-    s->key[NUV_KCLFY_FIELD_SOURCE_PORT] = (t[0] << 8) | t[1];
-    s->has |= 1u << NUV_KCLFY_FIELD_SOURCE_PORT;
-  }
-  if (s->readable & HAS_DPORT) {
-    s->key[NUV_KCLFY_FIELD_DESTINATION_PORT] = (t[2] << 8) | t[3];
+  if (room >= 4) {
+    if (t + 4 > f->end) return 0;
+    s->key[NUV_KCLFY_FIELD_DESTINATION_PORT] = be16(t + 2);
     s->has |= 1u << NUV_KCLFY_FIELD_DESTINATION_PORT;
+    s->readable |= HAS_DPORT;
   }
-  if (s->readable & HAS_TCP_WORD) s->tcp_word = (t[12] << 8) | t[13];
+  if (room >= 14) {
+    if (t + 14 > f->end) return 0;
+    s->tcp_word = be16(t + 12);
+    s->readable |= HAS_TCP_WORD;
+  }
+  return 1;
 }
 
+ALWAYS __u32 be32(const __u8 *p) { return ((__u32)p[0] << 24) | ((__u32)p[1] << 16) | ((__u32)p[2] << 8) | p[3]; }
+
 /* The network layer: the family, protocol, addresses and the transport
- * words, as the matcher reads them.  Returns 0 when the frame cannot be
- * read at all. */
-ALWAYS int read_network(struct __sk_buff *skb, struct scratch *s, __u32 ip, __u16 type) {
+ * words, as the matcher reads them, from `ip` on.  Its bytes are the
+ * frame's, up to the IP packet's stated length when it states one.
+ * Returns 0 when the frame cannot be read as it should. */
+ALWAYS int read_network(struct __sk_buff *skb, const struct frame *f, struct scratch *s, __u32 ip, __u16 type) {
   s->family = 0;
   if (type != 0x0800 && type != 0x86dd) return 1;
   if (skb->len <= ip) return 1; /* no IP header: no IP condition holds */
-  __u32 size = skb->len - ip;
-  __u8 h[48] = {};
-  __u32 want = size < 48 ? size : 48;
-  if (want >= 48) {
-    if (bpf_skb_load_bytes(skb, ip, h, 48) < 0) return 0;
-  } else if (want >= 40) {
-    if (bpf_skb_load_bytes(skb, ip, h, 40) < 0) return 0;
-    if (want > 40 && bpf_skb_load_bytes(skb, ip + 40, h + 40, 1) < 0) return 0;
-  } else if (want >= 20) {
-    if (bpf_skb_load_bytes(skb, ip, h, 20) < 0) return 0;
-  } else {
-    if (bpf_skb_load_bytes(skb, ip, h, 1) < 0) return 0;
-  }
-  /* The bytes of the packet: up to its stated length, when it states one. */
-  __u32 stated = 0;
+  const __u32 size = skb->len - ip;
+  const __u8 *h = f->data + ip;
+  __u32 available, transport;
   if (type == 0x0800) {
-    if (size >= 20 && size >= (h[0] & 0x0fu) * 4u) stated = (h[2] << 8) | h[3];
-  } else if (size >= 40) {
-    stated = 40 + ((h[4] << 8) | h[5]);
-  }
-  __u32 available = stated < size ? stated : size;
-  if (available == 0) available = size;
-  s->version = h[0] >> 4;
-  __u32 transport;
-  if (type == 0x0800) {
+    if (size < 20) return 1;
+    if (h + 20 > f->end) return 0;
+    __u32 stated = size >= (h[0] & 0x0fu) * 4u ? be16(h + 2) : 0;
+    available = stated && stated < size ? stated : size;
     if (available < 20) return 1;
     s->family = FAMILY_IPV4;
+    s->version = h[0] >> 4;
     s->proto = h[9];
     s->proto_key = h[9];
     s->tos = h[1];
-    s->length = (h[2] << 8) | h[3];
+    s->length = be16(h + 2);
     transport = (h[0] & 0x0fu) * 4u;
-    s->key[NUV_KCLFY_FIELD_SOURCE] = ((__u32)h[12] << 24) | (h[13] << 16) | (h[14] << 8) | h[15];
-    s->key[NUV_KCLFY_FIELD_DESTINATION] = ((__u32)h[16] << 24) | (h[17] << 16) | (h[18] << 8) | h[19];
+    s->key[NUV_KCLFY_FIELD_SOURCE] = be32(h + 12);
+    s->key[NUV_KCLFY_FIELD_DESTINATION] = be32(h + 16);
     s->has = (1u << NUV_KCLFY_FIELD_SOURCE) | (1u << NUV_KCLFY_FIELD_DESTINATION);
   } else {
-    if (available < 40) return 1;
+    if (size < 40) return 1;
+    if (h + 40 > f->end) return 0;
+    __u32 stated = 40 + be16(h + 4);
+    available = stated < size ? stated : size;
     int hop = h[6] == 0;
     int behind = available > 40;
+    __u8 after_hop = 0;
+    if (hop && behind) {
+      const __u8 *next = h + 40;
+      if (next + 1 > f->end) return 0;
+      after_hop = next[0];
+    }
     s->family = FAMILY_IPV6;
-    s->proto = hop ? (behind ? h[40] : 0) : h[6];
+    s->version = h[0] >> 4;
+    s->proto = hop ? after_hop : h[6];
     s->proto_key = hop && !behind ? PROTO_UNREADABLE : s->proto;
     s->tos = ((h[0] << 4) | (h[1] >> 4)) & 0xff;
-    s->length = ((h[4] << 8) | h[5]) + 40;
+    s->length = be16(h + 4) + 40;
     transport = 40 + (hop ? 8 : 0);
     __builtin_memcpy(s->saddr6, h + 8, 16);
     __builtin_memcpy(s->daddr6, h + 24, 16);
-    read_icmp6(skb, s, ip, available, h[6], (h[4] << 8) | h[5]);
+    read_icmp6(skb, s, ip, available, h[6], be16(h + 4));
   }
   if (s->proto_key != PROTO_UNREADABLE) {
     s->key[NUV_KCLFY_FIELD_PROTOCOL] = s->proto;
     s->has |= 1u << NUV_KCLFY_FIELD_PROTOCOL;
   }
   __u32 room = transport <= available ? available - transport : 0;
-  read_transport(skb, s, ip + transport, room);
-  return 1;
+  return read_transport(f, s, h + transport, room);
 }
 
 /* ---- The rule tests ---- */
@@ -590,6 +601,7 @@ ALWAYS void open_list(void *image, const struct nuv_kclfy_header *h, struct scra
   s->mode = WALK;
 }
 
+/* One step down a tree of the list; at the leaf, on to the next tree. */
 ALWAYS void walk_step(void *image, const struct nuv_kclfy_header *h, struct scratch *s) {
   struct nuv_kclfy_node n;
   if (!node_at(image, h, s->node, &n)) {
@@ -779,9 +791,12 @@ ALWAYS void count(void *map, __u32 index) {
 
 ALWAYS void count_hits(const struct nuv_kclfy_settings *settings, struct scratch *s, __u32 rule, int with_rule) {
   __u32 base = settings->hits_base;
+  /* Matching rules with sub-rules are rare: most packets skip the loop. */
+  if (s->pending_count) {
 #pragma unroll
-  for (int i = 0; i < MAX_PENDING; i++)
-    if ((__u32)i < s->pending_count) count(&hits, base + s->pending[i]);
+    for (int i = 0; i < MAX_PENDING; i++)
+      if ((__u32)i < s->pending_count) count(&hits, base + s->pending[i]);
+  }
   if (with_rule) count(&hits, base + rule);
 }
 
@@ -795,16 +810,25 @@ int nuvclfy_classify(struct __sk_buff *skb) {
   const struct nuv_kclfy_settings *settings = slot_at(image, 1);
   if (!h || !settings || h->magic != NUV_KCLFY_MAGIC || h->rule_count == 0) return TC_ACT_OK;
 
-  __builtin_memset(s, 0, sizeof *s);
+#pragma unroll
+  for (int i = 0; i < 8; i++) s->key[i] = 0;
+  s->has = 0;
+  s->depth = 0;
+  s->pending_count = 0;
+  s->mode = SCAN;
+  s->verdict = NO_RULE;
+  s->readable = 0;
+  s->tcp_word = 0;
+  s->icmp_state = ICMP_FAILS;
   s->ifindex = skb->ifindex;
+  struct frame f;
   __u16 type = 0;
-  int ip = read_link(skb, s, &type);
+  int ip = direct_frame(skb, &f) ? read_link(skb, &f, s, &type) : -1;
   if (ip < 0) {
     ask(s, ASK_LINK);
   } else {
-    __u16 wire_type = bpf_htons(type);
-    s->eth_proto = wire_type;
-    if (!read_network(skb, s, (__u32)ip, type)) ask(s, ASK_LINK);
+    s->eth_proto = bpf_htons(type);
+    if (!read_network(skb, &f, s, (__u32)ip, type)) ask(s, ASK_LINK);
   }
   if (s->mode != DONE) open_list(image, h, s, 0);
 

@@ -105,6 +105,9 @@ struct nuv_kclfy_ranges {
 #define NUV_KCLFY_KIND_DECIDE 0u /* by the tests of rule slots 1 to 3 */
 #define NUV_KCLFY_KIND_ASK 1u   /* not at all: it needs userspace (DHCP, payload pattern, class map, bridge) */
 #define NUV_KCLFY_KIND_NEVER 2u  /* it matches no packet (presence bits that name no condition) */
+/* The presence bits (NUV_CLFY_F_*) that make a rule of kind ASK: DHCP,
+ * payload pattern, class map and bridge conditions. */
+#define NUV_KCLFY_ASK_CONDITIONS 0x02800014u
 
 /* The presence bits of nuv_kclfy_tests.flags: the rule's own NUV_CLFY_F_*
  * bits, under names the kernel program can use. */
