@@ -601,15 +601,25 @@ ALWAYS void open_list(void *image, const struct nuv_kclfy_header *h, struct scra
   s->mode = WALK;
 }
 
-/* One step down a tree of the list; at the leaf, on to the next tree. */
+/* Steps down a tree taken in one round of the search. */
+#define WALK_STEPS 3
+
+/* Up to WALK_STEPS steps down a tree of the list; at the leaf, on to the
+ * next tree. */
 ALWAYS void walk_step(void *image, const struct nuv_kclfy_header *h, struct scratch *s) {
   struct nuv_kclfy_node n;
-  if (!node_at(image, h, s->node, &n)) {
-    ask(s, ASK_IMAGE);
-    return;
+  __u32 node = s->node;
+#pragma unroll
+  for (int step = 0; step < WALK_STEPS; step++) {
+    if (!node_at(image, h, node, &n)) {
+      ask(s, ASK_IMAGE);
+      return;
+    }
+    if (n.field >= NUV_KCLFY_FIELDS) break;
+    node = n.first + ((s->key[n.field & 7] >> (n.shift & 31)) & n.mask);
   }
   if (n.field < NUV_KCLFY_FIELDS) {
-    s->node = n.first + ((s->key[n.field & 7] >> (n.shift & 31)) & n.mask);
+    s->node = node;
     return;
   }
   __u32 t = s->tree & (NUV_KCLFY_MAX_TREES - 1);
