@@ -271,6 +271,10 @@ nuv_clfy_packet link_descriptor(const Frame &frame) {
   return p;
 }
 
+std::string verdict_text(std::size_t line, std::uint16_t result) {
+  return line ? fmt::format("rule at line {} => {}", line, result) : std::string("no rule");
+}
+
 std::optional<nuv_clfy_packet> packet_descriptor(const Frame &frame, std::vector<std::uint8_t> &storage,
                                                  std::string &why) {
   if (!frame.link_complete) {

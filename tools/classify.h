@@ -119,6 +119,10 @@ class RuleSet {
   std::map<std::size_t, std::uint16_t> results_;
 };
 
+// A verdict as the tool prints it: "rule at line 3 => 2", or "no rule"
+// for line 0.
+std::string verdict_text(std::size_t line, std::uint16_t result);
+
 // Fills a packet descriptor for the frame, or returns nothing (with `why`
 // set) when its link-layer header is not fully captured.  An IP packet cut
 // by the capture is described by the bytes that were captured.  A frame

@@ -58,10 +58,6 @@ int build_rule_set(const ClassifyOptions &o, RuleSet &set, std::map<std::size_t,
 
 namespace {
 
-std::string verdict_text(std::size_t line, std::uint16_t result) {
-  return line ? fmt::format("rule at line {} => {}", line, result) : std::string("no rule");
-}
-
 // One step of an explanation: a rule tried, and what its test said.
 struct ExplainStep {
   std::size_t line;

@@ -155,7 +155,7 @@ class KernelRun {
 
   std::string library_text(bool described, const std::string &why, std::size_t line) {
     if (!described) return why;
-    return line ? fmt::format("rule at line {} => {}", line, set_.result_of(line)) : std::string("no rule");
+    return verdict_text(line, set_.result_of(line));
   }
 
   void packet(const Frame &frame) {
