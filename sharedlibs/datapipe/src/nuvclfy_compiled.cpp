@@ -172,18 +172,11 @@ struct Range {
 
 constexpr Range kNoValue{1, 0};
 
-// The values one comparison accepts, within 0..65535.
+// The smallest range holding the values one comparison accepts.
 Range comparison_range(const nuv_clfy_value &v) {
-  switch (v.op) {
-    case NUV_CLFY_OP_EQ: return {v.value1, v.value1};
-    case NUV_CLFY_OP_NE: return {0, 0xffffu};
-    case NUV_CLFY_OP_LT: return v.value1 == 0 ? kNoValue : Range{0, v.value1 - 1u};
-    case NUV_CLFY_OP_LE: return {0, v.value1};
-    case NUV_CLFY_OP_GT: return v.value1 == 0xffffu ? kNoValue : Range{v.value1 + 1u, 0xffffu};
-    case NUV_CLFY_OP_GE: return {v.value1, 0xffffu};
-    case NUV_CLFY_OP_RANGE: return v.value1 <= v.value2 ? Range{v.value1, v.value2} : kNoValue;
-    default: return {0, 0xffffu};  // 0 and unknown codes always hold
-  }
+  ValueInterval parts[2];
+  const std::uint32_t n = comparison_intervals(v, parts);
+  return n ? Range{parts[0].lo, parts[n - 1].hi} : kNoValue;
 }
 
 // The smallest range holding every value some entry of `list` accepts;

@@ -64,6 +64,33 @@ struct ListRecord {
   std::uint32_t rule_count;
 };
 
+// The values from lo to hi of a 16-bit field (a port, a VLAN id).
+struct ValueInterval {
+  std::uint32_t lo, hi;
+};
+
+// The values one comparison of a value list accepts within 0..65535, as up
+// to two intervals in order (`!=` leaves two); returns how many.  The
+// compiled form takes their hull, the kernel image the intervals.
+inline std::uint32_t comparison_intervals(const nuv_clfy_value &v, ValueInterval out[2]) {
+  const std::uint32_t a = v.value1, b = v.value2, top = 0xffffu;
+  switch (v.op) {
+    case NUV_CLFY_OP_EQ: out[0] = {a, a}; return 1;
+    case NUV_CLFY_OP_NE:
+      if (a == 0) { out[0] = {1, top}; return 1; }
+      if (a == top) { out[0] = {0, top - 1}; return 1; }
+      out[0] = {0, a - 1};
+      out[1] = {a + 1, top};
+      return 2;
+    case NUV_CLFY_OP_LT: if (a == 0) return 0; out[0] = {0, a - 1}; return 1;
+    case NUV_CLFY_OP_LE: out[0] = {0, a}; return 1;
+    case NUV_CLFY_OP_GT: if (a == top) return 0; out[0] = {a + 1, top}; return 1;
+    case NUV_CLFY_OP_GE: out[0] = {a, top}; return 1;
+    case NUV_CLFY_OP_RANGE: if (a > b) return 0; out[0] = {a, b}; return 1;
+    default: out[0] = {0, top}; return 1;  // 0 and unknown codes always hold
+  }
+}
+
 }  // namespace dp::clfy
 
 struct nuv_clfy_compiled {

@@ -51,36 +51,12 @@ std::uint32_t slots_for(std::uint32_t count, std::uint32_t per_slot) { return (c
 
 // ---- Value lists as intervals ----
 
-struct Interval {
-  std::uint32_t lo, hi;
-};
-
-// The values one comparison accepts within 0..65535: up to two intervals.
-std::uint32_t comparison_intervals(const nuv_clfy_value &v, Interval out[2]) {
-  const std::uint32_t a = v.value1, b = v.value2, top = 0xffffu;
-  switch (v.op) {
-    case NUV_CLFY_OP_EQ: out[0] = {a, a}; return 1;
-    case NUV_CLFY_OP_NE:
-      if (a == 0) { out[0] = {1, top}; return 1; }
-      if (a == top) { out[0] = {0, top - 1}; return 1; }
-      out[0] = {0, a - 1};
-      out[1] = {a + 1, top};
-      return 2;
-    case NUV_CLFY_OP_LT: if (a == 0) return 0; out[0] = {0, a - 1}; return 1;
-    case NUV_CLFY_OP_LE: out[0] = {0, a}; return 1;
-    case NUV_CLFY_OP_GT: if (a == top) return 0; out[0] = {a + 1, top}; return 1;
-    case NUV_CLFY_OP_GE: out[0] = {a, top}; return 1;
-    case NUV_CLFY_OP_RANGE: if (a > b) return 0; out[0] = {a, b}; return 1;
-    default: out[0] = {0, top}; return 1;  // 0 and unknown codes always hold
-  }
-}
-
 // The values a list accepts (any entry holds) as sorted, disjoint, not
 // adjacent intervals, into `out` (room for 2 * count).  Returns how many.
-std::uint32_t list_intervals(const nuv_clfy_valuelist &list, Interval *out) {
+std::uint32_t list_intervals(const nuv_clfy_valuelist &list, ValueInterval *out) {
   std::uint32_t n = 0;
   for (std::uint32_t i = 0; i < list.count; ++i) n += comparison_intervals(list.entries[i], out + n);
-  std::sort(out, out + n, [](const Interval &x, const Interval &y) { return x.lo < y.lo; });
+  std::sort(out, out + n, [](const ValueInterval &x, const ValueInterval &y) { return x.lo < y.lo; });
   std::uint32_t merged = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
     if (merged && out[i].lo <= out[merged - 1].hi + 1) {
@@ -167,7 +143,7 @@ class Image {
   nuv_clfy_kernel_table *tables_ = nullptr;
   std::uint32_t table_count_ = 0;
   std::uint32_t table_capacity_ = 0;
-  Interval *scratch_ = nullptr;  // room for the longest list's intervals
+  ValueInterval *scratch_ = nullptr;  // room for the longest list's intervals
   std::uint32_t scratch_room_ = 0;
 };
 
@@ -222,7 +198,7 @@ int Image::plan() {
   }
   header_.slot_count = static_cast<std::uint32_t>(at);
   scratch_room_ = 2 * longest + 2;
-  scratch_ = static_cast<Interval *>(CLFY_ZALLOC(sizeof(Interval) * scratch_room_));
+  scratch_ = static_cast<ValueInterval *>(CLFY_ZALLOC(sizeof(ValueInterval) * scratch_room_));
   slots_ = static_cast<std::uint8_t *>(CLFY_ZALLOC(std::size_t{header_.slot_count} * NUV_KCLFY_SLOT_BYTES));
   if (!scratch_ || !slots_) return NUV_CLFY_KERNEL_E_NO_MEMORY;
   next_value_ = value_base_;
