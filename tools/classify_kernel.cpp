@@ -164,7 +164,6 @@ class KernelRun {
       ++not_run_;
       return;
     }
-    AskCounts before = asked_now();
     nuv_kclfy_run run{};
     run.ifindex = kRunIfindex;
     run.mark_in = kMarkIn;
@@ -186,7 +185,11 @@ class KernelRun {
     if (rc != NUV_KCLFY_OK) {
       kernel = fmt::format("test run failed: {}", nuv_kclfy_strerror(rc));
     } else if (run.verdict == NUV_KCLFY_ASK) {
-      int reason = asked_reason(before, asked_now());
+      // The kernel's counters change only when it asks: the counts seen at
+      // the last ask are the ones before this frame.
+      const AskCounts now = asked_now();
+      int reason = asked_reason(asked_seen_, now);
+      asked_seen_ = now;
       same = ask_allowed(reason, frame, descriptor.has_value(), line);
       kernel = fmt::format("asks userspace ({})", reason_text(reason));
       if (same) ++asked_;
@@ -206,6 +209,7 @@ class KernelRun {
   nuv_kclfy *kernel_ = nullptr;
   std::vector<std::uint8_t> storage_;
   std::size_t first_ask_line_ = 0;
+  AskCounts asked_seen_{};  // the kernel's ask counters after the last ask
   std::size_t frames_ = 0, agree_ = 0, asked_ = 0, not_run_ = 0, differ_ = 0;
 };
 
