@@ -447,24 +447,33 @@ static void end_mirroring(struct nuv_kclfy *k, struct saved_shadows *saved, int 
   free(saved->counts);
 }
 
+/* The traffic-control hook of an interface's side. */
+static struct bpf_tc_hook hook_of(int ifindex, int egress) {
+  struct bpf_tc_hook hook;
+  memset(&hook, 0, sizeof hook);
+  hook.sz = sizeof hook;
+  hook.ifindex = ifindex;
+  hook.attach_point = egress ? BPF_TC_EGRESS : BPF_TC_INGRESS;
+  return hook;
+}
+
+/* Puts program `program_fd` in place of the one attached at `a`, in one
+ * step.  Returns 0 or a negative errno. */
+static int replace_program(const struct attachment *a, int program_fd) {
+  struct bpf_tc_hook hook = hook_of(a->ifindex, a->egress);
+  LIBBPF_OPTS(bpf_tc_opts, opts, .prog_fd = program_fd, .handle = 1, .priority = 1, .flags = BPF_TC_F_REPLACE);
+  return bpf_tc_attach(&hook, &opts);
+}
+
 /* Puts instance `p`'s program in place of the current one on every
  * interface; on a failure the interfaces done are put back. */
 static int move_attachments(struct nuv_kclfy *k, const struct instance *p, char *why, size_t why_size) {
   for (size_t i = 0; i < k->attached_count; ++i) {
-    const struct attachment *a = &k->attached[i];
-    LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = a->ifindex, .attach_point = a->egress ? BPF_TC_EGRESS : BPF_TC_INGRESS);
-    LIBBPF_OPTS(bpf_tc_opts, opts, .prog_fd = p->program_fd, .handle = 1, .priority = 1, .flags = BPF_TC_F_REPLACE);
-    int err = bpf_tc_attach(&hook, &opts);
+    int err = replace_program(&k->attached[i], p->program_fd);
     if (err) {
-      for (size_t j = 0; j < i; ++j) {
-        const struct attachment *b = &k->attached[j];
-        LIBBPF_OPTS(bpf_tc_hook, back, .ifindex = b->ifindex, .attach_point = b->egress ? BPF_TC_EGRESS : BPF_TC_INGRESS);
-        LIBBPF_OPTS(bpf_tc_opts, old, .prog_fd = k->program.program_fd, .handle = 1, .priority = 1,
-                    .flags = BPF_TC_F_REPLACE);
-        bpf_tc_attach(&back, &old);
-      }
-      return fail(why, why_size, NUV_KCLFY_E_ATTACH, "moving interface %d to the larger program: %s", a->ifindex,
-                  strerror(-err));
+      for (size_t j = 0; j < i; ++j) replace_program(&k->attached[j], k->program.program_fd);
+      return fail(why, why_size, NUV_KCLFY_E_ATTACH, "moving interface %d to the larger program: %s",
+                  k->attached[i].ifindex, strerror(-err));
     }
   }
   return NUV_KCLFY_OK;
@@ -616,7 +625,7 @@ int nuv_kclfy_attach(struct nuv_kclfy *k, int ifindex, int egress, char *why, si
   if (!k || ifindex <= 0) return fail(why, why_size, NUV_KCLFY_E_INVALID, "no classifier or no interface");
   if (k->attached_count == MAX_ATTACHMENTS)
     return fail(why, why_size, NUV_KCLFY_E_ATTACH, "attached to %d interfaces already", MAX_ATTACHMENTS);
-  LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = ifindex, .attach_point = egress ? BPF_TC_EGRESS : BPF_TC_INGRESS);
+  struct bpf_tc_hook hook = hook_of(ifindex, egress);
   int added = 0;
   int err = bpf_tc_hook_create(&hook);
   if (err == 0) added = 1;
@@ -639,7 +648,7 @@ int nuv_kclfy_detach_all(struct nuv_kclfy *k) {
   int rc = NUV_KCLFY_OK;
   while (k->attached_count > 0) {
     struct attachment *a = &k->attached[--k->attached_count];
-    LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = a->ifindex, .attach_point = a->egress ? BPF_TC_EGRESS : BPF_TC_INGRESS);
+    struct bpf_tc_hook hook = hook_of(a->ifindex, a->egress);
     LIBBPF_OPTS(bpf_tc_opts, opts, .handle = 1, .priority = 1);
     int err = bpf_tc_detach(&hook, &opts);
     if (err && err != -ENOENT && err != -ENODEV && rc == NUV_KCLFY_OK) rc = NUV_KCLFY_E_ATTACH;
